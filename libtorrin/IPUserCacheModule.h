@@ -1,0 +1,49 @@
+// The IP-user cache: which user is bound to a client address, shared by the parent and all workers of
+// one machine.
+//
+// A binding made by one process is seen by every other at once; it survives the death of any process
+// and a restart. Addresses are compared by value (10.0.0.1 = ::ffff:10.0.0.1). All calls may be made
+// from any number of threads at once; after a fork the child opens the store anew at its first call.
+// Nothing throws. The file format is described in docs/ip-user-cache.md.
+#pragma once
+
+#include <string>
+
+// Results of the int calls.
+enum IPUserCacheResult : int {
+  kCacheSuccess = 0,        // done, or found
+  kCacheNotFound = 1,       // not bound, or the binding has expired
+  kCacheRefused = -1,       // not an IPv4 or IPv6 address; an empty or over-long user
+  kCacheStoreFailed = -2,   // the store failed; one log line says why
+};
+
+class IPUserCacheModule {
+ public:
+  IPUserCacheModule();
+  // In the process that initialised the cache: makes the compact copy and closes. Elsewhere: nothing.
+  ~IPUserCacheModule();
+  IPUserCacheModule(const IPUserCacheModule&) = delete;
+  IPUserCacheModule& operator=(const IPUserCacheModule&) = delete;
+
+  // Reads IPUserCache.ini in `workdir` and opens or recovers the store. Called once in the parent before
+  // any fork. 0, or another value after one log line that says what is wrong.
+  int initialize(const char* workdir);
+
+  // 0: found; `user` is the text exactly as it was bound, `expire` the time in seconds since the epoch
+  // at which the binding ends. Otherwise both stay as they were.
+  int query_cache_item(const char* ip, std::string& user, long& expire);
+
+  // Binds `ip` to `user` (1 to 1,024 bytes), replacing or renewing an earlier binding.
+  int update_cache_item(const char* ip, const std::string& user);
+
+  // Removes the binding; 1 when there was none.
+  int delete_cache_item(const char* ip);
+
+  // Writes all live bindings as CSV (RFC 4180) to the absolute path `path`, beside the target and renamed
+  // into place. Never follows a link, never replaces a file that is not an earlier export. False after one
+  // log line with the reason.
+  bool export_cache_item(const std::string& path);
+
+  // Pushes what was bound to the disk. Async-signal-safe. 0, or -2.
+  int write_cache_file();
+};
