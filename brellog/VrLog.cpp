@@ -1,0 +1,1 @@
+#include "brellog/VrLog.h"
