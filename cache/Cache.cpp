@@ -1,0 +1,254 @@
+// Entries hang in chains, one chain a bucket, one row of buckets a message type. Every entry that can
+// expire also stands in an index ordered by expiry time, so that a full sweep costs what has expired and
+// not 140,000 buckets.
+//
+// Invariant, under the write lock: each entry is in exactly one chain and has exactly one index element,
+// with the entry's own expiry time; count and size are the sums over the chains.
+#include "cache/Cache.h"
+
+#include <google/protobuf/message.h>
+
+#include <array>
+#include <atomic>
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <memory>
+
+#include "brellog/VrLog.h"
+
+namespace Velder {
+
+bool reply_cache_enabled = true;
+uint32_t reply_cache_max_size = 33554432;
+uint32_t reply_cache_total_size = 0;
+int32_t reply_cache_total_count = 0;
+int32_t reply_cache_total_query = 0;
+int32_t reply_cache_total_hit = 0;
+BRELRWLock reply_cache_rwlock;
+
+namespace {
+
+using google::protobuf::Message;
+
+constexpr int kTypes = 28;
+constexpr unsigned int kBuckets = 5000;
+constexpr size_t kKeyBytes = 128;
+
+struct Place {
+  int type;
+  unsigned int bucket;
+};
+
+using ExpiryIndex = std::multimap<int32_t, Place>;
+
+struct Entry {
+  char key[kKeyBytes] = {};
+  int32_t expire_time = 0;  // seconds since the epoch; valid while not below now; 0: invalid
+  std::unique_ptr<Message> message;
+  Entry* next = nullptr;
+  ExpiryIndex::iterator expiry;
+};
+
+Entry* cache_header[kTypes][kBuckets];
+
+ExpiryIndex& expiry_index() {
+  static auto& index = *new ExpiryIndex;  // never destroyed: threads may still run at exit
+  return index;
+}
+
+// A fixed table of 256 distinct values. The values between the published first and last ones come from a
+// multiplicative generator: any will do as long as they differ.
+constexpr std::array<uint32_t, 256> make_sbox() {
+  std::array<uint32_t, 256> table{};
+  uint64_t state = 0x9E3779B97F4A7C15ULL;
+  for (auto& value : table) {
+    state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+    value = static_cast<uint32_t>(state >> 32);
+  }
+  table[0] = 0xF53E1837;
+  table[1] = 0x5F14C86B;
+  table[2] = 0x9EE3964C;
+  table[3] = 0xFA796D53;
+  table[254] = 0x11923B8B;
+  table[255] = 0x45EF170A;
+  return table;
+}
+
+constexpr std::array<uint32_t, 256> kSbox = make_sbox();
+
+constexpr bool all_distinct(const std::array<uint32_t, 256>& table) {
+  for (size_t i = 0; i < table.size(); ++i) {
+    for (size_t j = i + 1; j < table.size(); ++j) {
+      if (table[i] == table[j]) return false;
+    }
+  }
+  return true;
+}
+static_assert(all_distinct(kSbox));
+
+bool valid_type(int type) {
+  return type >= 0 && type < kTypes;
+}
+
+unsigned int bucket_of(const char* key) {
+  return bm_sbox_hash(key, static_cast<uint32_t>(strlen(key)), 0) % kBuckets;
+}
+
+uint32_t size_of(const Message& message) {
+  return static_cast<uint32_t>(message.ByteSizeLong());
+}
+
+template <class Counter>
+Counter read_counter(Counter& counter) {
+  return std::atomic_ref(counter).load(std::memory_order_relaxed);
+}
+
+// Not an atomic read-modify-write: searches that run at once may lose a count of each other, and that is
+// cheaper than a locked addition in every look-up.
+template <class Counter>
+void add_to(Counter& counter, Counter amount) {
+  std::atomic_ref(counter).store(read_counter(counter) + amount, std::memory_order_relaxed);
+}
+
+Entry* find(int type, unsigned int bucket, const char* key) {
+  for (Entry* entry = cache_header[type][bucket]; entry != nullptr; entry = entry->next) {
+    if (strcmp(entry->key, key) == 0) return entry;
+  }
+  return nullptr;
+}
+
+void set_expiry(Entry& entry, int32_t expire_time) {
+  auto node = expiry_index().extract(entry.expiry);
+  node.key() = expire_time;
+  entry.expire_time = expire_time;
+  entry.expiry = expiry_index().insert(std::move(node));
+}
+
+void drop(Entry* entry) {
+  expiry_index().erase(entry->expiry);
+  std::unique_ptr<Entry>{entry};
+}
+
+void recycle_all_expired(long now) {
+  ExpiryIndex& index = expiry_index();
+  while (!index.empty() && index.begin()->first < now) {
+    const Place place = index.begin()->second;
+    recycle_expired_nodes(place.type, place.bucket, now);
+  }
+}
+
+void renew(Entry& entry, const Message& reply, int32_t expire_time) {
+  add_to(reply_cache_total_size, size_of(reply) - size_of(*entry.message));
+  set_expiry(entry, expire_time);
+  entry.message->CopyFrom(reply);
+}
+
+void insert(int type, unsigned int bucket, const char* key, const Message& reply, int32_t expire_time) {
+  auto entry = std::make_unique<Entry>();
+  strncpy(entry->key, key, kKeyBytes - 1);
+  entry->expire_time = expire_time;
+  entry->message.reset(reply.New());
+  entry->message->CopyFrom(reply);
+  entry->next = cache_header[type][bucket];
+  entry->expiry = expiry_index().insert({expire_time, {type, bucket}});
+  cache_header[type][bucket] = entry.release();
+  add_to(reply_cache_total_count, 1);
+  add_to(reply_cache_total_size, size_of(reply));
+}
+
+}  // namespace
+
+uint32_t bm_sbox_hash(const char* bytes, uint32_t length, uint32_t seed) {
+  uint32_t hash = seed;
+  for (uint32_t i = 0; i < length; ++i) hash = (hash ^ kSbox[static_cast<unsigned char>(bytes[i])]) * 3;
+  return hash;
+}
+
+int search_reply_cache(int type, const char* key, Message* reply) {
+  if (!reply_cache_enabled) return kReplyCacheDisabled;
+  if (!valid_type(type)) return kReplyCacheBadType;
+  const time_t now = time(nullptr);
+  const unsigned int bucket = bucket_of(key);
+
+  BRELRLock guard(reply_cache_rwlock);
+  add_to(reply_cache_total_query, 1);
+  const Entry* entry = find(type, bucket, key);
+  if (entry == nullptr || entry->expire_time < now || entry->message == nullptr) return kReplyCacheMiss;
+  reply->CopyFrom(*entry->message);
+  add_to(reply_cache_total_hit, 1);
+  return kReplyCacheDone;
+}
+
+int update_reply_cache(int type, const char* key, const Message* reply, int ttl_seconds) {
+  if (!reply_cache_enabled) return kReplyCacheDisabled;
+  if (!valid_type(type)) return kReplyCacheBadType;
+  const time_t now = time(nullptr);
+  const unsigned int bucket = bucket_of(key);
+
+  BRELWLock guard(reply_cache_rwlock);
+  // Every update sweeps: what is due for a sweep is never put off.
+  recycle_all_expired(now);
+  if (reply_cache_max_size <= reply_cache_total_size) return kReplyCacheFull;
+
+  const bool store = reply != nullptr && ttl_seconds >= 1;
+  const auto expire_time = static_cast<int32_t>(now + ttl_seconds);
+  Entry* entry = find(type, bucket, key);
+  if (entry != nullptr && store) {
+    renew(*entry, *reply, expire_time);
+  } else if (entry != nullptr) {
+    set_expiry(*entry, 0);
+  } else if (store) {
+    insert(type, bucket, key, *reply, expire_time);
+  }
+  return kReplyCacheDone;
+}
+
+void recycle_expired_nodes(int type, unsigned int bucket, long now) {
+  if (!valid_type(type) || bucket >= kBuckets) return;
+  Entry** link = &cache_header[type][bucket];
+  while (*link != nullptr) {
+    Entry* entry = *link;
+    if (entry->expire_time >= now) {
+      link = &entry->next;
+      continue;
+    }
+    add_to(reply_cache_total_size, 0U - size_of(*entry->message));
+    add_to(reply_cache_total_count, -1);
+    *link = entry->next;
+    drop(entry);
+  }
+}
+
+int reset_reply_cache() {
+  VRLOG(kLogDebug, "Clear Reply Cache");
+  BRELWLock guard(reply_cache_rwlock);
+  for (auto& row : cache_header) {
+    for (Entry*& head : row) {
+      while (head != nullptr) {
+        Entry* entry = head;
+        head = entry->next;
+        drop(entry);
+      }
+    }
+  }
+  std::atomic_ref(reply_cache_total_size).store(0, std::memory_order_relaxed);
+  for (int32_t* counter : {&reply_cache_total_count, &reply_cache_total_query, &reply_cache_total_hit}) {
+    std::atomic_ref(*counter).store(0, std::memory_order_relaxed);
+  }
+  return 0;
+}
+
+int set_reply_cache_size(unsigned int bytes) {
+  reply_cache_max_size = bytes;
+  return 0;
+}
+
+void report_cache_status() {
+  // Read without the lock: a figure of a moment ago is good enough for a status line.
+  VRLOG(kLogInfo, "reply cache statistic info: size(%d), count(%d), query(%d), hit(%d)",
+        static_cast<int>(read_counter(reply_cache_total_size)), read_counter(reply_cache_total_count),
+        read_counter(reply_cache_total_query), read_counter(reply_cache_total_hit));
+}
+
+}  // namespace Velder

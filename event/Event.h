@@ -1,0 +1,42 @@
+// The event loop of a worker process: readiness callbacks over one epoll set (epoll(7)) that all threads
+// of the worker share.
+//
+// A registration fires once. When its descriptor is ready it is taken out of epoll before its callback
+// runs, so one descriptor is never served by two threads at a time; a callback that wants more events
+// registers again as its last act. The descriptor is the key of a registration: whoever closes a
+// descriptor that still has one leaves its record behind.
+//
+// event_add and event_del may be called from any thread, callbacks included. Each process that uses the
+// loop calls event_init for itself, after its fork.
+#pragma once
+
+constexpr short EVENT_READ = 1;   // equals EPOLLIN
+constexpr short EVENT_WRITE = 4;  // equals EPOLLOUT
+
+// `events` is what was asked for, not what epoll reported: an error or hang-up shows in the next call on fd.
+using event_callback = void (*)(int fd, short events, void* arg);
+
+struct event {
+  event_callback callback;
+  int fd;
+  short events;   // EVENT_READ, EVENT_WRITE or both
+  void* arg;      // the caller's; handed to the callback as it is
+  event* next;    // the loop's own
+  short persist;  // 1: the loop registers again after each call of the callback
+};
+
+// Fills `ev`, which may live on the caller's stack. No side effect.
+void event_set(event* ev, int fd, short events, event_callback callback, void* arg);
+
+// Registers a copy of `ev` and makes its descriptor non-blocking. The result says nothing that a caller
+// could act on.
+int event_add(event* ev, short persist);
+
+// Queues the removal of the newest registration of ev->fd.
+int event_del(event* ev);
+
+// Makes this process's epoll set. Called once, before the first event_add.
+int event_init();
+
+// Waits for events and runs callbacks. Never returns; run by every thread of the worker.
+int event_dispatch();

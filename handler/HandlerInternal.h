@@ -1,0 +1,87 @@
+// What the request handlers share with each other and with nobody else.
+#pragma once
+
+#include <google/protobuf/message.h>
+
+#include <list>
+#include <string>
+#include <string_view>
+
+#include "event/Event.h"
+#include "handler/Frame.h"
+#include "handler/Reply.h"
+#include "handler/Velder.pb.h"
+#include "wrapper/LdapWrapper.h"
+
+// What becomes of a connection after its request.
+enum class Outcome {
+  kKeep,        // answered: read the next request
+  kClose,       // close it
+  kHandedOver,  // somebody else registers or closes it, or already did
+};
+
+// A complete request frame. The body is all that was gathered after the header, not cut at the header's
+// length.
+struct Frame {
+  int fd;
+  int type;
+  std::string bytes;
+
+  [[nodiscard]] std::string_view body() const { return std::string_view(bytes).substr(kHeaderBytes); }
+};
+
+// One-shot registration. The last thing that a callback does: another thread may serve `fd` at once.
+inline void wait_for(int fd, short events, event_callback callback, void* arg) {
+  event ev;
+  event_set(&ev, fd, events, callback, arg);
+  event_add(&ev, 0);
+}
+
+// False after a log line when the body does not parse or lacks a required field.
+bool parse_request(const Frame& frame, google::protobuf::Message* request);
+
+// Answers with the response type of the frame's request (request type plus one).
+Outcome reply(const Frame& frame, const google::protobuf::Message& response);
+
+// A text from the wire for a call that takes a NUL-terminated one: with a NUL inside it would name
+// somebody else, so it becomes the empty text, which names nobody.
+inline const char* whole_text(const std::string& text) {
+  return text.find('\0') == std::string::npos ? text.c_str() : "";
+}
+
+// What the directory knows of one user.
+struct UserRecord {
+  std::string domain_dns;
+  std::string uid;
+  std::string cn;
+  std::string dn;
+  std::string upn;
+  std::list<GroupMeta> groups;
+};
+
+// Fills all but the groups / all; the library's code, 0 for success. The second asks for the groups only
+// when the user was found.
+int get_user_attributes(const std::string& user, UserRecord& record);
+int get_user_record(const std::string& user, UserRecord& record);
+
+void fill_user_info(const std::string& user_ln, const UserRecord& record, Velder::UserInfo* info);
+void fill_groups(const std::list<GroupMeta>& groups,
+                 google::protobuf::RepeatedPtrField<Velder::GroupInfo>* group_list);
+
+// The request handlers, by family.
+Outcome handle_user_search(Frame& frame);
+Outcome handle_group_search(Frame& frame);
+Outcome handle_user_groups(Frame& frame);
+Outcome handle_user_validate(Frame& frame);
+Outcome handle_user_info(Frame& frame);
+Outcome handle_group_groups(Frame& frame);
+Outcome handle_all_users(Frame& frame);
+
+Outcome handle_ip_bind(Frame& frame);
+Outcome handle_ip_unbind(Frame& frame);
+Outcome handle_ip_query(Frame& frame);
+Outcome handle_ip_export(Frame& frame);
+Outcome handle_ip_auth(Frame& frame);
+
+Outcome handle_negotiate(Frame& frame);
+Outcome start_ntlm_exchange(Frame& frame);

@@ -1,0 +1,192 @@
+// The binding of client addresses to users: bind, unbind, query, export, and the request that asks the
+// local agent who is behind an address.
+#include <strings.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "brellog/VrLog.h"
+#include "cache/Cache.h"
+#include "handler/EventHandler.h"
+#include "handler/HandlerInternal.h"
+#include "handler/WmiExchange.h"
+#include "wrapper/CacheWrapper.h"
+
+namespace {
+
+constexpr int kQueryLifetime = 86400;  // seconds
+// An address that was just asked about is answered from the cache for this long, without asking the agent.
+constexpr int kAuthPlaceholderLifetime = 120;
+constexpr const char* kGuestUser = "Proxy_guest_user";  // the proxy's guest account: not in any directory
+
+void drop_cached_query(const char* ip) {
+  Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, nullptr, 0);
+}
+
+// True when the cached answer is about the user to whom the address is bound now. A cached answer about
+// somebody else is cleared away.
+bool answer_from_cache(const char* ip, const std::string& user, Velder::IPUserQueryResponse* response) {
+  if (Velder::search_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, response) != 0) return false;
+  if (response->userinfo().user_ln() == user) return true;
+  response->Clear();
+  return false;
+}
+
+void answer_from_directory(const char* ip, std::string user, Velder::IPUserQueryResponse* response) {
+  UserRecord record;
+  int code = 0;
+  if (strcasecmp(user.c_str(), kGuestUser) == 0) {
+    user = kGuestUser;
+    record.cn = record.upn = record.uid = user;
+  } else {
+    code = get_user_record(user, record);
+  }
+  fill_user_info(user, record, response->mutable_userinfo());
+  if (code != 0) return;
+  response->set_result(0);  // a required field; the real value is set after the copy was stored
+  if (Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, response, kQueryLifetime) != 0) {
+    VRLOG(kLogInfo, "Error: fail to update reply cache");
+  }
+}
+
+// The scope of the agent's search that a request asks for.
+int agent_scope(const Velder::IPAuthRequest& request) {
+  if (!request.has_scope()) {
+    VRLOG(kLogDebug, "both dc cache and client wmi query");
+    return kScopeBoth;
+  }
+  switch (request.scope()) {
+    case 1: VRLOG(kLogDebug, "only dc cache query"); return kScopeDomainController;
+    case 2: VRLOG(kLogDebug, "only wmi client query"); return kScopeClient;
+    case 3: VRLOG(kLogDebug, "query both dc cache and client"); return kScopeBoth;
+    default:
+      VRLOG(kLogInfo, "Error: unkonw scope, query both dc cache and client");  // sic
+      return kScopeBoth;
+  }
+}
+
+wmi_auth_task* new_wmi_task(const Velder::IPAuthRequest& request, int client_fd) {
+  auto* task = static_cast<wmi_auth_task*>(malloc(sizeof(wmi_auth_task)));
+  if (task == nullptr) return nullptr;
+  memset(task, 0, sizeof(*task));
+  task->scope = agent_scope(request);
+  task->stage = WmiStage::kConnect;
+  task->client_fd = client_fd;
+  task->agent_fd = -1;
+  strncpy(task->ip, request.ip().c_str(), sizeof(task->ip) - 1);
+  return task;
+}
+
+// Default mode, an address asked about a moment ago: the answer of then, and no question to the agent.
+bool answer_auth_from_cache(const Frame& frame, const char* ip, Outcome* outcome) {
+  Velder::IPAuthResponse response;
+  if (Velder::search_reply_cache(frame.type, ip, &response) != 0) {
+    response.Clear();
+    response.set_result(0);
+    if (Velder::update_reply_cache(frame.type, ip, &response, kAuthPlaceholderLifetime) != 0) {
+      VRLOG(kLogInfo, "Error: fail to update reply cache");
+    }
+    return false;
+  }
+  VRLOG(kLogDebug, "messge_type(%d), async, ip(%s), cache, rc(%d)", frame.type, ip,
+        response.result());  // sic
+  *outcome = reply(frame, response);
+  return true;
+}
+
+// Default mode: the client gets its answer at once; what the agent says only fills the IP-user cache.
+Outcome answer_then_ask_agent(const Frame& frame, wmi_auth_task* task) {
+  Velder::IPAuthResponse response;
+  response.set_result(0);
+  VRLOG(kLogDebug, "messge_type(%d), async, ip(%s), rc(%d)", frame.type, task->ip, response.result());  // sic
+  if (reply(frame, response) == Outcome::kClose) {
+    free(task);
+    return Outcome::kClose;
+  }
+  task->client_fd = -1;
+  wait_for(frame.fd, EVENT_READ, tcp_read_socket_handler, nullptr);
+  transparent_auth_handler(-1, -1, task);
+  return Outcome::kHandedOver;
+}
+
+}  // namespace
+
+Outcome handle_ip_bind(Frame& frame) {
+  Velder::IPUserBindRequest request;
+  if (!parse_request(frame, &request)) return Outcome::kClose;
+
+  const char* ip = whole_text(request.ip());
+  Velder::IPUserBindResponse response;
+  response.set_result(CacheWrapper::update_cache_item(ip, request.user_ln()));
+  drop_cached_query(ip);
+  VRLOG(kLogDebug, "IP_USER_BIND_REQUEST, ip(%s)->user(%s), rc(%d)", request.ip().c_str(),
+        request.user_ln().c_str(), response.result());
+  return reply(frame, response);
+}
+
+Outcome handle_ip_unbind(Frame& frame) {
+  Velder::IPUserUnBindRequest request;
+  if (!parse_request(frame, &request)) return Outcome::kClose;
+
+  const char* ip = whole_text(request.ip());
+  Velder::IPUserUnBindResponse response;
+  response.set_result(CacheWrapper::delete_cache_item(ip));
+  drop_cached_query(ip);
+  VRLOG(kLogDebug, "IP_USER_UNBIND_REQUEST, ip(%s), rc(%d)", request.ip().c_str(), response.result());
+  return reply(frame, response);
+}
+
+Outcome handle_ip_query(Frame& frame) {
+  Velder::IPUserQueryRequest request;
+  if (!parse_request(frame, &request)) return Outcome::kClose;
+
+  const char* ip = whole_text(request.ip());
+  Velder::IPUserQueryResponse response;
+  std::string user;
+  long expire = 0;
+  const int code = CacheWrapper::query_cache_item(ip, user, expire);
+  if (code == 0) {
+    if (answer_from_cache(ip, user, &response)) {
+      VRLOG(kLogDebug, "Debug: in reply cache (%s->%s)", ip, user.c_str());
+    } else {
+      VRLOG(kLogDebug, "Debug: miss from reply cache, query database");
+      answer_from_directory(ip, user, &response);
+    }
+  }
+  // The directory's code never reaches the client: a bound address has a user even when nobody knows more.
+  response.set_result(code);
+  response.set_expire_at(static_cast<uint32_t>(expire));
+  VRLOG(kLogDebug, "message_type(%d) ip(%s), rc(%d)", frame.type, ip, code);
+  return reply(frame, response);
+}
+
+Outcome handle_ip_export(Frame& frame) {
+  Velder::IPUserCacheExportRequest request;
+  if (!parse_request(frame, &request)) return Outcome::kClose;
+
+  Velder::IPUserCacheExportResponse response;
+  response.set_result(CacheWrapper::export_cache_item(request.file_path()) ? 0 : -1);
+  VRLOG(kLogDebug, "message_type(%d) ip(%s), rc(%d)", frame.type, request.file_path().c_str(),
+        response.result());
+  return reply(frame, response);
+}
+
+Outcome handle_ip_auth(Frame& frame) {
+  Velder::IPAuthRequest request;
+  const std::string_view body = frame.body();
+  if (!request.ParseFromArray(body.data(), static_cast<int>(body.size()))) {
+    VRLOG(kLogError, "Error: fail to parse IP_AUTH_REQUEST message");
+    return Outcome::kClose;
+  }
+
+  const bool client_waits = request.has_async() && request.async() == 1;
+  Outcome outcome{};
+  if (!client_waits && answer_auth_from_cache(frame, whole_text(request.ip()), &outcome)) return outcome;
+
+  wmi_auth_task* task = new_wmi_task(request, frame.fd);
+  if (task == nullptr) return Outcome::kClose;
+  if (!client_waits) return answer_then_ask_agent(frame, task);
+  transparent_auth_handler(-1, -1, task);
+  return Outcome::kHandedOver;
+}
