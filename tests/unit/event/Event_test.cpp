@@ -1,0 +1,227 @@
+#include "event/Event.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int kThreads = 3;
+
+// The loop never ends: it is started once and serves all tests of the process.
+void start_loop_once() {
+  static std::once_flag started;
+  std::call_once(started, [] {
+    event_init();
+    for (int i = 0; i < kThreads; ++i) std::thread(event_dispatch).detach();
+  });
+}
+
+struct Pair {
+  Pair() { EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, fds.data()), 0); }
+  ~Pair() {
+    for (int fd : fds) close(fd);
+  }
+  void poke() const { EXPECT_EQ(write(fds[1], "x", 1), 1); }
+  [[nodiscard]] int fd() const { return fds[0]; }
+
+  std::array<int, 2> fds{};
+};
+
+// Counts the calls of a callback and remembers the last one.
+struct Recorder {
+  void called(int fd, short events) {
+    const std::lock_guard guard(mutex);
+    last_fd = fd;
+    last_events = events;
+    ++calls;
+    changed.notify_all();
+  }
+  bool wait_for_calls(int expected) {
+    std::unique_lock guard(mutex);
+    return changed.wait_for(guard, 5s, [&] { return calls >= expected; });
+  }
+  int count() {
+    const std::lock_guard guard(mutex);
+    return calls;
+  }
+
+  std::mutex mutex;
+  std::condition_variable changed;
+  int calls = 0;
+  int last_fd = -1;
+  short last_events = 0;
+};
+
+void record_and_drain(int fd, short events, void* arg) {
+  char byte = 0;
+  EXPECT_LE(read(fd, &byte, 1), 1);
+  static_cast<Recorder*>(arg)->called(fd, events);
+}
+
+void add(int fd, short events, Recorder& recorder, short persist) {
+  event ev;
+  event_set(&ev, fd, events, record_and_drain, &recorder);
+  event_add(&ev, persist);
+}
+
+class EventTest : public testing::Test {
+ protected:
+  void SetUp() override { start_loop_once(); }
+  // A registration added later has been served: whatever was due before it has happened.
+  static void settle() {
+    const Pair pair;
+    Recorder recorder;
+    add(pair.fd(), EVENT_READ, recorder, 0);
+    pair.poke();
+    ASSERT_TRUE(recorder.wait_for_calls(1));
+  }
+};
+
+TEST_F(EventTest, OneShotRegistrationFiresOnceAndPersistentOneAgainAndAgain) {
+  for (short persist : {0, 1}) {
+    SCOPED_TRACE(persist);
+    const Pair pair;
+    auto* recorder = new Recorder;  // outlives the test: the loop keeps the persistent registration
+    add(pair.fd(), EVENT_READ, *recorder, persist);
+    pair.poke();
+    ASSERT_TRUE(recorder->wait_for_calls(1));
+    pair.poke();
+    if (persist == 1) {
+      EXPECT_TRUE(recorder->wait_for_calls(2));
+      event ev;
+      event_set(&ev, pair.fd(), EVENT_READ, nullptr, nullptr);
+      event_del(&ev);
+      settle();
+    } else {
+      settle();
+      EXPECT_EQ(recorder->count(), 1);
+      delete recorder;
+    }
+  }
+}
+
+TEST_F(EventTest, CallbackGetsTheRequestedEventsEvenOnHangUp) {
+  Pair pair;
+  Recorder recorder;
+  shutdown(pair.fds[1], SHUT_RDWR);
+  add(pair.fd(), EVENT_WRITE, recorder, 0);
+  ASSERT_TRUE(recorder.wait_for_calls(1));
+  EXPECT_EQ(recorder.last_fd, pair.fd());
+  EXPECT_EQ(recorder.last_events, EVENT_WRITE);
+}
+
+TEST_F(EventTest, NewerOfTwoRegistrationsOfADescriptorFires) {
+  const Pair pair;
+  Recorder older;
+  Recorder newer;
+  add(pair.fd(), EVENT_READ, older, 0);
+  settle();  // applied, so that the next one lies above it
+  add(pair.fd(), EVENT_READ, newer, 0);
+  settle();
+  pair.poke();
+  ASSERT_TRUE(newer.wait_for_calls(1));
+  pair.poke();
+  settle();
+  EXPECT_EQ(newer.count(), 1);
+  EXPECT_EQ(older.count(), 0);  // kept, but no longer in epoll
+}
+
+TEST_F(EventTest, RemovedOrInvalidRegistrationDoesNotFire) {
+  const Pair removed;
+  const Pair invalid;
+  auto* recorder = new Recorder;
+  add(removed.fd(), EVENT_READ, *recorder, 0);
+  event ev;
+  event_set(&ev, removed.fd(), EVENT_READ, record_and_drain, recorder);
+  event_del(&ev);
+  settle();
+  add(invalid.fd(), 2, *recorder, 0);
+  removed.poke();
+  invalid.poke();
+  settle();
+  EXPECT_EQ(recorder->count(), 0);
+}
+
+// Many descriptors, all threads: each callback re-registers its descriptor as its last act.
+struct Load {
+  std::atomic<int> inside{0};
+  std::atomic<int> overlaps{0};
+  std::atomic<int> served{0};
+};
+
+void serve_one_byte(int fd, short /*events*/, void* arg) {
+  auto* load = static_cast<Load*>(arg);
+  if (load->inside.fetch_add(1) != 0) load->overlaps.fetch_add(1);
+  char byte = 0;
+  if (read(fd, &byte, 1) == 1) load->served.fetch_add(1);
+  std::this_thread::yield();
+  load->inside.fetch_sub(1);
+  event ev;
+  event_set(&ev, fd, EVENT_READ, serve_one_byte, arg);
+  event_add(&ev, 0);
+}
+
+TEST_F(EventTest, DescriptorIsNeverServedByTwoThreadsAtOnceAndLosesNothing) {
+  constexpr int kPairs = 50;
+  constexpr int kBytes = 200;
+  auto& pairs = *new std::array<Pair, kPairs>;  // their registrations outlive the test
+  auto& loads = *new std::array<Load, kPairs>;
+  for (size_t i = 0; i < kPairs; ++i) {
+    event ev;
+    event_set(&ev, pairs[i].fd(), EVENT_READ, serve_one_byte, &loads[i]);
+    event_add(&ev, 0);
+  }
+  for (int byte = 0; byte < kBytes; ++byte) {
+    for (const Pair& pair : pairs) pair.poke();
+  }
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  const auto all_served = [&] {
+    for (const Load& load : loads) {
+      if (load.served != kBytes) return false;
+    }
+    return true;
+  };
+  while (!all_served() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  for (const Load& load : loads) {
+    EXPECT_EQ(load.served, kBytes);
+    EXPECT_EQ(load.overlaps, 0);
+  }
+}
+
+// A second descriptor of the same socket keeps it in epoll after the first was closed: it is reported once
+// with a registration and once without.
+[[noreturn]] void close_a_watched_descriptor() {
+  event_init();
+  Pair pair;
+  static Recorder recorder;
+  const int watched = dup(pair.fd());
+  add(watched, EVENT_READ, recorder, 0);
+  std::thread([&pair, watched] {
+    std::this_thread::sleep_for(100ms);
+    close(watched);
+    pair.poke();
+  }).detach();
+  event_dispatch();
+  _exit(0);
+}
+
+TEST(EventDeathTest, ReadyDescriptorWithoutRegistrationAborts) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  EXPECT_DEATH(close_a_watched_descriptor(),
+               "Event.cpp:209: int event_dispatch\\(\\): Assertion `c != __null' failed");
+}
+
+}  // namespace

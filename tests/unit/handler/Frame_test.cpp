@@ -1,0 +1,130 @@
+#include "handler/Frame.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+
+#include "handler/Velder.pb.h"
+
+namespace {
+
+std::string header(int32_t length, int32_t type) {
+  std::string bytes(8, '\0');
+  memcpy(bytes.data(), &length, 4);
+  memcpy(bytes.data() + 4, &type, 4);
+  return bytes;
+}
+
+TEST(FrameTest, BindResponseIsTenKnownBytes) {
+  Velder::IPUserBindResponse response;
+  response.set_result(0);
+  std::string frame = "left over";
+  EXPECT_EQ(message2buffer(Velder::IP_USER_BIND_RESPONSE, &response, frame), 0);
+  EXPECT_EQ(frame, std::string("\x02\0\0\0\x0D\0\0\0\x08\0", 10));
+}
+
+TEST(FrameTest, IntegrityCheckTestsInItsOrder) {
+  struct Row {
+    const char* what;
+    int32_t length;
+    int32_t type;
+    int received;
+    int expected;
+  };
+  constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
+  const Row rows[] = {
+      {"receive error", 0, 8, -1, 0},
+      {"closed", 0, 8, 0, 0},
+      {"half a header", 0, 8, 7, 0},
+      {"empty body", 0, 8, 8, 1},
+      {"length is compared with header and body together", 12, 8, 12, 1},
+      {"longer than all", 13, 8, 12, 0},
+      {"negative length passes", -1, 8, 8, 1},
+      {"most negative length passes", kMin, 8, 8, 1},
+      {"first type", 0, 0, 8, 1},
+      {"last type", 0, 27, 8, 1},
+      {"type below", 0, -1, 8, 0},
+      {"type above", 0, 28, 8, 0},
+  };
+  for (const Row& row : rows) {
+    const std::string bytes = header(row.length, row.type) + "body";
+    errno = ECONNRESET;
+    EXPECT_EQ(message_integrity_check(bytes.data(), row.received), row.expected) << row.what;
+  }
+}
+
+class GatherTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, fds_.data()), 0); }
+  void TearDown() override {
+    for (int fd : fds_) close(fd);
+  }
+  void feed(const std::string& bytes) {
+    ASSERT_EQ(write(fds_[1], bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+  }
+  void hang_up() { shutdown(fds_[1], SHUT_WR); }
+  GatherResult gather(TypeCheck check = TypeCheck::kRefuseInvalid) {
+    std::array<char, 32> buffer{};
+    const GatherResult result = gather_frame(fds_[0], buffer, check, gathered_);
+    for (char byte : buffer) EXPECT_EQ(byte, 0);  // what passed through may have been a password
+    return result;
+  }
+
+  std::array<int, 2> fds_{};
+  std::string gathered_;
+};
+
+TEST_F(GatherTest, FrameIsKeptTogetherOverAnyNumberOfReceives) {
+  const std::string frame = header(100, 8) + std::string(100, 'b');
+  for (char byte : frame.substr(0, frame.size() - 1)) {
+    feed({byte});
+    ASSERT_EQ(gather(), GatherResult::kWait);
+  }
+  feed({frame.back()});
+  EXPECT_EQ(gather(), GatherResult::kComplete);
+  EXPECT_EQ(gathered_, frame);
+}
+
+TEST_F(GatherTest, VerdictOnTheFirstBytes) {
+  struct Row {
+    const char* what;
+    std::string bytes;
+    TypeCheck check;
+    GatherResult expected;
+  };
+  const Row rows[] = {
+      {"nothing yet", "", TypeCheck::kRefuseInvalid, GatherResult::kWait},
+      {"seven bytes", header(0, 8).substr(0, 7), TypeCheck::kRefuseInvalid, GatherResult::kWait},
+      {"header only", header(0, 8), TypeCheck::kRefuseInvalid, GatherResult::kComplete},
+      {"negative length", header(-5, 8), TypeCheck::kRefuseInvalid, GatherResult::kComplete},
+      {"type 28", header(0, 28), TypeCheck::kRefuseInvalid, GatherResult::kClose},
+      {"type 28 where the type does not count", header(0, 28), TypeCheck::kIgnore, GatherResult::kComplete},
+      {"largest body", header(10485760, 8), TypeCheck::kRefuseInvalid, GatherResult::kWait},
+      {"one byte too many", header(10485761, 8), TypeCheck::kRefuseInvalid, GatherResult::kClose},
+      {"two frames", header(1, 8) + "a" + header(1, 8) + "b", TypeCheck::kRefuseInvalid,
+       GatherResult::kComplete},
+  };
+  for (const Row& row : rows) {
+    SetUp();
+    gathered_.clear();
+    feed(row.bytes);
+    EXPECT_EQ(gather(row.check), row.expected) << row.what;
+    EXPECT_EQ(gathered_, row.bytes) << row.what;
+    TearDown();
+  }
+  SetUp();
+}
+
+TEST_F(GatherTest, PeerThatClosesInTheMiddleEndsIt) {
+  feed(header(10, 8) + "half");
+  EXPECT_EQ(gather(), GatherResult::kWait);
+  hang_up();
+  EXPECT_EQ(gather(), GatherResult::kClose);
+}
+
+}  // namespace
