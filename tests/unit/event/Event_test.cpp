@@ -91,7 +91,7 @@ class EventTest : public testing::Test {
 };
 
 TEST_F(EventTest, OneShotRegistrationFiresOnceAndPersistentOneAgainAndAgain) {
-  for (short persist : {0, 1}) {
+  for (short persist : {short{0}, short{1}}) {
     SCOPED_TRACE(persist);
     const Pair pair;
     auto* recorder = new Recorder;  // outlives the test: the loop keeps the persistent registration
