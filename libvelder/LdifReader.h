@@ -5,7 +5,7 @@
 // values with bytes beyond ASCII, and the blocks that ldapsearch prints between and after the entries
 // ("search:"/"result:" and "ref:" lines). It refuses, with a line number, what it would otherwise have to
 // guess: other change types, controls, values from URLs, an export that the server cut short (a result other
-// than 0, or an attribute with a ";range=" that does not reach the end), UTF-16 text.
+// than 0, or an attribute of which only a ";range=" part is there), UTF-16 text.
 #pragma once
 
 #include <cstddef>
@@ -41,36 +41,35 @@ class LdifReader {
   Result<bool> next(LdifRecord& record);
 
  private:
+  // Both parts point into the file or into unfolded_, until the next line is read.
   struct Line {
     std::string_view name;   // as written, options included
-    std::string_view value;  // decoded; points into the file or into one of the buffers below
+    std::string_view value;  // as written
+    bool is_base64 = false;
   };
   enum class LineKind { kEnd, kBlank, kData };
 
   Result<bool> read_record(LdifRecord& record);
-  Result<LineKind> next_line(Line& line);
-  Result<std::string_view> logical_line();
-  Result<LineKind> split_line(std::string_view text, Line& line);
-  Result<bool> read_version(const Line& line);
   Result<bool> begin_record(const Line& line, LdifRecord& record);
   Result<bool> add_attribute(const Line& line, LdifRecord& record, size_t count);
   Result<bool> skip_result_block(const Line& first);
-  Result<bool> skip_reference_block();
-  void shrink(LdifRecord& record, size_t count);
+  Result<bool> skip_reference_block(Line line);
+  Result<LineKind> next_line(Line& line);
+  Result<LineKind> split_line(std::string_view text, Line& line) const;
+  Result<bool> check_range(const Line& line) const;
+  Result<bool> take_value(const Line& line, std::string& value) const;
   std::string_view physical_line();
-  bool at_end() const { return position_ == content_.size(); }
   bool continued() const { return position_ < content_.size() && content_[position_] == ' '; }
+  void shrink(LdifRecord& record, size_t count);
   tl::unexpected<Error> fail(const std::string& reason) const;
 
   std::string file_name_;
   std::string_view content_;
   size_t position_ = 0;      // of the first byte not read
   size_t lines_read_ = 0;    // physical lines
-  size_t current_line_ = 0;  // the first physical line of the logical line at hand
-  bool version_allowed_ = true;
+  size_t current_line_ = 0;  // where the logical line at hand begins
   std::string unfolded_;
-  std::string decoded_;
-  std::vector<LdifAttribute> spare_;  // elements that the last record did not need, for their room
+  std::vector<LdifAttribute> spare_;  // elements that the last record did not need, kept for their room
   std::optional<Error> failed_;
 };
 
