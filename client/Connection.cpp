@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <limits>
 #include <optional>
+#include <random>
 #include <thread>
 
 namespace velder_client {
@@ -17,8 +18,16 @@ using std::chrono::milliseconds;
 
 // The daemon's queue of connections not yet accepted is short. When it is full the kernel drops our
 // request and repeats it only after a second, then three, then seven; a new attempt gets through sooner.
-// The slices double, so that a slow network is given the time it needs.
-constexpr milliseconds kFirstSlice{250};
+// The slices double, so that a slow network is given the time it needs, up to what the kernel itself waits.
+constexpr milliseconds kFirstSlice{100};
+constexpr milliseconds kLongestSlice{1000};
+// Clients that were turned away together must not come back together, or the queue overflows again.
+milliseconds spread(milliseconds slice) {
+  std::random_device random;
+  return milliseconds(
+      std::uniform_int_distribution<milliseconds::rep>(slice.count() / 2, slice.count() * 3 / 2)(random));
+}
+
 // Between rounds in which every attempt failed at once.
 constexpr milliseconds kPause{10};
 
@@ -74,13 +83,13 @@ Result<UniqueFd> connect_any(const std::vector<SocketAddress>& addresses, const 
   const Clock::time_point deadline = Clock::now() + options.connect_timeout;
   std::vector<Candidate> candidates;
   for (const SocketAddress& address : addresses) candidates.push_back({&address, std::nullopt});
-  for (milliseconds slice = kFirstSlice;; slice *= 2) {
+  for (milliseconds slice = kFirstSlice;; slice = std::min(2 * slice, kLongestSlice)) {
     bool again = false;
     bool refused = false;
     const Clock::time_point round_start = Clock::now();
     for (Candidate& candidate : candidates) {
       if (candidate.failure) continue;
-      Result<UniqueFd> fd = attempt(*candidate.address, std::min(Clock::now() + slice, deadline));
+      Result<UniqueFd> fd = attempt(*candidate.address, std::min(Clock::now() + spread(slice), deadline));
       if (fd) return fd;
       if (worth_another_round(fd.error().kind, options)) {
         again = true;
