@@ -33,7 +33,6 @@ struct Domain {
 struct Settings {
   Source source = Source::kLdif;
   std::string ldif_file;                  // complete path
-  uint32_t sync_interval = 1440;          // minutes
   uint32_t search_limit = 1000;           // entries of one search; 0: no limit
   uint32_t shrink_guard = 20;             // percent; 100: off
   uint32_t refused_password_memory = 60;  // seconds; 0: off

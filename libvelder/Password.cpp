@@ -1,0 +1,152 @@
+#include "libvelder/Password.h"
+
+#include <crypt.h>
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+
+#include <array>
+#include <cstring>
+#include <memory>
+
+#include "libvelder/Base64.h"
+#include "libvelder/Fold.h"
+
+namespace velder {
+namespace {
+
+// No directory takes longer ones; hashing what a client sends must stay cheap.
+constexpr size_t kLongestPassword = 4096;
+
+struct HashScheme {
+  std::string_view name;
+  const EVP_MD* (*digest)();
+  bool salted;
+};
+
+constexpr std::array<HashScheme, 6> kHashSchemes = {{{"SSHA", EVP_sha1, true},
+                                                     {"SSHA256", EVP_sha256, true},
+                                                     {"SSHA512", EVP_sha512, true},
+                                                     {"SHA", EVP_sha1, false},
+                                                     {"SHA256", EVP_sha256, false},
+                                                     {"SHA512", EVP_sha512, false}}};
+
+// A text that holds a password or hash and is wiped with all its room.
+class WipedString {
+ public:
+  WipedString() = default;
+  explicit WipedString(std::string_view text) : text_(text) {}
+  WipedString(const WipedString&) = delete;
+  WipedString& operator=(const WipedString&) = delete;
+  ~WipedString() {
+    text_.resize(text_.capacity());
+    OPENSSL_cleanse(text_.data(), text_.size());
+  }
+  std::string& text() { return text_; }
+
+ private:
+  std::string text_;
+};
+
+struct Digest {
+  std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
+  unsigned int size = 0;
+  ~Digest() { OPENSSL_cleanse(bytes.data(), bytes.size()); }
+};
+
+struct FreeContext {
+  void operator()(EVP_MD_CTX* context) const { EVP_MD_CTX_free(context); }
+};
+
+// 32 KiB: too much for the stack of a thread.
+struct CryptWork {
+  crypt_data data{};
+  ~CryptWork() { OPENSSL_cleanse(&data, sizeof data); }
+};
+
+PasswordVerdict verdict_of(bool equal) {
+  return equal ? PasswordVerdict::kMatch : PasswordVerdict::kMismatch;
+}
+
+// The digest of both texts, one behind the other.
+bool compute_digest(const EVP_MD* algorithm, std::string_view first, std::string_view second,
+                    Digest& digest) {
+  const std::unique_ptr<EVP_MD_CTX, FreeContext> context(EVP_MD_CTX_new());
+  return context && EVP_DigestInit_ex(context.get(), algorithm, nullptr) == 1 &&
+         EVP_DigestUpdate(context.get(), first.data(), first.size()) == 1 &&
+         EVP_DigestUpdate(context.get(), second.data(), second.size()) == 1 &&
+         EVP_DigestFinal_ex(context.get(), digest.bytes.data(), &digest.size) == 1;
+}
+
+// `encoded` is base64 of the digest, followed by the salt when there is one.
+PasswordVerdict check_hash(const HashScheme& scheme, std::string_view encoded, std::string_view given) {
+  WipedString decoded;
+  decoded.text().reserve(encoded.size());  // so that no part of it is left behind by growing
+  if (!decode_base64(encoded, decoded.text())) return PasswordVerdict::kCannotTell;
+  const std::string_view stored = decoded.text();
+  const EVP_MD* algorithm = scheme.digest();
+  const auto size = static_cast<size_t>(EVP_MD_get_size(algorithm));
+  if (scheme.salted ? stored.size() <= size : stored.size() != size) return PasswordVerdict::kCannotTell;
+  Digest digest;
+  if (!compute_digest(algorithm, given, stored.substr(size), digest) || digest.size != size) {
+    return PasswordVerdict::kCannotTell;
+  }
+  return verdict_of(CRYPTO_memcmp(stored.data(), digest.bytes.data(), size) == 0);
+}
+
+PasswordVerdict check_crypt(std::string_view hash, std::string_view given) {
+  if (given.size() >= CRYPT_MAX_PASSPHRASE_SIZE || given.find('\0') != std::string_view::npos) {
+    return PasswordVerdict::kMismatch;
+  }
+  if (hash.find('\0') != std::string_view::npos) return PasswordVerdict::kCannotTell;
+  WipedString phrase(given);
+  WipedString setting(hash);
+  const auto work = std::make_unique<CryptWork>();
+  const char* result =
+      crypt_rn(phrase.text().c_str(), setting.text().c_str(), &work->data, sizeof work->data);
+  // Null for a method that this system does not offer, a locked entry ("!..."), or a damaged setting.
+  if (result == nullptr || result[0] == '*') return PasswordVerdict::kCannotTell;
+  const size_t length = std::strlen(result);
+  return verdict_of(length == hash.size() && CRYPTO_memcmp(result, hash.data(), length) == 0);
+}
+
+// By way of digests, so that the time taken tells neither the length nor a common beginning.
+PasswordVerdict check_clear(std::string_view stored, std::string_view given) {
+  Digest stored_digest;
+  Digest given_digest;
+  if (!compute_digest(EVP_sha256(), stored, {}, stored_digest) ||
+      !compute_digest(EVP_sha256(), given, {}, given_digest)) {
+    return PasswordVerdict::kCannotTell;
+  }
+  return verdict_of(
+      CRYPTO_memcmp(stored_digest.bytes.data(), given_digest.bytes.data(), stored_digest.size) == 0);
+}
+
+}  // namespace
+
+PasswordVerdict check_password(std::string_view stored, std::string_view given) {
+  if (given.empty() || given.size() > kLongestPassword) return PasswordVerdict::kMismatch;
+  const size_t close = stored.starts_with('{') ? stored.find('}') : std::string_view::npos;
+  if (close == std::string_view::npos) return check_clear(stored, given);
+  const std::string_view name = stored.substr(1, close - 1);
+  const std::string_view rest = stored.substr(close + 1);
+  for (const HashScheme& scheme : kHashSchemes) {
+    if (ascii_iequals(name, scheme.name)) return check_hash(scheme, rest, given);
+  }
+  if (ascii_iequals(name, "CRYPT")) return check_crypt(rest, given);
+  if (ascii_iequals(name, "CLEARTEXT")) return check_clear(rest, given);
+  return PasswordVerdict::kCannotTell;
+}
+
+PasswordVerdict check_password(std::span<const std::string> stored, std::string_view given) {
+  bool matched = false;
+  bool told = false;
+  for (const std::string& value : stored) {
+    const PasswordVerdict verdict = check_password(std::string_view(value), given);
+    matched |= verdict == PasswordVerdict::kMatch;
+    told |= verdict == PasswordVerdict::kMismatch;
+  }
+  if (matched) return PasswordVerdict::kMatch;
+  return told ? PasswordVerdict::kMismatch : PasswordVerdict::kCannotTell;
+}
+
+}  // namespace velder
