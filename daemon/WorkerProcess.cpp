@@ -203,8 +203,9 @@ void loop_monitor() {
   while (!g_exit_daemon) {
     restart_dead_workers();
     sync_ldap_server();
-    // A worker that dies as soon as it starts must not make this a loop of forks and log lines.
-    if (sleep_once(kRoundSeconds) == kRoundSeconds) sleep_through(kHastyRoundSeconds);
+    // A worker that dies as soon as it starts must not make this a loop of forks and log lines. A sleep that
+    // is interrupted in its first second has one second less left: what remains is rounded down.
+    if (sleep_once(kRoundSeconds) >= kRoundSeconds - 1) sleep_through(kHastyRoundSeconds);
   }
   VRLOG(kLogInfo, "Receive exit signal, daemon will exit...");
   end_workers();
