@@ -19,6 +19,7 @@
 
 #include "brellog/VrLog.h"
 #include "daemonbase/BRELSync.h"
+#include "daemonbase/Immortal.h"
 
 static_assert(EVENT_READ == EPOLLIN && EVENT_WRITE == EPOLLOUT, "the values are handed to epoll as they are");
 
@@ -35,14 +36,18 @@ constexpr int kFailedWaitPauseMilliseconds = 1000;
 int epoll_fd = -1;
 int sync_sockets[2] = {-1, -1};  // 0: read end, watched by epoll; 1: wake-ups are written here
 
-BRELMutex epoll_mutex(false);
-BRELMutex event_list_mutex(false);
+// Never destroyed, like the table below: the worker's threads use them until the process is gone.
+const Immortal<BRELMutex> epoll_mutex_object(false);
+const Immortal<BRELMutex> event_list_mutex_object(false);
+BRELMutex& epoll_mutex = epoll_mutex_object.get();
+BRELMutex& event_list_mutex = event_list_mutex_object.get();
 
 // The registrations in epoll, by descriptor: each slot is a stack, newest on top. Searching one list of all
 // of them from its newest end finds the same record, but costs more with every idle connection.
-std::vector<event*> monitor_events;
-event* pending_active_events = nullptr;
-event* pending_inactive_events = nullptr;
+const Immortal<std::vector<event*>> monitor_events_object;
+std::vector<event*>& monitor_events GUARDED_BY(event_list_mutex) = monitor_events_object.get();
+event* pending_active_events GUARDED_BY(event_list_mutex) = nullptr;
+event* pending_inactive_events GUARDED_BY(event_list_mutex) = nullptr;
 
 void push(event*& head, event* record) {
   record->next = head;
@@ -55,7 +60,7 @@ event* pop(event*& head) {
   return record;
 }
 
-event*& watched_at(int fd) {
+event*& watched_at(int fd) REQUIRES(event_list_mutex) {
   const auto slot = static_cast<size_t>(fd);
   if (slot >= monitor_events.size()) monitor_events.resize(slot + 1);
   return monitor_events[slot];
@@ -75,7 +80,7 @@ int wake_waiter() {
 }
 
 // Takes the registration of a ready descriptor out of epoll and out of the table.
-event take_ready(int fd) {
+event take_ready(int fd) REQUIRES(event_list_mutex) {
   event* record = pop(watched_at(fd));
   // Operators know this failure by its place; it must not move with the lines of this file.
   if (record == nullptr) __assert_fail("c != __null", "Event.cpp", 209, "int event_dispatch()");
@@ -85,7 +90,7 @@ event take_ready(int fd) {
   return ready;
 }
 
-void watch(event* record) {
+void watch(event* record) REQUIRES(event_list_mutex) {
   epoll_event request{};
   request.events = static_cast<uint32_t>(record->events & kEventMask);
   request.data.fd = record->fd;
@@ -96,13 +101,13 @@ void watch(event* record) {
 
 // Neither the request nor the unlinked record is freed: a caller of event_del may still hold the event's
 // argument through a callback that is running.
-void unwatch(const event* request) {
+void unwatch(const event* request) REQUIRES(event_list_mutex) {
   epoll_ctl(epoll_fd, EPOLL_CTL_DEL, request->fd, nullptr);
   if (pop(watched_at(request->fd)) == nullptr) VRLOG(kLogError, "fail to find register event");
 }
 
 // Called with both mutexes held, after every wait.
-void handle_pending_events() {
+void handle_pending_events() REQUIRES(event_list_mutex) {
   char wake_ups[kDrainBytes];
   [[maybe_unused]] const ssize_t drained = read(sync_sockets[0], wake_ups, sizeof(wake_ups));
   while (pending_active_events != nullptr) {
