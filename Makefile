@@ -1,0 +1,56 @@
+# The ways in, thin over CMake. Every target installs the Debian packages that it needs and that are missing
+# (with root or sudo), so that it works on a bare machine.
+
+CMAKE_FLAGS =
+CTEST_FLAGS =
+
+INSTALL = sh packaging/install-packages.sh
+CONFIGURE = cmake -G Ninja -S . $(CMAKE_FLAGS) -B
+COMPILE = cmake --build
+TEST = ctest --output-on-failure -j "$$(nproc)" $(CTEST_FLAGS) --test-dir
+
+help: ## Lists the targets
+	@echo "Targets:"
+	@awk -F ':.*## ' '/^[a-z-]+:.*## / { printf "  make %-10s %s\n", $$1, $$2 }' Makefile
+
+build: ## Builds the programs into build/bin
+	@$(INSTALL) build
+	@$(CONFIGURE) build
+	@$(COMPILE) build
+
+demo: build ## Starts the daemon on port 1100 with an example directory and asks it a few questions
+	@bash tools/demo.sh start
+
+demo-stop: ## Stops the daemon that demo started
+	@bash tools/demo.sh stop
+
+check: ## Builds everything and runs all tests
+	@$(INSTALL) build test
+	@$(CONFIGURE) build -DBUILD_TESTS=ON
+	@$(COMPILE) build
+	@$(TEST) build
+
+asan: ## Runs all tests under the address and undefined-behaviour sanitizers
+	@$(INSTALL) build test
+	@$(CONFIGURE) build/asan -DBUILD_TESTS=ON -DSANITIZE=address,undefined
+	@$(COMPILE) build/asan
+	@$(TEST) build/asan
+
+# The thread sanitizer cannot map its shadow memory where addresses are randomised over more bits than it knows.
+tsan: ## Runs all tests under the thread sanitizer
+	@$(INSTALL) build test
+	@$(CONFIGURE) build/tsan -DBUILD_TESTS=ON -DSANITIZE=thread
+	@$(COMPILE) build/tsan
+	@if setarch -R true 2>/dev/null; then fixed="setarch -R"; fi; $$fixed $(TEST) build/tsan
+
+lint: ## Checks layout, looks for bugs with clang-tidy, checks the shell scripts
+	@$(INSTALL) build test lint
+	@$(CONFIGURE) build/lint -DBUILD_TESTS=ON
+	@$(COMPILE) build/lint --target velder_proto
+	@bash tools/lint.sh build/lint
+
+clean: ## Removes what was built; stops the demo, keeps its files in build/demo
+	@bash tools/demo.sh stop
+	@if [ -d build ]; then find build -mindepth 1 -maxdepth 1 ! -name demo -exec rm -rf {} +; fi
+
+.PHONY: help build demo demo-stop check asan tsan lint clean
