@@ -7,14 +7,19 @@
 // Nothing throws. The file format is described in docs/ip-user-cache.md.
 #pragma once
 
+#include <memory>
 #include <string>
+
+namespace torrin {
+class BindingCache;
+}
 
 // Results of the int calls.
 enum IPUserCacheResult : int {
-  kCacheSuccess = 0,        // done, or found
-  kCacheNotFound = 1,       // not bound, or the binding has expired
-  kCacheRefused = -1,       // not an IPv4 or IPv6 address; an empty or over-long user
-  kCacheStoreFailed = -2,   // the store failed; one log line says why
+  kCacheSuccess = 0,       // done, or found
+  kCacheNotFound = 1,      // not bound, or the binding has expired
+  kCacheRefused = -1,      // not an IPv4 or IPv6 address; an empty or over-long user
+  kCacheStoreFailed = -2,  // the store failed; one log line says why
 };
 
 class IPUserCacheModule {
@@ -30,7 +35,8 @@ class IPUserCacheModule {
   int initialize(const char* workdir);
 
   // 0: found; `user` is the text exactly as it was bound, `expire` the time in seconds since the epoch
-  // at which the binding ends. Otherwise both stay as they were.
+  // at which the binding ends, or 0 for a binding that never does (Lifetime 0). In the second `expire` itself
+  // the binding has already ended. Otherwise both stay as they were.
   int query_cache_item(const char* ip, std::string& user, long& expire);
 
   // Binds `ip` to `user` (1 to 1,024 bytes), replacing or renewing an earlier binding.
@@ -44,6 +50,9 @@ class IPUserCacheModule {
   // log line with the reason.
   bool export_cache_item(const std::string& path);
 
-  // Pushes what was bound to the disk. Async-signal-safe. 0, or -2.
+  // Pushes what was bound to the disk. Async-signal-safe: one system call. 0, or -2, also before initialize.
   int write_cache_file();
+
+ private:
+  std::unique_ptr<torrin::BindingCache> cache_;
 };
