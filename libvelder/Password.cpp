@@ -94,10 +94,10 @@ PasswordVerdict check_hash(const HashScheme& scheme, std::string_view encoded, s
 }
 
 PasswordVerdict check_crypt(std::string_view hash, std::string_view given) {
+  if (hash.find('\0') != std::string_view::npos) return PasswordVerdict::kCannotTell;
   if (given.size() >= CRYPT_MAX_PASSPHRASE_SIZE || given.find('\0') != std::string_view::npos) {
     return PasswordVerdict::kMismatch;
   }
-  if (hash.find('\0') != std::string_view::npos) return PasswordVerdict::kCannotTell;
   WipedString phrase(given);
   WipedString setting(hash);
   const auto work = std::make_unique<CryptWork>();

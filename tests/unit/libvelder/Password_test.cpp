@@ -1,0 +1,100 @@
+#include "libvelder/Password.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace velder {
+namespace {
+
+using namespace std::string_literals;
+using enum PasswordVerdict;
+
+constexpr const char* kPassword =
+    "Sesam-\xc3\xb6"
+    "ffne dich";
+
+// Made with other programs than this one.
+const std::vector<std::string> kStored = {
+    "{SHA}BySwUQhWfH82M/DrmIPDajsEni0=",
+    "{SSHA}8CH7zTMqFzi5Y3Dao/oxshMiL2wBAnNhbHRzYWx0",
+    "{ssha}8CH7zTMqFzi5Y3Dao/oxshMiL2wBAnNhbHRzYWx0",
+    "{SHA256}ApdaURJWQ4NMwV4d6ChUWX19Fipj5Dhn/JUY0G75sEo=",
+    "{SSHA256}hOz0IVV0UzwTnjEy5Sk0whjE88uwq/iKhTiIapIdmAUBAnNhbHRzYWx0",
+    "{SHA512}DTJNuqX25n3EP0ZPfkVJLNWbptCfXjd81Ym3DmNjvNMTXZfB+u91t5sGVfRFIjtM60tMo39bbA+O4t7ufA+coA==",
+    "{SSHA512}U/dprr8sTRkr9xVvi2Or8c0NJ9+trHuOadMLrT/bV+Tlr7Ln/"
+    "ayQQ49ReDSfW+BztC1bnFn1oCi34hI3Sp0SwwECc2FsdHNhbHQ=",
+    "{CRYPT}$y$j75T$abcdefgh1234$Yf4QRzWfxQiWDxHKTmbGW8TupR9imQCEQ3eMfnCV1K4",
+    "{crypt}$6$rounds=1000$saltsalt$9xCMX0hwDjyqAmto5ZnrKQFB2hMUeANUvdgAwsphBxryJrpVUR5Ex7noq."
+    "UOjXtvGDoC9ky9W.p2vA3WA.Ns01",
+    "{CRYPT}$5$rounds=1000$saltsalt$YTPvzZaTbghNL38ollGPtKywBjFAluqYC200cwZogO4",
+    "{CRYPT}$2b$04$abcdefghijklmnopqrstuu1NniybWia/qu3HPNhj7yS3/89gG18ly",
+    "{CLEARTEXT}Sesam-\xc3\xb6"
+    "ffne dich",
+    kPassword,
+};
+
+TEST(Password, EverySchemeTellsRightFromWrong) {
+  for (const std::string& stored : kStored) {
+    EXPECT_EQ(check_password(stored, kPassword), kMatch) << stored;
+    EXPECT_EQ(check_password(stored, "Sesam"), kMismatch) << stored;
+    EXPECT_EQ(check_password(stored, kPassword + "x"s), kMismatch) << stored;
+    EXPECT_EQ(check_password(stored, kPassword + "\0"s), kMismatch) << stored;
+    EXPECT_EQ(check_password(stored, ""), kMismatch) << stored;
+    std::string damaged = stored;  // in the hash or the salt: either counts
+    damaged[damaged.size() - 8] = damaged[damaged.size() - 8] == 'A' ? 'B' : 'A';
+    EXPECT_EQ(check_password(damaged, kPassword), kMismatch) << damaged;
+  }
+}
+
+TEST(Password, AStoredValueThatCannotBeCheckedNeverMatches) {
+  for (const std::string& stored :
+       {"{MD5}X03MO1qnZdYdgyfeuILPmQ=="s, "{SASL}ann@EXAMPLE"s, "{}"s, "{x}y"s, "{SSHA}"s, "{SSHA}=="s,
+        "{SSHA}!!!!"s, "{SSHA}BySwUQhWfH82M/DrmIPDajsEni0="s /* no salt */, "{SHA}BySw"s,
+        "{SHA}BySwUQhWfH82M/DrmIPDajsEni1="s /* stray bits */, "{SHA}BySwUQhWfH82M/DrmIPDajsEni0"s,
+        "{SHA}8CH7zTMqFzi5Y3Dao/oxshMiL2wBAnNhbHRzYWx0"s, "{CRYPT}"s, "{CRYPT}*0"s, "{CRYPT}!$6$saltsalt$x"s,
+        "{CRYPT}$nosuch$abc$def"s, "{CRYPT}$6$salt\0salt"s}) {
+    EXPECT_EQ(check_password(stored, stored), kCannotTell) << stored;
+    EXPECT_EQ(check_password(stored, "x"), kCannotTell) << stored;
+    EXPECT_EQ(check_password(stored, ""), kMismatch) << stored;
+  }
+  EXPECT_EQ(check_password("{CRYPT}$6$rounds=1000$saltsalt", kPassword),
+            kMismatch);  // a setting without a hash
+  EXPECT_EQ(check_password("", ""), kMismatch);
+  EXPECT_EQ(check_password("{CLEARTEXT}", ""), kMismatch);
+}
+
+TEST(Password, LongAndBinaryPasswords) {
+  const std::string longest(4096, 'p');
+  EXPECT_EQ(check_password(longest, longest), kMatch);
+  EXPECT_EQ(check_password(longest + "p", longest + "p"), kMismatch);
+  EXPECT_EQ(check_password("a\0b"s, "a\0b"s), kMatch);
+  EXPECT_EQ(check_password("a\0b"s, "a\0c"s), kMismatch);
+  EXPECT_EQ(check_password("{CRYPT}abUGrp7U08AzI", std::string(600, 'p')), kMismatch);
+  EXPECT_EQ(check_password("{text", "{text"), kMatch);  // no closing brace, no scheme
+}
+
+TEST(Password, AnyOfSeveralValuesMayMatch) {
+  using Values = std::vector<std::string>;
+  EXPECT_EQ(check_password(Values{"{SASL}x", "other", kPassword, "{MD5}x"}, kPassword), kMatch);
+  EXPECT_EQ(check_password(Values{"{SASL}x", "other"}, kPassword), kMismatch);
+  EXPECT_EQ(check_password(Values{"{SASL}x"}, kPassword), kCannotTell);
+  EXPECT_EQ(check_password(Values{}, kPassword), kCannotTell);
+}
+
+TEST(Password, ThreadsDoNotDisturbEachOther) {
+  std::vector<std::jthread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([i] {
+      for (const std::string& stored : kStored) {
+        EXPECT_EQ(check_password(stored, i % 2 == 0 ? kPassword : "wrong"), i % 2 == 0 ? kMatch : kMismatch)
+            << stored;
+      }
+    });
+  }
+}
+
+}  // namespace
+}  // namespace velder
