@@ -37,8 +37,9 @@ constexpr uint16_t kLeafPage = 2;
 constexpr uint16_t kOverflowPage = 4;
 constexpr uint16_t kMetaPage = 8;
 constexpr uint16_t kDataOnOverflowPages = 1;
-constexpr uint16_t kIntegerKeys = 8;  // flag of the free-page tree, whose keys are transaction numbers
-constexpr unsigned kMaxDepth = 31;    // one less than the library's cursors can follow
+constexpr uint16_t kIntegerKeys = 8;   // flag of the free-page tree, whose keys are transaction numbers
+constexpr uint16_t kOneFile = 0x4000;  // stands beside it: a store that is a file, not a folder
+constexpr unsigned kMaxDepth = 31;     // one less than the library's cursors can follow
 constexpr uint32_t kMaxPageSize = 32768;
 
 using Error = std::optional<std::string>;
@@ -94,7 +95,8 @@ tl::expected<FileHeader, std::string> read_meta_page(int fd, uint64_t number, ui
   header.bindings = load_tree(trees + kTreeBytes);
   header.last_page = load<uint64_t>(trees + 2 * kTreeBytes);
   header.transaction = load<uint64_t>(trees + 2 * kTreeBytes + 8);
-  if (load<uint16_t>(trees + 4) != kIntegerKeys || load<uint16_t>(trees + kTreeBytes + 4) != 0) {
+  if ((load<uint16_t>(trees + 4) & ~kOneFile) != kIntegerKeys ||
+      load<uint16_t>(trees + kTreeBytes + 4) != 0) {
     return tl::unexpected<std::string>("its trees have flags that a store never has");
   }
   return header;
