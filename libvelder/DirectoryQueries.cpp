@@ -1,0 +1,221 @@
+#include "libvelder/DirectoryQueries.h"
+
+#include <algorithm>
+#include <array>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "libvelder/Dn.h"
+#include "libvelder/Fold.h"
+#include "libvelder/Password.h"
+
+namespace velder {
+namespace {
+
+// Checked, and ignored, for users that do not exist, so that the time of an answer does not tell who does.
+constexpr std::string_view kNobodysPassword = "{SSHA}2vFJ1bWpXKXMvCDZ1VnBmGXgIzlxdmVsZGVyLW5v";
+
+// The search limit is over when one more than it allows is found.
+size_t probe_limit(uint32_t limit) {
+  return limit == 0 ? 0 : size_t{limit} + 1;
+}
+
+// Cuts the list to the limit; whether there was more.
+bool cut(std::vector<EntryId>& ids, uint32_t limit) {
+  if (limit == 0 || ids.size() <= limit) return false;
+  ids.resize(limit);
+  return true;
+}
+
+void sort_unique(std::vector<EntryId>& ids) {
+  std::sort(ids.begin(), ids.end());
+  ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
+}
+
+std::optional<EntryId> only_one(std::vector<EntryId>& ids) {
+  sort_unique(ids);
+  return ids.size() == 1 ? std::optional(ids.front()) : std::nullopt;
+}
+
+// The first two different groups of those asked for from which a group is reached. Two are enough to tell
+// whether a group is reached from another one than itself, and bound the work for each group.
+struct Origins {
+  std::array<EntryId, 2> from{};
+
+  bool add(EntryId origin) {
+    for (EntryId& place : from) {
+      if (place == origin) return false;
+      if (place == 0) return place = origin, true;
+    }
+    return false;
+  }
+  bool any_but(EntryId group) const {
+    return std::any_of(from.begin(), from.end(), [&](EntryId o) { return o != 0 && o != group; });
+  }
+};
+
+}  // namespace
+
+int DirectoryQueries::search_users(std::string_view name, Match match, std::list<UserMeta>& users) {
+  std::vector<EntryId> ids;
+  const size_t limit = probe_limit(search_limit_);
+  if (match == Match::kWhole)
+    reader_.users_named(fold_text(name), NameUse::kSearch, limit, ids);
+  else
+    reader_.users_containing(search_text(name), limit, ids);
+  const bool more = cut(ids, search_limit_);
+  for (const EntryId id : ids) {
+    UserRow row;
+    if (reader_.user(id, row)) users.push_back(std::move(row.meta));
+  }
+  return code(more ? kDirectorySizeLimit : kDirectorySuccess);
+}
+
+int DirectoryQueries::search_groups(std::string_view name, Match match, std::list<GroupMeta>& groups) {
+  std::vector<EntryId> ids;
+  const size_t limit = probe_limit(search_limit_);
+  if (match == Match::kWhole)
+    reader_.groups_with_cn(fold_text(name), limit, ids);
+  else
+    reader_.groups_containing(search_text(name), limit, ids);
+  const bool more = cut(ids, search_limit_);
+  for (const EntryId id : ids) {
+    GroupMeta row;
+    if (reader_.group(id, row)) groups.push_back(std::move(row));
+  }
+  return code(more ? kDirectorySizeLimit : kDirectorySuccess);
+}
+
+int DirectoryQueries::user_groups(std::string_view user, std::list<GroupMeta>& groups) {
+  const auto id = find_user(user);
+  if (!id) return code(kDirectoryNoSuchObject);
+  reader_.groups_of_user(*id, groups);
+  return code(kDirectorySuccess);
+}
+
+int DirectoryQueries::group_groups(std::string_view group, Match match, std::list<GroupMeta>& groups) {
+  std::vector<EntryId> tops;
+  if (match == Match::kWhole) {
+    if (const auto id = find_group(group, true, true)) tops.push_back(*id);
+  } else {
+    reader_.groups_containing(search_text(group), 0, tops);
+  }
+  if (tops.empty()) return code(kDirectoryNoSuchObject);
+  for (const EntryId id : groups_below(tops)) {
+    GroupMeta row;
+    if (reader_.group(id, row)) groups.push_back(std::move(row));
+  }
+  return code(kDirectorySuccess);
+}
+
+int DirectoryQueries::all_users(const std::list<std::string>& groups, bool by_dn,
+                                std::list<GroupUserMeta>& group_users) {
+  bool found = false;
+  for (const std::string& name : groups) {
+    const auto id = find_group(name, !by_dn, by_dn);
+    if (!id) continue;
+    GroupMeta group;
+    if (!reader_.group(*id, group)) continue;
+    found = true;
+    GroupUserMeta record;
+    record.group_dn = std::move(group.dn);
+    for (const EntryId user : users_below(*id)) {
+      UserRow row;
+      if (reader_.user(user, row)) record.users.push_back(row.meta.uid + '@' + row.domain_dns);
+    }
+    group_users.push_back(std::move(record));
+  }
+  return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);
+}
+
+int DirectoryQueries::user_info(std::string_view user, UserRow& row) {
+  const auto id = find_user(user);
+  const bool found = id && reader_.user(*id, row);
+  return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);
+}
+
+CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std::string_view password) {
+  const auto id = find_user(user);
+  if (!id) {
+    check_password(kNobodysPassword, password);
+    return reader_.failure() ? CredentialVerdict::kCannotTell : CredentialVerdict::kUnknownUser;
+  }
+  Credentials credentials;
+  reader_.credentials(*id, credentials);
+  if (reader_.failure()) return CredentialVerdict::kCannotTell;
+  const PasswordVerdict verdict = check_password(credentials.passwords, password);
+  if (credentials.disabled) return CredentialVerdict::kDisabled;
+  switch (verdict) {
+    case PasswordVerdict::kMatch: return CredentialVerdict::kProven;
+    case PasswordVerdict::kMismatch: return CredentialVerdict::kWrongPassword;
+    case PasswordVerdict::kCannotTell: break;
+  }
+  return CredentialVerdict::kCannotTell;
+}
+
+// A name can be read in several ways (a principal name of one user may be uid@domain of another), and each
+// way may give several users. All are asked; only a name that means one user in the end means anybody.
+std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
+  std::vector<EntryId> ids;
+  const std::string key = fold_text(name);
+  if (key.empty()) return std::nullopt;
+  reader_.users_named(key, NameUse::kIdentity, 2, ids);
+  const std::string_view folded = key;
+  if (const size_t slash = folded.find('\\'); slash != std::string_view::npos && slash > 0) {
+    reader_.users_in_domain(folded.substr(slash + 1), folded.substr(0, slash), false, ids);
+  }
+  if (const size_t at = folded.rfind('@'); at != std::string_view::npos) {
+    reader_.users_in_domain(folded.substr(0, at), folded.substr(at + 1), true, ids);
+  }
+  if (folded.find('=') != std::string_view::npos) {
+    if (const std::string dn_key = normalize_dn(name); !dn_key.empty()) reader_.users_with_dn(dn_key, ids);
+  }
+  return only_one(ids);
+}
+
+std::optional<EntryId> DirectoryQueries::find_group(std::string_view name, bool by_cn, bool by_dn) {
+  std::vector<EntryId> ids;
+  if (by_cn) reader_.groups_with_cn(fold_text(name), 2, ids);
+  if (by_dn) {
+    if (const std::string dn_key = normalize_dn(name); !dn_key.empty()) reader_.groups_with_dn(dn_key, ids);
+  }
+  return only_one(ids);
+}
+
+// The groups that are nested, at any depth, in one of `tops` other than themselves. Every group is worked
+// on at most twice, so neither cycles nor many tops cost more than that.
+std::vector<EntryId> DirectoryQueries::groups_below(const std::vector<EntryId>& tops) {
+  struct Arrival {
+    EntryId group;
+    EntryId origin;
+  };
+  std::unordered_map<EntryId, Origins> reached;
+  std::unordered_map<EntryId, std::vector<EntryId>> members_of;
+  std::vector<Arrival> waiting;
+  for (const EntryId top : tops) waiting.push_back({top, top});
+  while (!waiting.empty()) {
+    const Arrival arrival = waiting.back();
+    waiting.pop_back();
+    const auto [members, first_time] = members_of.try_emplace(arrival.group);
+    if (first_time) reader_.member_groups(arrival.group, members->second);
+    for (const EntryId member : members->second) {
+      if (reached[member].add(arrival.origin)) waiting.push_back({member, arrival.origin});
+    }
+  }
+  std::vector<EntryId> ids;
+  for (const auto& [group, origins] : reached) {
+    if (origins.any_but(group)) ids.push_back(group);
+  }
+  sort_unique(ids);
+  return ids;
+}
+
+std::vector<EntryId> DirectoryQueries::users_below(EntryId group) {
+  std::vector<EntryId> users;
+  reader_.member_users(group, users);
+  for (const EntryId nested : groups_below({group})) reader_.member_users(nested, users);
+  sort_unique(users);
+  return users;
+}
+
+}  // namespace velder

@@ -1,0 +1,54 @@
+// The meaning of the look-ups: how names are read, what is ambiguous, what nesting means, what a limit cuts.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "libvelder/LdapModule.h"
+#include "libvelder/Snapshot.h"
+
+namespace velder {
+
+// How strictly a search or a group's name is taken.
+enum class Match { kAnywhere, kWhole };
+
+enum class CredentialVerdict {
+  kProven,
+  kWrongPassword,
+  kDisabled,
+  kUnknownUser,  // no such user, or a name that several users have
+  kCannotTell,   // no password is stored, or none in a form that can be checked
+};
+
+// Over one thread's reader. Results are DirectoryResult codes; when the reader has failed they are
+// kDirectoryOther, whatever the question. Lists are appended to.
+class DirectoryQueries {
+ public:
+  // `search_limit` 0: no limit.
+  DirectoryQueries(SnapshotReader& reader, uint32_t search_limit)
+      : reader_(reader), search_limit_(search_limit) {}
+
+  int search_users(std::string_view name, Match match, std::list<UserMeta>& users);
+  int search_groups(std::string_view name, Match match, std::list<GroupMeta>& groups);
+  int user_groups(std::string_view user, std::list<GroupMeta>& groups);
+  int group_groups(std::string_view group, Match match, std::list<GroupMeta>& groups);
+  int all_users(const std::list<std::string>& groups, bool by_dn, std::list<GroupUserMeta>& group_users);
+  int user_info(std::string_view user, UserRow& row);
+  CredentialVerdict check_credential(std::string_view user, std::string_view password);
+
+ private:
+  std::optional<EntryId> find_user(std::string_view name);
+  std::optional<EntryId> find_group(std::string_view name, bool by_cn, bool by_dn);
+  std::vector<EntryId> groups_below(const std::vector<EntryId>& tops);
+  std::vector<EntryId> users_below(EntryId group);
+  int code(int when_good) const { return reader_.failure() ? kDirectoryOther : when_good; }
+
+  SnapshotReader& reader_;
+  uint32_t search_limit_;
+};
+
+}  // namespace velder

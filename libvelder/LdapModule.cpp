@@ -1,0 +1,170 @@
+// The face of the directory library: catches what may be thrown, turns failures into codes and log lines,
+// and leaves the work to the parts behind it.
+#include "libvelder/LdapModule.h"
+
+#include <cstring>
+#include <exception>
+#include <string_view>
+
+#include "brellog/VrLog.h"
+#include "libvelder/DirectoryQueries.h"
+#include "libvelder/Dn.h"
+#include "libvelder/LiveDirectory.h"
+
+namespace {
+
+using velder::CredentialVerdict;
+using velder::DirectoryQueries;
+using velder::Match;
+
+// Of an error line: file names may be long, but a line of the log ends at 4,095 characters.
+constexpr size_t kErrorTextLimit = 2000;
+
+int report(const velder::Error& error) {
+  VRLOG(kLogError, "Directory: %s", velder::printable(error.text, kErrorTextLimit).c_str());
+  return error.code == kDirectorySuccess ? kDirectoryOther : error.code;
+}
+
+// Memory may run out anywhere; the caller gets `when_thrown`.
+template <class Work, class Value>
+Value guarded(Work work, Value when_thrown) noexcept {
+  try {
+    return work();
+  } catch (const std::exception& e) {
+    VRLOG(kLogError, "Directory: request given up: %s", e.what());
+  } catch (...) {
+    VRLOG(kLogError, "Directory: request given up");
+  }
+  return when_thrown;
+}
+
+// One look-up on the snapshot in force. Why it cannot be opened was logged when it was tried; this request
+// is only told.
+template <class Ask>
+int look_up(Ask ask) noexcept {
+  const auto work = [&]() -> int {
+    const auto lease = velder::lease_directory();
+    if (!lease) return lease.error().code;
+    DirectoryQueries queries(*lease->reader, lease->search_limit);
+    const int code = ask(queries);
+    if (lease->reader->failure()) report(*lease->reader->failure());
+    return code;
+  };
+  return guarded(work, int{kDirectoryOther});
+}
+
+Match match_of(int flag) {
+  return flag == 0 ? Match::kAnywhere : Match::kWhole;
+}
+
+const char* describe(CredentialVerdict verdict) {
+  switch (verdict) {
+    case CredentialVerdict::kProven: return "proven";
+    case CredentialVerdict::kWrongPassword: return "wrong";
+    case CredentialVerdict::kDisabled: return "disabled";
+    case CredentialVerdict::kUnknownUser: return "no such user, or several of that name";
+    case CredentialVerdict::kCannotTell: break;
+  }
+  return "cannot tell";
+}
+
+}  // namespace
+
+// No acceptor is configured, so an exchange has nothing to keep.
+struct LdapModule::Exchange {};
+
+LdapModule::LdapModule() = default;
+LdapModule::~LdapModule() = default;
+
+int LdapModule::initialize(const char* workdir, bool /*flag*/) {
+  const auto work = [&]() -> int {
+    if (workdir == nullptr) return report({kDirectoryOther, "no working directory was given"});
+    const auto done = velder::initialize_directory(workdir);
+    return done ? int{kDirectorySuccess} : report(done.error());
+  };
+  return guarded(work, int{kDirectoryOther});
+}
+
+int LdapModule::load_db_cache() {
+  const auto work = []() -> int {
+    const auto done = velder::reload_directory();
+    return done ? int{kDirectorySuccess} : report(done.error());
+  };
+  return guarded(work, int{kDirectoryOther});
+}
+
+int LdapModule::search_users(const std::string& name, int flag, std::list<UserMeta>& users) {
+  return look_up(
+      [&](DirectoryQueries& queries) { return queries.search_users(name, match_of(flag), users); });
+}
+
+int LdapModule::search_groups(const std::string& name, int flag, std::list<GroupMeta>& groups) {
+  return look_up(
+      [&](DirectoryQueries& queries) { return queries.search_groups(name, match_of(flag), groups); });
+}
+
+int LdapModule::get_user_groups(const std::string& user, std::list<GroupMeta>& groups) {
+  return look_up([&](DirectoryQueries& queries) { return queries.user_groups(user, groups); });
+}
+
+int LdapModule::get_group_groups(const std::string& group, int flag, std::list<GroupMeta>& groups) {
+  return look_up(
+      [&](DirectoryQueries& queries) { return queries.group_groups(group, match_of(flag), groups); });
+}
+
+int LdapModule::get_all_users(std::list<std::string> groups, int is_dn,
+                              std::list<GroupUserMeta>& group_users) {
+  return look_up(
+      [&](DirectoryQueries& queries) { return queries.all_users(groups, is_dn != 0, group_users); });
+}
+
+int LdapModule::get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,
+                              std::string& cn, std::string& dn, std::string& upn) {
+  return look_up([&](DirectoryQueries& queries) {
+    velder::UserRow row;
+    const int code = queries.user_info(user, row);
+    if (code != kDirectorySuccess) return code;
+    domain_dns = std::move(row.domain_dns);
+    uid = std::move(row.meta.uid);
+    cn = std::move(row.meta.cn);
+    dn = std::move(row.meta.dn);
+    upn = std::move(row.meta.upn);
+    return code;
+  });
+}
+
+bool LdapModule::validate_credential(const char* user, const char* password, void* /*reserved*/) {
+  if (user == nullptr || password == nullptr || *user == '\0' || *password == '\0') return false;
+  auto verdict = CredentialVerdict::kCannotTell;
+  look_up([&](DirectoryQueries& queries) {
+    verdict = queries.check_credential(user, password);
+    return int{kDirectorySuccess};
+  });
+  if (verdict == CredentialVerdict::kProven) return true;
+  const auto log = [&]() -> bool {
+    VRLOG(kLogInfo, "Directory: password of user %s refused: %s", velder::printable(user).c_str(),
+          describe(verdict));
+    return false;
+  };
+  return guarded(log, false);
+}
+
+// No acceptor is configured: nobody can be proven this way.
+bool LdapModule::validate_negotiate_message(const char* /*token*/, std::string& clientinfo,
+                                            std::string& returnmsg, bool& neednego) {
+  clientinfo.clear();
+  returnmsg.clear();
+  neednego = false;
+  return false;
+}
+
+std::string LdapModule::dn_to_dns_name(const char* dn) {
+  return guarded([&] { return dn == nullptr ? std::string() : velder::dns_domain_of(dn); }, std::string());
+}
+
+// No acceptor is configured: no challenge is ever given.
+int LdapModule::validate_ntlm_message(const char* /*client_ip*/, char* /*token*/, int /*token_len*/,
+                                      char* /*out*/, int& out_len) {
+  out_len = 0;
+  return -1;
+}

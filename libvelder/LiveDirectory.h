@@ -1,0 +1,35 @@
+// The directory as this process has it open: which snapshot is in force, and each thread's connection to it.
+//
+// Every thread keeps its connection between look-ups and compares one atomic number to see whether it is
+// still the right one. A reload puts a new snapshot in force and raises the number; look-ups under way end
+// on the old one, which goes away with the last thread that has turned to the new.
+//
+// After a fork the child opens everything anew at its first look-up. It neither uses nor closes a connection
+// that was opened before; what an inherited one holds is given up.
+#pragma once
+
+#include <cstdint>
+
+#include "libvelder/Error.h"
+#include "libvelder/Snapshot.h"
+
+namespace velder {
+
+// Valid until the calling thread's next lease_directory().
+struct DirectoryLease {
+  SnapshotReader* reader = nullptr;
+  uint32_t search_limit = 0;
+};
+
+// Reads the settings in `workdir` and brings the snapshot up to date. Leaves nothing open. To be called
+// before other threads run; calling it again is allowed and turns to the other directory.
+Result<void> initialize_directory(const std::string& workdir);
+
+// Reads settings and source again and puts the result in force for all threads. On an error everything
+// stays as it was. Any thread; may take as long as building a snapshot does.
+Result<void> reload_directory();
+
+// The calling thread's connection to the snapshot in force.
+Result<DirectoryLease> lease_directory();
+
+}  // namespace velder

@@ -1,0 +1,257 @@
+// Questions to a snapshot. A statement is prepared when it is first needed and kept; between two questions
+// every statement is reset.
+#include <openssl/crypto.h>
+
+#include <algorithm>
+#include <array>
+#include <functional>
+
+#include "libvelder/Fold.h"
+#include "libvelder/SnapshotInternal.h"
+
+namespace velder {
+namespace {
+
+enum Query : size_t {
+  kUsersByIdentity,
+  kUsersBySearch,
+  kUsersByDn,
+  kUsersInDomain,
+  kUsersIndexed,
+  kUsersScanned,
+  kUser,
+  kPasswords,
+  kSecrets,
+  kGroupsByCn,
+  kGroupsByDn,
+  kGroupsIndexed,
+  kGroupsScanned,
+  kGroup,
+  kGroupsOfUser,
+  kGroupsOfUserStepwise,
+  kMemberGroups,
+  kMemberUsers,
+  kQueries
+};
+
+// The numbers in the kinds are those of NameKind. Where the order of a join matters for speed, CROSS JOIN
+// keeps it.
+constexpr std::array<const char*, kQueries> kSql = {
+    // kUsersByIdentity
+    "SELECT DISTINCT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2) ORDER BY user_id LIMIT ?2",
+    // kUsersBySearch
+    "SELECT DISTINCT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2, 4) ORDER BY user_id LIMIT ?2",
+    // kUsersByDn
+    "SELECT user_id FROM user_name WHERE key = ?1 AND kind = 3",
+    // kUsersInDomain
+    "SELECT n.user_id FROM user_name n CROSS JOIN user_entry u ON u.id = n.user_id "
+    "CROSS JOIN domain d ON d.id = u.domain_id "
+    "WHERE n.key = ?1 AND n.kind = 1 AND (d.dns_key = ?2 OR (?3 = 0 AND d.netbios_key = ?2))",
+    // kUsersIndexed
+    "SELECT rowid FROM user_search WHERE user_search MATCH ?1 ORDER BY rowid LIMIT ?2",
+    // kUsersScanned
+    "SELECT id FROM user_folded WHERE instr(cn, ?1) OR instr(uid, ?1) OR instr(upn, ?1) ORDER BY id LIMIT ?2",
+    // kUser
+    "SELECT u.dn, u.cn, u.uid, u.upn, d.dns FROM user_entry u CROSS JOIN domain d ON d.id = u.domain_id "
+    "WHERE u.id = ?1",
+    // kPasswords
+    "SELECT value FROM user_password WHERE user_id = ?1 ORDER BY position",
+    // kSecrets
+    "SELECT disabled, nt_hash FROM user_entry WHERE id = ?1",
+    // kGroupsByCn
+    "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 4 ORDER BY group_id LIMIT ?2",
+    // kGroupsByDn
+    "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 3",
+    // kGroupsIndexed
+    "SELECT rowid FROM group_search WHERE group_search MATCH ?1 ORDER BY rowid LIMIT ?2",
+    // kGroupsScanned
+    "SELECT id FROM group_folded WHERE instr(cn, ?1) ORDER BY id LIMIT ?2",
+    // kGroup
+    "SELECT dn, cn FROM group_entry WHERE id = ?1",
+    // kGroupsOfUser
+    "SELECT g.dn, g.cn FROM ("
+    "SELECT group_id AS id FROM user_group WHERE user_id = ?1 UNION "
+    "SELECT a.ancestor_id FROM user_group m CROSS JOIN group_ancestor a ON a.group_id = m.group_id "
+    "WHERE m.user_id = ?1) x CROSS JOIN group_entry g ON g.id = x.id ORDER BY x.id",
+    // kGroupsOfUserStepwise
+    "WITH RECURSIVE reached(id) AS (SELECT group_id FROM user_group WHERE user_id = ?1 UNION "
+    "SELECT p.group_id FROM reached r CROSS JOIN nested_group p ON p.member_id = r.id) "
+    "SELECT g.dn, g.cn FROM group_entry g WHERE g.id IN reached ORDER BY g.id",
+    // kMemberGroups
+    "SELECT member_id FROM nested_group INDEXED BY nested_group_members WHERE group_id = ?1 "
+    "ORDER BY member_id",
+    // kMemberUsers
+    "SELECT user_id FROM group_user WHERE group_id = ?1 ORDER BY user_id",
+};
+
+// The index knows every run of three characters; shorter texts, and texts that it would read otherwise than
+// they stand, are looked for by reading all.
+bool index_can_find(std::string_view part) {
+  if (!is_utf8(part)) return false;
+  const auto continues = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
+  return std::count_if(part.begin(), part.end(), [&](char c) { return !continues(c); }) >= 3;
+}
+
+// One quoted string in the index's query language, in which nothing but the quote is special.
+std::string index_phrase(std::string_view part) {
+  std::string phrase = "\"";
+  for (const char c : part) {
+    if (c == '"') phrase += '"';
+    phrase += c;
+  }
+  return phrase += '"';
+}
+
+int64_t sql_limit(size_t limit) {
+  return limit == 0 ? -1 : static_cast<int64_t>(limit);
+}
+
+}  // namespace
+
+Credentials::~Credentials() {
+  for (std::string& password : passwords) OPENSSL_cleanse(password.data(), password.size());
+  OPENSSL_cleanse(nt_hash.data(), nt_hash.size());
+}
+
+struct SnapshotReader::Statements {
+  Database database;
+  std::array<Statement, kQueries> prepared;
+
+  // Runs one query; `bind` and `row` get the statement. What goes wrong ends up in `failure`.
+  template <class Bind, class Row>
+  void run(Query query, std::optional<Error>& failure, Bind bind, Row row) {
+    if (failure) return;
+    Statement& statement = prepared[query];
+    if (!statement.prepared() && !statement.prepare(database, kSql[query])) {
+      failure = database.error(kSnapshotName);
+      return;
+    }
+    bind(statement);
+    Statement::Step step = statement.step();
+    for (; step == Statement::Step::kRow; step = statement.step()) row(statement);
+    if (step == Statement::Step::kError) failure = database.error(kSnapshotName);
+    statement.reset();
+  }
+
+  void collect(Query query, std::optional<Error>& failure, std::vector<EntryId>& ids,
+               const std::function<void(Statement&)>& bind) {
+    run(query, failure, bind, [&](Statement& row) { ids.push_back(row.number(0)); });
+  }
+};
+
+Result<std::unique_ptr<SnapshotReader>> SnapshotReader::open(std::shared_ptr<const SnapshotFile> file) {
+  std::unique_ptr<SnapshotReader> reader(new SnapshotReader(std::move(file)));  // private constructor
+  if (auto opened = reader->statements_->database.open_mapped(*reader->file_); !opened) {
+    return tl::make_unexpected(opened.error());
+  }
+  return reader;
+}
+
+SnapshotReader::SnapshotReader(std::shared_ptr<const SnapshotFile> file)
+    : file_(std::move(file)), statements_(std::make_unique<Statements>()) {}
+
+// The statements go first: they read the mapping that the file holds.
+SnapshotReader::~SnapshotReader() = default;
+
+void SnapshotReader::users_named(std::string_view key, NameUse use, size_t limit, std::vector<EntryId>& ids) {
+  statements_->collect(use == NameUse::kIdentity ? kUsersByIdentity : kUsersBySearch, failure_, ids,
+                       [&](Statement& s) {
+                         s.bind(1, key);
+                         s.bind(2, sql_limit(limit));
+                       });
+}
+
+void SnapshotReader::users_with_dn(std::string_view dn_key, std::vector<EntryId>& ids) {
+  statements_->collect(kUsersByDn, failure_, ids, [&](Statement& s) { s.bind(1, dn_key); });
+}
+
+void SnapshotReader::users_in_domain(std::string_view uid_key, std::string_view domain_key, bool dns_only,
+                                     std::vector<EntryId>& ids) {
+  statements_->collect(kUsersInDomain, failure_, ids, [&](Statement& s) {
+    s.bind(1, uid_key);
+    s.bind(2, domain_key);
+    s.bind(3, int64_t{dns_only});
+  });
+}
+
+void SnapshotReader::users_containing(std::string_view part, size_t limit, std::vector<EntryId>& ids) {
+  containing(part, limit, true, ids);
+}
+
+void SnapshotReader::groups_containing(std::string_view part, size_t limit, std::vector<EntryId>& ids) {
+  containing(part, limit, false, ids);
+}
+
+void SnapshotReader::containing(std::string_view part, size_t limit, bool users, std::vector<EntryId>& ids) {
+  const bool indexed = index_can_find(part);
+  const std::string argument = indexed ? index_phrase(part) : std::string(part);
+  const Query query =
+      indexed ? (users ? kUsersIndexed : kGroupsIndexed) : (users ? kUsersScanned : kGroupsScanned);
+  statements_->collect(query, failure_, ids, [&](Statement& s) {
+    s.bind(1, argument);
+    s.bind(2, sql_limit(limit));
+  });
+}
+
+bool SnapshotReader::user(EntryId id, UserRow& row) {
+  bool found = false;
+  statements_->run(
+      kUser, failure_, [&](Statement& s) { s.bind(1, id); },
+      [&](Statement& s) {
+        row.meta = UserMeta{s.text(0), s.text(1), s.text(2), s.text(3)};
+        row.domain_dns = s.text(4);
+        found = true;
+      });
+  return found;
+}
+
+void SnapshotReader::credentials(EntryId id, Credentials& credentials) {
+  const auto bind = [&](Statement& s) { s.bind(1, id); };
+  statements_->run(kSecrets, failure_, bind, [&](Statement& s) {
+    credentials.disabled = s.number(0) != 0;
+    credentials.nt_hash = s.text(1);
+  });
+  statements_->run(kPasswords, failure_, bind,
+                   [&](Statement& s) { credentials.passwords.push_back(s.text(0)); });
+}
+
+void SnapshotReader::groups_with_cn(std::string_view key, size_t limit, std::vector<EntryId>& ids) {
+  statements_->collect(kGroupsByCn, failure_, ids, [&](Statement& s) {
+    s.bind(1, key);
+    s.bind(2, sql_limit(limit));
+  });
+}
+
+void SnapshotReader::groups_with_dn(std::string_view dn_key, std::vector<EntryId>& ids) {
+  statements_->collect(kGroupsByDn, failure_, ids, [&](Statement& s) { s.bind(1, dn_key); });
+}
+
+bool SnapshotReader::group(EntryId id, GroupMeta& row) {
+  bool found = false;
+  statements_->run(
+      kGroup, failure_, [&](Statement& s) { s.bind(1, id); },
+      [&](Statement& s) {
+        row = GroupMeta{s.text(0), s.text(1)};
+        found = true;
+      });
+  return found;
+}
+
+void SnapshotReader::groups_of_user(EntryId user, std::list<GroupMeta>& groups) {
+  statements_->run(
+      file_->meta().has_ancestors ? kGroupsOfUser : kGroupsOfUserStepwise, failure_,
+      [&](Statement& s) { s.bind(1, user); },
+      [&](Statement& s) {
+        groups.push_back(GroupMeta{s.text(0), s.text(1)});
+      });
+}
+
+void SnapshotReader::member_groups(EntryId group, std::vector<EntryId>& ids) {
+  statements_->collect(kMemberGroups, failure_, ids, [&](Statement& s) { s.bind(1, group); });
+}
+
+void SnapshotReader::member_users(EntryId group, std::vector<EntryId>& ids) {
+  statements_->collect(kMemberUsers, failure_, ids, [&](Statement& s) { s.bind(1, group); });
+}
+
+}  // namespace velder
