@@ -1,9 +1,12 @@
 // The administrator's command line for the daemon: one command per request type, over the wire only.
 #include <CLI/CLI.hpp>
 #include <functional>
+#include <iostream>
 #include <string>
+#include <vector>
 
 #include "tools/authctl_commands.h"
+#include "tools/authctl_format.h"
 
 namespace {
 
@@ -41,9 +44,11 @@ void add_general_options(Program& program) {
   app.add_option("--server", program.settings.server,
                  "Where the daemon listens: HOST, HOST:PORT or [IPV6]:PORT")
       ->default_val("127.0.0.1:1100")
+      ->take_last()  // so that an alias may set one
       ->type_name("HOST:PORT");
   app.add_option("--timeout", program.timeout_seconds, "Longest wait for the connection, and for each answer")
       ->default_val(program.timeout_seconds)
+      ->take_last()
       ->check(CLI::Range(0.001, 86400.0))
       ->type_name("SECONDS");
   app.add_flag("--json", program.settings.json,
@@ -90,8 +95,7 @@ void add_directory_commands(Program& program) {
                                       "all-users Staff 'Domain Guests'\n"
                                       "  authctl all-users --dn 'CN=Staff,OU=Groups,DC=corp,DC=test'",
                                       authctl::all_users);
-  // Otherwise a group called [a,b] would be taken for two.
-  members->add_option("GROUP", settings.groups, "cn of a group")->required()->allow_extra_args(false);
+  members->add_option("GROUP", settings.groups, "cn of a group")->required();
   members->add_flag("--dn", settings.by_dn, "The groups are given by DN");
 
   CLI::App* info = program.command("user-info", "Names and groups of one user",
@@ -154,6 +158,27 @@ void add_token_commands(Program& program) {
       ->required();
 }
 
+// The parser takes a value of a list that stands in brackets for a list itself: a group called [a,b] would
+// become two, one called [a] would lose its brackets. A character in front of the bracket prevents it.
+constexpr char kShield = '\x01';
+
+std::vector<std::string> shielded_arguments(int argc, char** argv) {
+  std::vector<std::string> arguments;
+  for (int i = argc - 1; i > 0; --i) {  // the parser takes them from the back
+    std::string& argument = arguments.emplace_back(argv[i]);
+    if (argument.starts_with('[')) argument.insert(argument.begin(), kShield);
+  }
+  return arguments;
+}
+
+void remove_shields(Settings& settings) {
+  const auto remove = [](std::string& text) {
+    if (text.size() > 1 && text[0] == kShield && text[1] == '[') text.erase(text.begin());
+  };
+  for (std::string* text : {&settings.server, &settings.name, &settings.ip, &settings.token}) remove(*text);
+  for (std::string& group : settings.groups) remove(group);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -163,7 +188,17 @@ int main(int argc, char** argv) {
   add_address_commands(program);
   add_token_commands(program);
   try {
-    program.app.parse(argc, argv);
+    program.app.parse(shielded_arguments(argc, argv));
+    remove_shields(program.settings);
+  } catch (const CLI::RequiredError& error) {
+    const std::vector<std::string> unknown = program.app.remaining();
+    if (!program.app.get_subcommands().empty() || unknown.empty()) {
+      program.app.exit(error);
+    } else {
+      std::cerr << "authctl: there is no command '" << authctl::printable(unknown.front())
+                << "'; 'authctl --help' lists them\n";
+    }
+    return authctl::kExitUsage;
   } catch (const CLI::ParseError& error) {
     return program.app.exit(error) == 0 ? authctl::kExitSuccess : authctl::kExitUsage;
   }
