@@ -212,10 +212,9 @@ std::string squeeze_blanks(std::string_view text) {
   return result;
 }
 
-std::string normalize_attribute(const DnAttribute& attribute) {
-  if (attribute.is_hex) return attribute.type + "=" + attribute.value;
-  std::string text = attribute.type + "=";
-  const std::string value = squeeze_blanks(fold_text(attribute.value));
+// Folding can bring forth special characters (a full-width comma), so the escaping comes last.
+void append_normal_value(std::string& text, std::string_view raw) {
+  const std::string value = squeeze_blanks(fold_text(raw));
   for (size_t i = 0; i < value.size(); ++i) {
     const char c = value[i];
     const bool special = std::string_view("\"+,;<>\\").find(c) != std::string_view::npos;
@@ -224,6 +223,15 @@ std::string normalize_attribute(const DnAttribute& attribute) {
     } else {
       text += c;
     }
+  }
+}
+
+std::string normalize_attribute(const DnAttribute& attribute) {
+  std::string text = attribute.type + "=";
+  if (attribute.is_hex) {
+    text += attribute.value;
+  } else {
+    append_normal_value(text, attribute.value);
   }
   return text;
 }
@@ -237,18 +245,28 @@ std::string normalize_rdn(const Rdn& rdn) {
   return text;
 }
 
-// What normalize_dn does for the DNs that make up nearly all of a directory: short types in letters, values
-// of plain ASCII without escapes. False: `dn` needs the whole treatment, `key` means nothing.
+// Ends the value that begins at key[start]. `beyond_ascii`: it has bytes that no simple rule folds.
+void finish_simple_value(std::string& key, size_t start, bool beyond_ascii) {
+  if (key.size() > start && key.back() == ' ') key.pop_back();
+  if (!beyond_ascii) return;
+  const std::string value = key.substr(start);
+  key.resize(start);
+  append_normal_value(key, value);
+}
+
+// What normalize_dn does for the DNs that make up nearly all of a directory: short types in letters, one in
+// each RDN, values without escapes. False: `dn` needs the whole treatment, `key` means nothing.
 bool normalize_simple(std::string_view dn, std::string& key) {
   constexpr size_t kShortestLongType = 6;  // "userid"
   key.reserve(dn.size());
   bool in_type = true;
+  bool beyond_ascii = false;
   size_t start = 0;  // of the type or value at hand, in `key`
   for (char c : dn) {
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
     if (c == ' ') {
       if (key.size() == start || key.back() == ' ') continue;
     } else if (in_type) {
-      if (c >= 'A' && c <= 'Z') c = static_cast<char>(c + ('a' - 'A'));
       if (c == '=') {
         if (key.size() > start && key.back() == ' ') key.pop_back();
         if (key.size() == start || key.size() - start >= kShortestLongType) return false;
@@ -258,19 +276,19 @@ bool normalize_simple(std::string_view dn, std::string& key) {
         return false;
       }
     } else if (c == ',') {
-      if (key.size() > start && key.back() == ' ') key.pop_back();
+      finish_simple_value(key, start, std::exchange(beyond_ascii, false));
       in_type = true;
       start = key.size() + 1;
-    } else if (c >= 'A' && c <= 'Z') {
-      c = static_cast<char>(c + ('a' - 'A'));
-    } else if (static_cast<unsigned char>(c) >= 0x80 || is_control(c) || c == '\\' || c == '"' || c == '+' ||
-               c == ';' || c == '<' || c == '>' || c == '#') {
+    } else if (static_cast<unsigned char>(c) >= 0x80) {
+      beyond_ascii = true;
+    } else if (is_control(c) || c == '\\' || c == '"' || c == '+' || c == ';' || c == '<' || c == '>' ||
+               c == '#') {
       return false;
     }
     key += c;
   }
   if (in_type) return false;
-  if (key.size() > start && key.back() == ' ') key.pop_back();
+  finish_simple_value(key, start, beyond_ascii);
   return true;
 }
 

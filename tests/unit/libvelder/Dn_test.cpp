@@ -37,6 +37,7 @@ TEST(Dn, EqualNamesHaveOneKey) {
       {"cn=mu\xcc\x88ller", "cn=m\xc3\xbcller"},
       {R"(cn=m\C3\BCller)", "cn=m\xc3\xbcller"},
       {"cn=a\xc2\xa0 b", "cn=a b"},
+      {"cn=\xef\xbc\x83\xef\xbc\x8c,dc=b", R"(cn=\23\2c,dc=b)"},  // full-width "#,"
       {"cn=\xff\xfeX", "cn=\xff\xfex"},
   };
   for (const auto& [dn, key] : cases) {
