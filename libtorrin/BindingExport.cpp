@@ -149,10 +149,9 @@ Result write_bindings(Store& store, int fd, int64_t now) {
       const auto binding = decode_record(record);
       if (binding && is_live(binding->expiry, now)) append_csv_line(key, *binding, text);
     };
-    const AddressKey start = *from;
-    if (store.scan(start, kChunk, append, from) != StoreResult::kDone) {
-      return tl::unexpected<std::string>("the store cannot be read");
-    }
+    const auto next = store.scan(*from, kChunk, append);
+    if (!next) return tl::unexpected(next.error());
+    from = *next;
     if (Result written = write_fully(fd, text); !written) return written;
     text.clear();
   }

@@ -128,8 +128,12 @@ long sweep_expired(Store& store, Clock clock) {
       const auto binding = decode_record(record);
       if (binding && !is_live(binding->expiry, now)) expired.push_back(key);
     };
-    const AddressKey start = *from;
-    if (store.scan(start, kScanChunk, collect, from) != StoreResult::kDone) return -1;
+    const auto next = store.scan(*from, kScanChunk, collect);
+    if (!next) {
+      VRLOG(kLogError, "IP-user cache: expired bindings stay: %s", next.error().c_str());
+      return -1;
+    }
+    from = *next;
     if (!remove_chunks(store, expired, clock, removed)) return -1;
   }
   return removed;

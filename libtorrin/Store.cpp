@@ -335,12 +335,12 @@ StoreResult Store::remove(const AddressKey& key, int64_t now) {
   return failed(write_failures_, "remove a binding", error);
 }
 
-StoreResult Store::scan(const AddressKey& from, size_t limit, const RecordVisitor& visit,
-                        std::optional<AddressKey>& next) {
-  next.reset();
+tl::expected<std::optional<AddressKey>, std::string> Store::scan(const AddressKey& from, size_t limit,
+                                                                 const RecordVisitor& visit) {
   MDB_txn* txn = nullptr;
   int error = begin_read(txn);
-  if (error != 0) return failed(read_failures_, "read", error);
+  if (error == kNotOpen) return tl::unexpected<std::string>("the store is not open");
+  if (error != 0) return tl::unexpected<std::string>(mdb_strerror(error));
   const ReadScope scope(txn);
   Cursor cursor(txn, dbi_);
   MDB_val name = to_val(from);
@@ -350,13 +350,11 @@ StoreResult Store::scan(const AddressKey& from, size_t limit, const RecordVisito
     AddressKey key;
     if (name.mv_size != key.size()) continue;  // not an address
     std::memcpy(key.data(), name.mv_data, key.size());
-    if (limit-- == 0) {
-      next = key;
-      return StoreResult::kDone;
-    }
+    if (limit-- == 0) return key;
     visit(key, to_text(value));
   }
-  return error == MDB_NOTFOUND ? StoreResult::kDone : failed(read_failures_, "read", error);
+  if (error == MDB_NOTFOUND) return std::nullopt;
+  return tl::unexpected<std::string>(mdb_strerror(error));
 }
 
 long Store::remove_expired(std::span<const AddressKey> keys, int64_t now) {

@@ -72,10 +72,11 @@ class Store {
   // kMissing when there was nothing under the key or only a record that `now` finds expired.
   StoreResult remove(const AddressKey& key, int64_t now);
 
-  // Shows up to `limit` records from `from` on to `visit`, in key order, in one short read transaction.
-  // `next` is the first key that was not shown, empty at the end. `visit` must not call the store.
-  StoreResult scan(const AddressKey& from, size_t limit, const RecordVisitor& visit,
-                   std::optional<AddressKey>& next);
+  // Shows up to `limit` records from `from` on to `visit`, in key order, in one short read transaction. Gives
+  // the first key that was not shown, empty at the end, or the reason of a failure, which is not logged.
+  // `visit` must not call the store.
+  tl::expected<std::optional<AddressKey>, std::string> scan(const AddressKey& from, size_t limit,
+                                                            const RecordVisitor& visit);
 
   // Removes those of `keys` that are expired at the time of the call, in one write transaction.
   // Gives how many, or -1.

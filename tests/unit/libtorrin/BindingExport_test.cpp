@@ -1,0 +1,191 @@
+#include "libtorrin/BindingExport.h"
+
+#include <sched.h>
+#include <sys/mount.h>
+
+#include <csignal>
+#include <thread>
+
+#include "tests/unit/libtorrin/CacheTest.h"
+
+class BindingExportTest : public CacheTest {
+ protected:
+  BindingExportTest() {
+    out_ = root_ + "/out";
+    std::filesystem::create_directory(out_);
+  }
+  // Names in the folder, so that nothing stays behind unseen.
+  static std::vector<std::string> names_in(const std::string& folder) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(folder))
+      names.push_back(entry.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  std::string out_;
+};
+
+TEST(CsvLine, QuotesWhatNeedsIt) {
+  const struct {
+    std::string user;
+    std::string field;
+  } kRows[] = {
+      {"DOM\\ann", "DOM\\ann"},
+      {" a b ", " a b "},
+      {"a,b", "\"a,b\""},
+      {"\"", "\"\"\"\""},
+      {"a\r\nb", "\"a\r\nb\""},
+      {"line\n", "\"line\n\""},
+      {std::string("\0x", 2), std::string("\0x", 2)},
+      {"\xff;=1", "\xff;=1"},
+  };
+  for (const auto& row : kRows) {
+    std::string line;
+    torrin::append_csv_line(*torrin::parse_address("::ffff:10.0.0.1"), {77, row.user}, line);
+    EXPECT_EQ(line, "10.0.0.1," + row.field + ",77\r\n");
+  }
+}
+
+TEST_F(BindingExportTest, LiveBindingsComeSortedByAddress) {
+  settings("Lifetime=1\n");
+  ASSERT_EQ(start(), 0);
+  bind("10.0.0.3", "expired");
+  g_test_time += 60;
+  for (const char* ip : {"2001:db8::1", "10.0.0.10", "10.0.0.9", "::1"}) bind(ip, "u,1");
+  const mode_t before = umask(0);
+  EXPECT_TRUE(cache_->export_to(out_ + "/list.csv"));
+  umask(before);
+  EXPECT_EQ(read_text(out_ + "/list.csv"),
+            "ip,user,expire_at\r\n::1,\"u,1\",1000120\r\n10.0.0.9,\"u,1\",1000120\r\n"
+            "10.0.0.10,\"u,1\",1000120\r\n2001:db8::1,\"u,1\",1000120\r\n");
+  struct stat status {};
+  stat((out_ + "/list.csv").c_str(), &status);
+  EXPECT_EQ(status.st_mode & 07777, 0640u);
+  g_test_time += 60;
+  EXPECT_TRUE(cache_->export_to(out_ + "/list.csv")) << "an earlier export is replaced";
+  EXPECT_EQ(read_text(out_ + "/list.csv"), torrin::kExportHeader);
+  EXPECT_EQ(names_in(out_), std::vector<std::string>{"list.csv"});
+}
+
+TEST_F(BindingExportTest, ManyBindingsCrossTheChunks) {
+  ASSERT_EQ(start(), 0);
+  std::string expected(torrin::kExportHeader);
+  for (int i = 0; i < 4500; ++i) {
+    const std::string ip = "10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256);
+    bind(ip.c_str(), "u" + std::to_string(i));
+    expected += ip + ",u" + std::to_string(i) + ",1028800\r\n";
+  }
+  ASSERT_TRUE(cache_->export_to(out_ + "/list.csv"));
+  EXPECT_EQ(read_text(out_ + "/list.csv"), expected);
+}
+
+TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
+  write_text(out_ + "/foreign", "root:x:0:0\n");
+  write_text(out_ + "/empty", "");
+  write_text(out_ + "/almost", "ip,user,expire_at\n");
+  write_text(out_ + "/export", std::string(torrin::kExportHeader) + "::1,u,0\r\n");
+  std::filesystem::create_directory(out_ + "/folder");
+  std::filesystem::create_symlink(out_ + "/export", out_ + "/link");
+  std::filesystem::create_symlink(out_ + "/nowhere", out_ + "/dangling");
+  std::filesystem::create_symlink(out_ + "/folder", out_ + "/linked");
+  ASSERT_EQ(mkfifo((out_ + "/fifo").c_str(), 0600), 0);
+  const auto before = names_in(out_);
+  ASSERT_EQ(start(), 0);
+  bind("::1", "u");
+  const std::string kPaths[] = {
+      "",
+      "list.csv",
+      "./list.csv",
+      "/",
+      out_ + "/",
+      out_ + "/folder",
+      out_ + "/folder/",
+      out_ + "/folder/../x",
+      out_ + "/./x",
+      out_ + "/foreign",
+      out_ + "/empty",
+      out_ + "/almost",
+      out_ + "/link",
+      out_ + "/dangling",
+      out_ + "/linked/x",
+      out_ + "/fifo",
+      out_ + "/missing/x",
+      out_ + "/foreign/x",
+      "/dev/null",
+      "/proc/self/cwd/x",
+      out_ + std::string("/a\0b", 4),
+      out_ + "/" + std::string(256, 'n'),
+      "/" + std::string(5000, 'n'),
+  };
+  for (const std::string& path : kPaths) {
+    forget_log();
+    EXPECT_FALSE(cache_->export_to(path)) << path;
+    EXPECT_EQ(new_lines("ERR"), 1) << path;
+  }
+  EXPECT_EQ(names_in(out_), before);
+  EXPECT_EQ(names_in(out_ + "/folder"), std::vector<std::string>{});
+  EXPECT_EQ(read_text(out_ + "/foreign"), "root:x:0:0\n");
+  EXPECT_TRUE(std::filesystem::is_symlink(out_ + "/link"));
+  EXPECT_TRUE(cache_->export_to(out_ + "/export"));
+  EXPECT_TRUE(cache_->export_to(out_ + "/" + std::string(255, 'n'))) << "the longest name that there can be";
+}
+
+TEST_F(BindingExportTest, ExportDirectoryKeepsExportsBelowIt) {
+  std::filesystem::create_directories(out_ + "/allowed/deeper");
+  std::filesystem::create_directory(out_ + "/allowed2");
+  std::filesystem::create_symlink(out_, out_ + "/allowed/up");
+  settings("ExportDirectory=" + out_ + "/allowed/\n");
+  ASSERT_EQ(start(), 0);
+  EXPECT_TRUE(cache_->export_to(out_ + "/allowed/x.csv"));
+  EXPECT_TRUE(cache_->export_to(out_ + "//allowed/deeper/x.csv"));
+  EXPECT_FALSE(cache_->export_to(out_ + "/x.csv"));
+  EXPECT_FALSE(cache_->export_to(out_ + "/allowed2/x.csv"));
+  EXPECT_FALSE(cache_->export_to(out_ + "/allowed"));
+  EXPECT_FALSE(cache_->export_to(out_ + "/allowed/up/x.csv"));
+  EXPECT_FALSE(cache_->export_to(out_ + "/allowed/../x.csv"));
+}
+
+// A file system of its own that holds 64 kB, seen by this child only.
+static bool mount_tiny(const std::string& folder) {
+  return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+         mount("tiny", folder.c_str(), "tmpfs", 0, "size=64k") == 0;
+}
+
+TEST_F(BindingExportTest, AFullDiskLeavesTheEarlierExport) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root for a small file system";
+  const int status = in_child([&] {
+    if (!mount_tiny(out_)) return false;
+    if (start() != 0 || bind("::1", "u") != 0 || !cache_->export_to(out_ + "/list.csv")) return false;
+    const std::string earlier = read_text(out_ + "/list.csv");
+    for (int i = 0; i < 200; ++i) bind(("10.0.0." + std::to_string(i)).c_str(), std::string(1000, 'u'));
+    forget_log();
+    return !cache_->export_to(out_ + "/list.csv") && new_lines("ERR") == 1 &&
+           new_lines("ERR", "No space left on device") == 1 && read_text(out_ + "/list.csv") == earlier &&
+           names_in(out_) == std::vector<std::string>{"list.csv"};
+  });
+  EXPECT_EQ(status, 0);
+}
+
+TEST_F(BindingExportTest, AFullDiskUnderTheStoreFailsBindsAndKeepsWhatWasBound) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root for a small file system";
+  const int status = in_child([&] {
+    const std::string folder = workdir_ + "/ip_user_cache";
+    std::filesystem::create_directory(folder);
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tiny", folder.c_str(), "tmpfs", 0, "size=512k") != 0) {
+      return false;
+    }
+    if (start() != 0) return false;
+    forget_log();
+    int stored = 0;
+    while (stored < 2000 && bind(("10.0.0." + std::to_string(stored % 256)).c_str(), "early") == 0 &&
+           bind(("10.9." + std::to_string(stored / 256) + "." + std::to_string(stored % 256)).c_str(),
+                std::string(900, 'u')) == 0) {
+      ++stored;
+    }
+    return stored > 20 && stored < 2000 && bind("10.200.0.1", std::string(900, 'x')) == -2 &&
+           lookup("10.0.0.1") == "early" && lookup("10.9.0.1") == std::string(900, 'u') &&
+           lookup("10.200.0.1") == "<1>" && new_lines("ERR") == 1;
+  });
+  EXPECT_EQ(status, 0);
+}

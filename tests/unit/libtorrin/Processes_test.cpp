@@ -1,0 +1,270 @@
+// Several processes on one store, some of them killed at any moment.
+#include <sys/mman.h>
+
+#include <chrono>
+#include <csignal>
+#include <random>
+#include <thread>
+
+#include "tests/unit/libtorrin/CacheTest.h"
+
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
+
+class ProcessesTest : public CacheTest {
+ protected:
+  static int threads_of_this_process() {
+    return static_cast<int>(std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}));
+  }
+};
+
+TEST_F(ProcessesTest, TheParentStaysSingleThreadedAndAChildStartsMaintenanceWithoutSignals) {
+  const int before = threads_of_this_process();
+  ASSERT_EQ(start(), 0);
+  bind("::1", "parent");
+  EXPECT_EQ(threads_of_this_process(), before) << "a fork after initialize must find one thread";
+  const int status = in_child([&] {
+    if (threads_of_this_process() != 1) return false;
+    if (lookup("::1") != "parent" || bind("::2", "child") != 0 || lookup("::2") != "child") return false;
+    if (threads_of_this_process() != 2) return false;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      if (task.path().filename() == std::to_string(getpid())) continue;
+      const std::string text = read_text(task.path().string() + "/status");
+      // Everything but SIGKILL, SIGSTOP and the two that the C library keeps.
+      constexpr unsigned long long kAll = 0xfffffffe7ffbfeff;
+      const auto blocked = std::stoull(text.substr(text.find("SigBlk:") + 7), nullptr, 16);
+      if ((blocked & kAll) != kAll) return false;
+    }
+    return true;
+  });
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(lookup("::2"), "child");
+}
+
+TEST_F(ProcessesTest, EveryGenerationOfForksSeesAndChangesTheSameBindings) {
+  ASSERT_EQ(start(), 0);
+  bind("::1", "0");
+  for (int round = 1; round <= 20; ++round) {
+    ASSERT_EQ(lookup("::1"), std::to_string(round - 1)) << "its read transaction is there at the fork";
+    const int status = in_child([&] {
+      if (lookup("::1") != std::to_string(round - 1)) return false;
+      return in_child([&] { return bind("::1", std::to_string(round)) == 0; }) == 0 &&
+             lookup("::1") == std::to_string(round);
+    });
+    ASSERT_EQ(status, 0) << round;
+  }
+  EXPECT_EQ(lookup("::1"), "20");
+}
+
+TEST_F(ProcessesTest, AForkWhileThreadsAreInsideCallsIsSafe) {
+  ASSERT_EQ(start(), 0);
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> threads;
+  for (int id = 0; id < 3; ++id) {
+    threads.emplace_back([&, id] {
+      const std::string ip = "10.0.0." + std::to_string(id);
+      while (!stop) {
+        EXPECT_EQ(bind(ip.c_str(), ip), 0);
+        EXPECT_EQ(lookup(ip), ip);
+        std::thread([&] { EXPECT_EQ(lookup(ip), ip); }).join();  // threads come and go with their slots
+      }
+    });
+  }
+  for (int i = 0; i < 40; ++i) {
+    const std::string ip = "10.0.1." + std::to_string(i);
+    EXPECT_EQ(in_child([&] {
+                alarm(20);
+                return bind(ip.c_str(), "c") == 0 && lookup(ip) == "c";
+              }),
+              0)
+        << i;
+    EXPECT_EQ(lookup(ip), "c");
+  }
+  stop = true;
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(new_lines("ERR"), 0);
+}
+
+TEST_F(ProcessesTest, ThreadsOfOneChildOpenTheStoreOnce) {
+  ASSERT_EQ(start(), 0);
+  bind("::1", "u");
+  const int status = in_child([&] {
+    std::atomic<int> good{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 30; ++i) {
+      threads.emplace_back([&, i] {
+        const std::string ip = "10.0.0." + std::to_string(i);
+        if (lookup("::1") == "u" && bind(ip.c_str(), ip) == 0 && lookup(ip) == ip) ++good;
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+    return good == 30 && threads_of_this_process() == 2;
+  });
+  EXPECT_EQ(status, 0);
+}
+
+// More threads than there are reader slots, one after the other and in two processes.
+TEST_F(ProcessesTest, SlotsOfEndedThreadsAndProcessesAreUsedAgain) {
+  ASSERT_EQ(start(), 0);
+  bind("::1", "u");
+  for (int round = 0; round < 5; ++round) {
+    const int status = in_child([&] {
+      static std::atomic<bool> good{true};
+      static std::atomic<int> reading{0};
+      for (int group = 0; group < 10; ++group) {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 30; ++i) {
+          threads.emplace_back([&] {
+            if (lookup("::1") != "u") good = false;
+          });
+        }
+        for (std::thread& thread : threads) thread.join();
+      }
+      std::vector<std::thread> last;  // these die with their slots
+      for (int i = 0; i < 250; ++i) {
+        last.emplace_back([&] {
+          if (lookup("::1") != "u") good = false;
+          ++reading;
+          pause();
+        });
+        last.back().detach();
+      }
+      while (reading < 250) usleep(1000);
+      return good.load() && lookup("::1") == "u";
+    });
+    ASSERT_EQ(status, 0) << round;
+  }
+  EXPECT_EQ(new_lines("ERR"), 0);
+}
+
+TEST_F(ProcessesTest, AReaderKilledInsideATransactionDoesNotFillTheMap) {
+  map_bytes_ = size_t{1} << 20;
+  ASSERT_EQ(start(), 0);
+  for (int i = 0; i < 100; ++i) bind(("10.0.0." + std::to_string(i)).c_str(), std::string(500, 'u'));
+  torrin::Store store;
+  int inside[2];
+  ASSERT_EQ(pipe(inside), 0);
+  const pid_t reader = fork();
+  if (reader == 0) {
+    if (!store.open({file("bindings.mdb"), false, map_bytes_}, nullptr)) _exit(1);
+    (void)store.scan({}, 10, [&](const torrin::AddressKey&, std::string_view) {
+      (void)!write(inside[1], "r", 1);
+      pause();
+    });
+    _exit(1);
+  }
+  char byte = 0;
+  ASSERT_EQ(read(inside[0], &byte, 1), 1);
+  kill(reader, SIGKILL);
+  waitpid(reader, nullptr, 0);
+  close(inside[0]);
+  close(inside[1]);
+  for (int i = 0; i < 3000; ++i) {
+    ASSERT_EQ(bind(("10.0.0." + std::to_string(i % 100)).c_str(), std::string(500, 'v')), 0) << i;
+  }
+}
+
+namespace {
+
+constexpr int kWriters = 4;
+constexpr int kPerWriter = 200;  // addresses of one writer process, bound again and again
+
+// Written by a writer after each bind that returned 0, read by the test after its death.
+struct Acknowledged {
+  std::atomic<int> value[kWriters][kPerWriter];
+};
+
+std::string address_of(int writer, int slot) {
+  return "10." + std::to_string(writer) + ".0." + std::to_string(slot);
+}
+
+}  // namespace
+
+TEST_F(ProcessesTest, KillsAtAnyMomentLoseNothingAndHoldUpNobody) {
+  ASSERT_EQ(start(), 0);
+  auto* acknowledged = static_cast<Acknowledged*>(
+      mmap(nullptr, sizeof(Acknowledged), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(acknowledged, MAP_FAILED);
+  const auto start_writer = [&](int writer) {
+    const pid_t child = fork();
+    if (child != 0) return child;
+    alarm(60);
+    // A second thread reads all the time, so that processes also die inside look-ups.
+    std::thread([&] {
+      for (int i = 0;; ++i) {
+        lookup(address_of(i % kWriters, i % kPerWriter));
+        if (i % 100 == 0) usleep(50);
+      }
+    }).detach();
+    for (int i = 0;; ++i) {
+      const int slot = i % kPerWriter;
+      const int next = acknowledged->value[writer][slot] + 1;
+      if (bind(address_of(writer, slot).c_str(), std::to_string(next)) == 0) {
+        acknowledged->value[writer][slot] = next;
+      }
+      if (i % 4 == 0) usleep(50);  // a processor for each would be needed otherwise
+    }
+  };
+  pid_t writers[kWriters];
+  for (int i = 0; i < kWriters; ++i) writers[i] = start_writer(i);
+
+  std::mt19937 random(7);
+  int slow = 0;
+  int kills = 0;
+  const auto end = steady_clock::now() + milliseconds(3000);
+  for (; steady_clock::now() < end; ++kills) {
+    usleep(static_cast<useconds_t>(random() % 20000));
+    const int victim = static_cast<int>(random() % kWriters);
+    kill(writers[victim], SIGKILL);
+    const auto killed = steady_clock::now();
+    EXPECT_EQ(bind("10.200.0.1", "parent"), 0);
+    // A busy machine may keep one bind waiting for other reasons.
+    if (steady_clock::now() - killed > milliseconds(200)) ++slow;
+    waitpid(writers[victim], nullptr, 0);
+    for (int slot = 0; slot < kPerWriter; ++slot) {
+      const int least = acknowledged->value[victim][slot];
+      if (least == 0) continue;
+      const std::string user = lookup(address_of(victim, slot));
+      // The bind that was under way may or may not have been made.
+      ASSERT_TRUE(user == std::to_string(least) || user == std::to_string(least + 1))
+          << user << " instead of " << least << " after kill " << kills;
+    }
+    writers[victim] = start_writer(victim);
+  }
+  for (const pid_t writer : writers) {
+    kill(writer, SIGKILL);
+    waitpid(writer, nullptr, 0);
+  }
+  EXPECT_GT(kills, 20);
+  EXPECT_LE(slow, 1 + kills / 50);
+  // Dead readers must not pin what they read.
+  const auto size_before = std::filesystem::file_size(file("bindings.mdb"));
+  cache_->sweep();
+  ASSERT_EQ(in_child([&] {
+              for (int i = 0; i < 5000; ++i) bind("10.200.0.1", std::to_string(i));
+              return true;
+            }),
+            0);
+  EXPECT_LT(std::filesystem::file_size(file("bindings.mdb")), size_before + (size_t{4} << 20));
+  EXPECT_EQ(new_lines("ERR"), 0);
+  munmap(acknowledged, sizeof(Acknowledged));
+}
+
+TEST_F(ProcessesTest, TheModuleItselfMayEndInAChildWithoutTouchingTheStore) {
+  auto module = std::make_unique<IPUserCacheModule>();
+  ASSERT_EQ(module->initialize(workdir_.c_str()), 0);
+  ASSERT_EQ(module->update_cache_item("::1", "u"), 0);
+  EXPECT_EQ(in_child([&] {
+              module.reset();
+              return !std::filesystem::exists(file("bindings.compact.mdb"));
+            }),
+            0);
+  std::string user;
+  long expire = 0;
+  EXPECT_EQ(module->query_cache_item("::1", user, expire), 0);
+  EXPECT_EQ(module->delete_cache_item("::1"), 0);
+  EXPECT_EQ(module->write_cache_file(), 0);
+  EXPECT_TRUE(module->export_cache_item(root_ + "/e.csv"));
+  module.reset();
+  EXPECT_TRUE(std::filesystem::exists(file("bindings.compact.mdb")));
+}

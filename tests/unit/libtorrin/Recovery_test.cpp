@@ -1,0 +1,183 @@
+#include "libtorrin/Recovery.h"
+
+#include <csignal>
+#include <random>
+
+#include "libtorrin/StoreFile.h"
+#include "tests/unit/libtorrin/CacheTest.h"
+
+class RecoveryTest : public CacheTest {
+ protected:
+  // A daemon that binds two addresses, one before and one after its compact copy, and loses power.
+  void lose_power(bool with_copy) {
+    ASSERT_EQ(in_child([&] {
+                return start() == 0 && bind("10.0.0.1", "before") == 0 && (!with_copy || cache_->copy()) &&
+                       bind("10.0.0.2", "after") == 0;
+              }),
+              0);
+    write_text(root_ + "/boot_id", "second-boot\n");
+    forget_log();
+  }
+  bool sound(const char* name) const {
+    const torrin::UniqueFd fd(open(file(name).c_str(), O_RDONLY));
+    return torrin::check_store_file(fd.get()).has_value();
+  }
+};
+
+TEST_F(RecoveryTest, AfterARestartOfTheMachineTheCompactCopyCounts) {
+  lose_power(true);
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.1"), "before");
+  EXPECT_EQ(lookup("10.0.0.2"), "<1>") << "an unflushed file must not be believed";
+  EXPECT_EQ(new_lines("INF", "restarted: starting from the compact copy, 1 bindings"), 1);
+  EXPECT_EQ(new_lines("ERR"), 0);
+  bind("10.0.0.3", "new");
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.3"), "new") << "the new boot is known now";
+}
+
+TEST_F(RecoveryTest, AfterARestartWithoutACopyTheCacheStartsEmpty) {
+  lose_power(false);
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.1"), "<1>");
+  EXPECT_EQ(new_lines("INF", "restarted and there is no compact copy"), 1);
+}
+
+TEST_F(RecoveryTest, ADurableFileIsKeptOverARestart) {
+  settings("Durable=yes\n");
+  lose_power(true);
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.1"), "before");
+  EXPECT_EQ(lookup("10.0.0.2"), "after");
+}
+
+TEST_F(RecoveryTest, DurableSwitchedOnAfterThePowerLossDoesNotMakeTheOldFileDurable) {
+  lose_power(true);
+  settings("Durable=yes\n");
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.2"), "<1>");
+}
+
+TEST_F(RecoveryTest, TheCopyAtACleanEndHoldsEverything) {
+  ASSERT_EQ(start(), 0);
+  bind("10.0.0.1", "u");
+  cache_.reset();
+  write_text(root_ + "/boot_id", "second-boot\n");
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.1"), "u");
+}
+
+TEST_F(RecoveryTest, ADamagedFileIsPutAsideAndTheCopyTakesItsPlace) {
+  struct Row {
+    const char* name;
+    std::function<void(std::string&)> damage;
+  };
+  const Row rows[] = {
+      {"cut within the meta pages", [](std::string& text) { text.resize(5000); }},
+      {"cut in the middle", [](std::string& text) { text.resize(text.size() / 2); }},
+      {"one byte", [](std::string& text) { text.resize(1); }},
+      {"foreign text", [](std::string& text) { text.assign(100000, 'x'); }},
+      {"other version", [](std::string& text) { text[20] = text[4096 + 20] = 2; }},
+      {"other page size", [](std::string& text) { text[41] = text[4096 + 41] = 0x20; }},
+      {"page size zero", [](std::string& text) { text[41] = text[4096 + 41] = 0; }},
+      {"zeros behind the meta pages",
+       [](std::string& text) { text.replace(8192, text.size() - 8192, text.size() - 8192, '\0'); }},
+  };
+  for (const Row& row : rows) {
+    std::filesystem::remove_all(file(""));
+    ASSERT_EQ(start(), 0) << row.name;
+    for (int i = 0; i < 200; ++i) bind(("10.0.0." + std::to_string(i)).c_str(), std::string(100, 'u'));
+    cache_.reset();
+    std::string text = read_text(file("bindings.mdb"));
+    row.damage(text);
+    write_text(file("bindings.mdb"), text);
+    forget_log();
+    ASSERT_EQ(start(), 0) << row.name;
+    EXPECT_EQ(lookup("10.0.0.199"), std::string(100, 'u')) << row.name;
+    EXPECT_EQ(new_lines("ERR"), 1) << row.name;
+    EXPECT_EQ(read_text(file("bindings.mdb.damaged")), text) << row.name;
+
+    // Both damaged: empty, but alive.
+    cache_.reset();
+    write_text(file("bindings.mdb"), text);
+    write_text(file("bindings.compact.mdb"), text);
+    ASSERT_EQ(start(), 0) << row.name;
+    EXPECT_EQ(lookup("10.0.0.199"), "<1>") << row.name;
+    EXPECT_EQ(bind("10.0.0.199", "u"), 0) << row.name;
+  }
+}
+
+// Whatever bytes stand in the file: a daemon starts, answers, binds and ends without a crash.
+TEST_F(RecoveryTest, NoDamageAnywhereCrashesADaemon) {
+  ASSERT_EQ(start(), 0);
+  const auto address = [](int i) {
+    return "10.3." + std::to_string(i / 256) + "." + std::to_string(i % 256);
+  };
+  for (int i = 0; i < 1500; ++i) bind(address(i).c_str(), "DOM\\user" + std::to_string(i));
+  for (int i = 0; i < 1500; i += 2) cache_->remove(address(i).c_str());
+  cache_.reset();
+  ASSERT_TRUE(sound("bindings.mdb"));
+  const std::string good = read_text(file("bindings.mdb"));
+  std::mt19937 random(20240607);
+  int found = 0;
+  for (int round = 0; round < 150; ++round) {
+    std::string text = good;
+    // Most of what matters stands at the start of a page.
+    const size_t page = random() % (good.size() / 4096) * 4096;
+    const size_t offset = page + random() % (round % 3 == 0 ? 4096 : 64);
+    const size_t length = 1 + random() % (round % 2 == 0 ? 2 : 40);
+    for (size_t i = offset; i < std::min(offset + length, text.size()); ++i) {
+      text[i] = static_cast<char>(random());
+    }
+    write_text(file("bindings.mdb"), text);
+    std::filesystem::remove(file("bindings.mdb.damaged"));
+    const int status = in_child([&] {
+      if (start() != 0) return false;
+      for (int i = 0; i < 1500; ++i) lookup(address(i));
+      for (int i = 0; i < 300; ++i) {
+        if (bind(address(i * 5).c_str(), std::string(300, 'n')) != 0) return false;
+        cache_->remove(address(i * 4 + 1).c_str());
+      }
+      return cache_->copy() && sound("bindings.mdb");
+    });
+    ASSERT_EQ(status, 0) << "bytes " << offset << " to " << offset + length;
+    if (std::filesystem::exists(file("bindings.mdb.damaged"))) ++found;
+  }
+  EXPECT_GT(found, 40) << "the damage was hardly ever noticed";
+}
+
+TEST_F(RecoveryTest, ASecondDaemonIsTurnedAwayAndADeadOneBlocksNobody) {
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t daemon = fork();
+  if (daemon == 0) {
+    if (start() != 0 || bind("10.0.0.1", "first") != 0) _exit(1);
+    if (fork() == 0) {  // its worker, which outlives it
+      bind("10.0.0.2", "worker");
+      (void)!write(ready[1], "w", 1);
+      for (int i = 0; i < 200 && lookup("10.0.0.3") != "second"; ++i) usleep(50 * 1000);
+      bind("10.0.0.4", "orphan");
+      (void)!write(ready[1], "d", 1);
+      _exit(0);
+    }
+    pause();
+  }
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  forget_log();
+  EXPECT_NE(start(), 0);
+  EXPECT_EQ(new_lines("ERR", "is used by another daemon (process " + std::to_string(daemon) + ")"), 1);
+
+  kill(daemon, SIGKILL);
+  waitpid(daemon, nullptr, 0);
+  // The worker lives on: even what looks like a restart of the machine must not take its file away.
+  write_text(root_ + "/boot_id", "changed\n");
+  ASSERT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.1"), "first");
+  EXPECT_EQ(lookup("10.0.0.2"), "worker");
+  EXPECT_EQ(bind("10.0.0.3", "second"), 0);
+  ASSERT_EQ(read(ready[0], &byte, 1), 1) << "the worker sees the binding of the new daemon";
+  EXPECT_EQ(lookup("10.0.0.4"), "orphan");
+  close(ready[0]);
+  close(ready[1]);
+}

@@ -1,0 +1,73 @@
+#include "libtorrin/Settings.h"
+
+#include "tests/unit/libtorrin/CacheTest.h"
+
+using testing::HasSubstr;
+
+class SettingsTest : public CacheTest {};
+
+TEST_F(SettingsTest, MissingFileGivesTheDefaults) {
+  const auto read = torrin::read_settings(workdir_);
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->lifetime_minutes, 480);
+  EXPECT_FALSE(read->durable);
+  EXPECT_EQ(read->export_directory, "");
+  EXPECT_EQ(read->directory, "ip_user_cache");
+}
+
+TEST_F(SettingsTest, ValuesAreRead) {
+  settings("Lifetime = 5 \nDurable=YES\nExportDirectory=/var/exports/\nDirectory=a/b\nBackend=local\n");
+  const auto read = torrin::read_settings(workdir_);
+  ASSERT_TRUE(read) << read.error();
+  EXPECT_EQ(read->lifetime_minutes, 5);
+  EXPECT_TRUE(read->durable);
+  EXPECT_EQ(read->export_directory, "/var/exports/");
+  EXPECT_EQ(read->directory, "a/b");
+}
+
+TEST_F(SettingsTest, AWrongValueStopsTheStartWithOneLine) {
+  constexpr struct {
+    const char* line;
+    const char* key;
+  } kRows[] = {
+      {"Lifetime=", "Lifetime"},
+      {"Lifetime=-1", "Lifetime"},
+      {"Lifetime=8h", "Lifetime"},
+      {"Lifetime=5256001", "Lifetime"},
+      {"Lifetime=1e3", "Lifetime"},
+      {"Lifetime=99999999999999999999", "Lifetime"},
+      {"Durable=1", "Durable"},
+      {"ExportDirectory=exports", "ExportDirectory"},
+      {"ExportDirectory=/a/../b", "ExportDirectory"},
+      {"Directory=", "Directory"},
+      {"Directory=/tmp", "Directory"},
+      {"Directory=a/../..", "Directory"},
+      {"Backend=redis", "Backend"},
+      {"Backend=mysql", "Backend"},
+  };
+  for (const auto& row : kRows) {
+    settings(std::string(row.line) + "\n");
+    forget_log();
+    EXPECT_NE(start(), 0) << row.line;
+    EXPECT_EQ(new_lines("ERR"), 1) << row.line;
+    EXPECT_EQ(new_lines("ERR", std::string("IPUserCache.ini: section IPUserCache, key ") + row.key), 1)
+        << row.line;
+  }
+  EXPECT_FALSE(std::filesystem::exists(workdir_ + "/ip_user_cache")) << "a refused start leaves nothing";
+}
+
+TEST_F(SettingsTest, UnknownKeysAreToldButDoNotHurt) {
+  settings("lifetime=5\nColour=red\nServer=db:6379\n[Other]\nx=1\n");
+  forget_log();
+  ASSERT_TRUE(torrin::read_settings(workdir_));
+  EXPECT_EQ(new_lines("INF", "lifetime"), 1) << "keys are case-sensitive";
+  EXPECT_EQ(new_lines("INF", "Colour"), 1);
+  EXPECT_EQ(new_lines("INF", "Server"), 1);
+  EXPECT_EQ(new_lines("INF", "Other"), 1);
+  EXPECT_EQ(new_lines("ERR"), 0);
+}
+
+TEST_F(SettingsTest, AFileThatCannotBeReadStopsTheStart) {
+  std::filesystem::create_directory(workdir_ + "/IPUserCache.ini");
+  EXPECT_FALSE(torrin::read_settings(workdir_));
+}
