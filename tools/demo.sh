@@ -6,7 +6,7 @@ umask 022
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
 root=$(pwd -P)
 program=$root/build/bin/AuthDaemon
-state=$root/build/demo/daemon # "<pid> <start time>" of the daemon that was started here
+state=$root/build/demo/daemon # "<pid> <start time> <working directory>" of the daemon that was started here
 log_folder=/var/brel/log
 pid_folder=/etc/quarn/pids
 port=1100
@@ -70,8 +70,15 @@ our_pids() {
 # The recorded daemon, if it still runs. The start time tells it from a later process with the same number.
 recorded_daemon() {
   local pid started
-  read -r pid started 2>/dev/null <"$state" || return 1
+  read -r pid started _ 2>/dev/null <"$state" || return 1
   [ -n "$pid" ] && [ "$(start_time_of "$pid")" = "$started" ] && is_ours "$pid" && say "$pid"
+}
+
+# The processes of the recorded daemon's session, which may have outlived it. A session's number is not given
+# away again while one of them is there.
+recorded_session() {
+  local pid
+  read -r pid _ 2>/dev/null <"$state" && [ -n "$pid" ] && our_pids "$pid"
 }
 
 # Every zombie counts as gone: its parent may be a container's first process that reaps nobody.
@@ -207,12 +214,12 @@ start_daemon() {
       for pid in $(our_pids); do
         if [ "$(session_of "$pid")" = "$pid" ]; then daemon=$pid; fi
       done
-      if [ -n "$daemon" ]; then say "$daemon $(start_time_of "$daemon")" >"$state"; fi
+      if [ -n "$daemon" ]; then say "$daemon $(start_time_of "$daemon") $workdir" >"$state"; fi
     fi
     [ -n "$(our_pids)" ] || explain_failure "the daemon ended while it started."
     # The port is open before the directory is loaded, so only an answer tells that it is ready.
     if [ -n "$daemon" ] && [ -n "$(listening_inodes)" ] &&
-      timeout 5 build/bin/authctl user-search --full daemon-ready >/dev/null 2>&1; then
+      build/bin/authctl --timeout 2 user-search --full daemon-ready >/dev/null 2>&1; then
       return
     fi
     [ $SECONDS -lt $deadline ] || explain_failure "no answer on port $port after $patience seconds."
@@ -234,10 +241,10 @@ ask() {
   shift 2
   if [ -n "$input" ]; then
     printf '%s$ echo %s |%s%s\n' "$bold" "'$input'" "$(quoted "$@")" "$plain"
-    timeout 10 "$@" <<<"$input"
+    "$@" <<<"$input"
   else
     printf '%s$%s%s\n' "$bold" "$(quoted "$@")" "$plain"
-    timeout 10 "$@" </dev/null
+    "$@" </dev/null
   fi
   status=$?
   [ $status -eq 0 ] || say "(status $status)"
@@ -282,9 +289,13 @@ start() {
     die "build/bin has no AuthDaemon and authctl; run: make build"
   fi
   if running=$(recorded_daemon); then
+    read -r _ _ workdir <"$state"
     say "The demo is running already, as process $running."
     how_to_go_on
     return
+  fi
+  if [ -n "$(recorded_session)" ]; then
+    die "the demo's parent process has died and left its workers behind; end them with: make demo-stop"
   fi
   if [ -n "$(listening_inodes)" ]; then
     die "port $port is taken $(describe_owner). The daemon has no other port; stop that process first."
@@ -310,15 +321,20 @@ start() {
 # --- stop ------------------------------------------------------------------------------------------------
 
 stop() {
-  local daemon pid deadline left processes=() reminded=
-  if ! daemon=$(recorded_daemon); then
+  local daemon pid first deadline left processes=() reminded=
+  read -r _ _ workdir 2>/dev/null <"$state"
+  # Remembered with their start times before any of them ends.
+  for pid in $(recorded_session); do processes+=("$pid:$(start_time_of "$pid")"); done
+  if [ ${#processes[@]} -eq 0 ]; then
     rm -f "$state"
     say "The demo is not running."
     return
   fi
-  # Remembered before the parent ends, with their start times.
-  for pid in $(our_pids "$daemon"); do processes+=("$pid:$(start_time_of "$pid")"); done
-  kill -TERM "$daemon" || die "process $daemon belongs to another account; run this as root or as that account."
+  # The parent ends its workers itself; without it they are told one by one.
+  if daemon=$(recorded_daemon); then first=$daemon; else first=$(still_there "${processes[@]}"); fi
+  for pid in $first; do
+    kill -TERM "$pid" 2>/dev/null || die "process $pid belongs to another account; run this as root or as that account."
+  done
   deadline=$((SECONDS + patience))
   while left=$(still_there "${processes[@]}"); [ -n "$left" ]; do
     if [ -z "$reminded" ] && [ $SECONDS -ge $((deadline - patience + 5)) ]; then
@@ -330,7 +346,11 @@ stop() {
     sleep 0.1
   done
   rm -f "$state"
-  say "The daemon (process $daemon) and its workers have ended. Its files are kept in $workdir."
+  if [ -n "$daemon" ]; then
+    say "The daemon (process $daemon) and its workers have ended. Its files are kept in $workdir."
+  else
+    say "The workers that a dead daemon had left behind have ended."
+  fi
 }
 
 case ${1-} in
