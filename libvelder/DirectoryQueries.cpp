@@ -1,9 +1,6 @@
 #include "libvelder/DirectoryQueries.h"
 
 #include <algorithm>
-#include <array>
-#include <unordered_map>
-#include <unordered_set>
 
 #include "libvelder/Dn.h"
 #include "libvelder/Fold.h"
@@ -37,32 +34,17 @@ std::optional<EntryId> only_one(std::vector<EntryId>& ids) {
   return ids.size() == 1 ? std::optional(ids.front()) : std::nullopt;
 }
 
-// The first two different groups of those asked for from which a group is reached. Two are enough to tell
-// whether a group is reached from another one than itself, and bound the work for each group.
-struct Origins {
-  std::array<EntryId, 2> from{};
-
-  bool add(EntryId origin) {
-    for (EntryId& place : from) {
-      if (place == origin) return false;
-      if (place == 0) return place = origin, true;
-    }
-    return false;
-  }
-  bool any_but(EntryId group) const {
-    return std::any_of(from.begin(), from.end(), [&](EntryId o) { return o != 0 && o != group; });
-  }
-};
-
 }  // namespace
 
 int DirectoryQueries::search_users(std::string_view name, Match match, std::list<UserMeta>& users) {
   std::vector<EntryId> ids;
   const size_t limit = probe_limit(search_limit_);
-  if (match == Match::kWhole)
-    reader_.users_named(fold_text(name), NameUse::kSearch, limit, ids);
-  else
+  if (match == Match::kWhole) {
+    reader_.users_named(fold_text(name), NameUse::kSearch, ids);
+    sort_unique(ids);
+  } else {
     reader_.users_containing(search_text(name), limit, ids);
+  }
   const bool more = cut(ids, search_limit_);
   for (const EntryId id : ids) {
     UserRow row;
@@ -79,17 +61,20 @@ int DirectoryQueries::search_groups(std::string_view name, Match match, std::lis
   else
     reader_.groups_containing(search_text(name), limit, ids);
   const bool more = cut(ids, search_limit_);
-  for (const EntryId id : ids) {
-    GroupMeta row;
-    if (reader_.group(id, row)) groups.push_back(std::move(row));
-  }
+  list_groups(ids, groups);
   return code(more ? kDirectorySizeLimit : kDirectorySuccess);
+}
+
+void DirectoryQueries::list_groups(const std::vector<EntryId>& ids, std::list<GroupMeta>& groups) {
+  for (const EntryId id : ids) groups.push_back(reader_.groups().row(id));
 }
 
 int DirectoryQueries::user_groups(std::string_view user, std::list<GroupMeta>& groups) {
   const auto id = find_user(user);
   if (!id) return code(kDirectoryNoSuchObject);
-  reader_.groups_of_user(*id, groups);
+  std::vector<EntryId> ids;
+  reader_.groups_of_user(*id, ids);
+  list_groups(reader_.groups().with_all_above(ids), groups);
   return code(kDirectorySuccess);
 }
 
@@ -101,10 +86,7 @@ int DirectoryQueries::group_groups(std::string_view group, Match match, std::lis
     reader_.groups_containing(search_text(group), 0, tops);
   }
   if (tops.empty()) return code(kDirectoryNoSuchObject);
-  for (const EntryId id : groups_below(tops)) {
-    GroupMeta row;
-    if (reader_.group(id, row)) groups.push_back(std::move(row));
-  }
+  list_groups(reader_.groups().all_below(tops), groups);
   return code(kDirectorySuccess);
 }
 
@@ -114,14 +96,12 @@ int DirectoryQueries::all_users(const std::list<std::string>& groups, bool by_dn
   for (const std::string& name : groups) {
     const auto id = find_group(name, !by_dn, by_dn);
     if (!id) continue;
-    GroupMeta group;
-    if (!reader_.group(*id, group)) continue;
     found = true;
     GroupUserMeta record;
-    record.group_dn = std::move(group.dn);
+    record.group_dn = reader_.groups().row(*id).dn;
     for (const EntryId user : users_below(*id)) {
-      UserRow row;
-      if (reader_.user(user, row)) record.users.push_back(row.meta.uid + '@' + row.domain_dns);
+      std::string address;
+      if (reader_.user_address(user, address)) record.users.push_back(std::move(address));
     }
     group_users.push_back(std::move(record));
   }
@@ -159,7 +139,7 @@ std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
   std::vector<EntryId> ids;
   const std::string key = fold_text(name);
   if (key.empty()) return std::nullopt;
-  reader_.users_named(key, NameUse::kIdentity, 2, ids);
+  reader_.users_named(key, NameUse::kIdentity, ids);
   const std::string_view folded = key;
   if (const size_t slash = folded.find('\\'); slash != std::string_view::npos && slash > 0) {
     reader_.users_in_domain(folded.substr(slash + 1), folded.substr(0, slash), false, ids);
@@ -182,38 +162,10 @@ std::optional<EntryId> DirectoryQueries::find_group(std::string_view name, bool 
   return only_one(ids);
 }
 
-// The groups that are nested, at any depth, in one of `tops` other than themselves. Every group is worked
-// on at most twice, so neither cycles nor many tops cost more than that.
-std::vector<EntryId> DirectoryQueries::groups_below(const std::vector<EntryId>& tops) {
-  struct Arrival {
-    EntryId group;
-    EntryId origin;
-  };
-  std::unordered_map<EntryId, Origins> reached;
-  std::unordered_map<EntryId, std::vector<EntryId>> members_of;
-  std::vector<Arrival> waiting;
-  for (const EntryId top : tops) waiting.push_back({top, top});
-  while (!waiting.empty()) {
-    const Arrival arrival = waiting.back();
-    waiting.pop_back();
-    const auto [members, first_time] = members_of.try_emplace(arrival.group);
-    if (first_time) reader_.member_groups(arrival.group, members->second);
-    for (const EntryId member : members->second) {
-      if (reached[member].add(arrival.origin)) waiting.push_back({member, arrival.origin});
-    }
-  }
-  std::vector<EntryId> ids;
-  for (const auto& [group, origins] : reached) {
-    if (origins.any_but(group)) ids.push_back(group);
-  }
-  sort_unique(ids);
-  return ids;
-}
-
 std::vector<EntryId> DirectoryQueries::users_below(EntryId group) {
   std::vector<EntryId> users;
   reader_.member_users(group, users);
-  for (const EntryId nested : groups_below({group})) reader_.member_users(nested, users);
+  for (const EntryId nested : reader_.groups().all_below({group})) reader_.member_users(nested, users);
   sort_unique(users);
   return users;
 }

@@ -43,7 +43,7 @@ class DirectoryQueries {
  private:
   std::optional<EntryId> find_user(std::string_view name);
   std::optional<EntryId> find_group(std::string_view name, bool by_cn, bool by_dn);
-  std::vector<EntryId> groups_below(const std::vector<EntryId>& tops);
+  void list_groups(const std::vector<EntryId>& ids, std::list<GroupMeta>& groups);
   std::vector<EntryId> users_below(EntryId group);
   int code(int when_good) const { return reader_.failure() ? kDirectoryOther : when_good; }
 

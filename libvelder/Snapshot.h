@@ -12,12 +12,14 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "libvelder/Error.h"
+#include "libvelder/GroupGraph.h"
 #include "libvelder/LdapModule.h"
 #include "libvelder/LdifReader.h"
 #include "libvelder/Settings.h"
@@ -44,7 +46,6 @@ struct SnapshotMeta {
   int64_t groups = 0;
   int64_t memberships = 0;    // direct ones: users in groups and groups in groups
   int64_t skipped_users = 0;  // without a usable uid
-  bool has_ancestors = true;  // false: nested groups are followed at each look-up
 };
 
 // Tells whether a path still names the file that was looked at.
@@ -76,6 +77,8 @@ class SnapshotFile {
 
   const SnapshotMeta& meta() const { return meta_; }
   const FileIdentity& identity() const { return identity_; }
+  // Of all groups, numbered as in the file. Read from the file at the first call.
+  Result<const GroupGraph*> groups() const;
   unsigned char* bytes() const { return bytes_; }  // read-only memory
   size_t size() const { return size_; }
 
@@ -86,6 +89,8 @@ class SnapshotFile {
   size_t size_;
   FileIdentity identity_;
   SnapshotMeta meta_;
+  mutable std::once_flag groups_read_;
+  mutable Result<GroupGraph> groups_;
 };
 
 // Text as it is kept for searching inside it: folded, and NUL replaced, which would end the text for the
@@ -116,8 +121,8 @@ struct UserRow {
 };
 
 // One thread's connection to a snapshot: plain questions, one or two statements each. Keys are folded by
-// the caller (fold_text, normalize_dn, search_text for a part). `limit` 0 means all. Answers are appended, in
-// ascending order.
+// the caller (fold_text, normalize_dn, search_text for a part). Answers are appended, in
+// any order and perhaps more than once; with a `limit` (0 means all) in ascending order, each once.
 //
 // When the engine reports an error the question ends early, later ones give nothing, and failure() tells.
 class SnapshotReader {
@@ -128,7 +133,7 @@ class SnapshotReader {
   const SnapshotFile& file() const { return *file_; }
   const std::optional<Error>& failure() const { return failure_; }
 
-  void users_named(std::string_view key, NameUse use, size_t limit, std::vector<EntryId>& ids);
+  void users_named(std::string_view key, NameUse use, std::vector<EntryId>& ids);
   void users_with_dn(std::string_view dn_key, std::vector<EntryId>& ids);
   // `domain_key`: a DNS name or, unless `dns_only`, a NetBIOS name.
   void users_in_domain(std::string_view uid_key, std::string_view domain_key, bool dns_only,
@@ -136,17 +141,18 @@ class SnapshotReader {
   // `part` occurs in cn, uid or principal name.
   void users_containing(std::string_view part, size_t limit, std::vector<EntryId>& ids);
   bool user(EntryId id, UserRow& row);
+  // uid@dns.domain
+  bool user_address(EntryId id, std::string& address);
   void credentials(EntryId id, Credentials& credentials);
 
   void groups_with_cn(std::string_view key, size_t limit, std::vector<EntryId>& ids);
   void groups_with_dn(std::string_view dn_key, std::vector<EntryId>& ids);
   void groups_containing(std::string_view part, size_t limit, std::vector<EntryId>& ids);
-  bool group(EntryId id, GroupMeta& row);
 
-  // Direct, nested and primary groups.
-  void groups_of_user(EntryId user, std::list<GroupMeta>& groups);
-  // One level only.
-  void member_groups(EntryId group, std::vector<EntryId>& ids);
+  const GroupGraph& groups() const { return *groups_; }
+
+  // Direct memberships only, primary groups among them.
+  void groups_of_user(EntryId user, std::vector<EntryId>& ids);
   void member_users(EntryId group, std::vector<EntryId>& ids);
 
  private:
@@ -156,16 +162,13 @@ class SnapshotReader {
   void containing(std::string_view part, size_t limit, bool users, std::vector<EntryId>& ids);
 
   std::shared_ptr<const SnapshotFile> file_;
+  const GroupGraph* groups_ = nullptr;
   std::optional<Error> failure_;
   std::unique_ptr<Statements> statements_;
 };
 
 struct BuildOptions {
   bool keep_passwords = false;  // userPassword and sambaNTPassword go into the file
-  // Nested groups are worked out in advance only up to this many (group, ancestor) pairs, and while that
-  // takes no more than 16 times as many steps. A chain of 20,000 groups alone would have 200 million pairs;
-  // beyond the limit the groups of a user are followed level by level when they are asked for.
-  size_t ancestor_limit = 4'000'000;
 };
 
 // Gathers entries from whatever source and writes them as one snapshot. One thread at a time. Keeps all

@@ -31,9 +31,6 @@ using Pair = SnapshotContent::Pair;
 // The same spelling of a DN is worked out once; beyond this many spellings the memory is better kept.
 constexpr size_t kRememberedSpellings = 500'000;
 
-// How many steps up the groups may be spent for each pair that may be kept.
-constexpr size_t kStepsPerPair = 16;
-
 struct TextHash {
   using is_transparent = void;
   size_t operator()(std::string_view text) const { return std::hash<std::string_view>{}(text); }
@@ -307,41 +304,6 @@ void SnapshotBuilder::Draft::resolve() {
   memberships = {};
   sort_unique(content.user_groups);
   sort_unique(content.nested);
-  content.has_ancestors =
-      find_ancestors(content.nested, content.groups.size(), options.ancestor_limit, content.ancestors);
-}
-
-bool find_ancestors(const std::vector<Pair>& nested, size_t groups, size_t limit,
-                    std::vector<Pair>& ancestors) {
-  // parents of group g: nested[first[g]] to nested[first[g + 1] - 1]
-  std::vector<size_t> first(groups + 2, 0);
-  for (const Pair& pair : nested) ++first[pair.first + 1];
-  std::partial_sum(first.begin(), first.end(), first.begin());
-
-  std::vector<uint32_t> visited_for(groups + 1, 0);
-  std::vector<uint32_t> waiting;
-  size_t steps = 0;
-  ancestors.clear();
-  for (uint32_t start = 1; start <= groups; ++start) {
-    const auto begin = static_cast<ptrdiff_t>(ancestors.size());
-    visited_for[start] = start;
-    waiting.assign(1, start);
-    while (!waiting.empty()) {
-      const uint32_t group = waiting.back();
-      waiting.pop_back();
-      for (size_t at = first[group]; at < first[group + 1]; ++at) {
-        if (++steps > limit * kStepsPerPair) return ancestors = {}, false;
-        const uint32_t parent = nested[at].second;
-        if (visited_for[parent] == start) continue;
-        visited_for[parent] = start;
-        if (ancestors.size() >= limit) return ancestors = {}, false;
-        ancestors.emplace_back(start, parent);
-        waiting.push_back(parent);
-      }
-    }
-    std::sort(ancestors.begin() + begin, ancestors.end());
-  }
-  return true;
 }
 
 SnapshotBuilder::SnapshotBuilder(const Settings& settings, const BuildOptions& options)
@@ -389,7 +351,6 @@ Result<void> SnapshotBuilder::write(const std::string& path, SnapshotMeta& meta)
   meta.groups = static_cast<int64_t>(content.groups.size());
   meta.memberships = static_cast<int64_t>(content.user_groups.size() + content.nested.size());
   meta.skipped_users = draft_->skipped_users;
-  meta.has_ancestors = content.has_ancestors;
 
   auto file = DraftFile::create(path);
   if (!file) return tl::make_unexpected(file.error());

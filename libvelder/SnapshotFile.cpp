@@ -70,8 +70,7 @@ Result<SnapshotMeta> read_meta(const SnapshotFile& file) {
   }
   Statement rest;
   if (!rest.prepare(database,
-                    "SELECT source, origin, built_at, users, groups, memberships, skipped_users, "
-                    "has_ancestors FROM meta") ||
+                    "SELECT source, origin, built_at, users, groups, memberships, skipped_users FROM meta") ||
       rest.step() != Statement::Step::kRow) {
     return tl::make_unexpected(database.error("meta row not readable"));
   }
@@ -83,8 +82,32 @@ Result<SnapshotMeta> read_meta(const SnapshotFile& file) {
   meta.groups = rest.number(4);
   meta.memberships = rest.number(5);
   meta.skipped_users = rest.number(6);
-  meta.has_ancestors = rest.number(7) != 0;
   return meta;
+}
+
+Result<GroupGraph> read_groups(const SnapshotFile& file) {
+  Database database;
+  if (auto opened = database.open_mapped(file); !opened) return tl::make_unexpected(opened.error());
+  GroupGraph graph;
+  Statement entries, nested;
+  if (!entries.prepare(database, "SELECT dn, cn, id FROM group_entry ORDER BY id") ||
+      !nested.prepare(database, "SELECT member_id, group_id FROM nested_group")) {
+    return tl::make_unexpected(database.error("groups"));
+  }
+  Statement::Step step = entries.step();
+  for (; step == Statement::Step::kRow; step = entries.step()) {
+    graph.add(entries.text(0), entries.text(1));
+    if (entries.number(2) != static_cast<int64_t>(graph.size())) break;  // a gap
+  }
+  if (step != Statement::Step::kDone) return tl::make_unexpected(database.error("groups"));
+  std::vector<GroupGraph::Pair> pairs;
+  for (step = nested.step(); step == Statement::Step::kRow; step = nested.step()) {
+    pairs.emplace_back(static_cast<uint32_t>(nested.number(0)), static_cast<uint32_t>(nested.number(1)));
+  }
+  if (step != Statement::Step::kDone || !graph.connect(pairs)) {
+    return tl::make_unexpected(database.error("nested groups"));
+  }
+  return graph;
 }
 
 }  // namespace
@@ -157,6 +180,12 @@ Result<std::shared_ptr<const SnapshotFile>> SnapshotFile::open(const std::string
   if (!meta) return refused(path, meta.error().text.c_str());
   file->meta_ = std::move(*meta);
   return file;
+}
+
+Result<const GroupGraph*> SnapshotFile::groups() const {
+  std::call_once(groups_read_, [this] { groups_ = read_groups(*this); });
+  if (!groups_) return tl::make_unexpected(groups_.error());
+  return &*groups_;
 }
 
 Result<SnapshotLock> SnapshotLock::acquire(const std::string& workdir) {

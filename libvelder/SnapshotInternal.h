@@ -105,21 +105,14 @@ struct SnapshotContent {
   struct Group {
     std::string dn, dn_key, cn, cn_key;
   };
-  using Pair = std::pair<uint32_t, uint32_t>;  // numbers of rows; lists of pairs are sorted, each pair once
+  using Pair = GroupGraph::Pair;  // numbers of rows; lists of pairs are sorted, each pair once
 
   std::vector<DomainRow> domains;
   std::vector<User> users;
   std::vector<Group> groups;
   std::vector<Pair> user_groups;  // user, group
   std::vector<Pair> nested;       // member group, group
-  std::vector<Pair> ancestors;    // group, ancestor; empty unless has_ancestors
-  bool has_ancestors = true;
 };
-
-// Every group that is reachable upwards from each group, the group itself not included; false when that
-// would go beyond `limit` pairs. Cycles are allowed. `nested` as in SnapshotContent.
-bool find_ancestors(const std::vector<SnapshotContent::Pair>& nested, size_t groups, size_t limit,
-                    std::vector<SnapshotContent::Pair>& ancestors);
 
 // The tables of a draft, in one transaction.
 Result<void> write_tables(Database& database, const SnapshotContent& content, const SnapshotMeta& meta);

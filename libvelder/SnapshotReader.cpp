@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 
 #include "libvelder/Fold.h"
 #include "libvelder/SnapshotInternal.h"
@@ -20,16 +19,14 @@ enum Query : size_t {
   kUsersIndexed,
   kUsersScanned,
   kUser,
+  kUserAddress,
   kPasswords,
   kSecrets,
   kGroupsByCn,
   kGroupsByDn,
   kGroupsIndexed,
   kGroupsScanned,
-  kGroup,
-  kGroupsOfUser,
-  kGroupsOfUserStepwise,
-  kMemberGroups,
+  kDirectGroups,
   kMemberUsers,
   kQueries
 };
@@ -38,9 +35,9 @@ enum Query : size_t {
 // keeps it.
 constexpr std::array<const char*, kQueries> kSql = {
     // kUsersByIdentity
-    "SELECT DISTINCT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2) ORDER BY user_id LIMIT ?2",
+    "SELECT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2)",
     // kUsersBySearch
-    "SELECT DISTINCT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2, 4) ORDER BY user_id LIMIT ?2",
+    "SELECT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2, 4)",
     // kUsersByDn
     "SELECT user_id FROM user_name WHERE key = ?1 AND kind = 3",
     // kUsersInDomain
@@ -54,6 +51,8 @@ constexpr std::array<const char*, kQueries> kSql = {
     // kUser
     "SELECT u.dn, u.cn, u.uid, u.upn, d.dns FROM user_entry u CROSS JOIN domain d ON d.id = u.domain_id "
     "WHERE u.id = ?1",
+    // kUserAddress
+    "SELECT u.uid, d.dns FROM user_entry u CROSS JOIN domain d ON d.id = u.domain_id WHERE u.id = ?1",
     // kPasswords
     "SELECT value FROM user_password WHERE user_id = ?1 ORDER BY position",
     // kSecrets
@@ -66,20 +65,8 @@ constexpr std::array<const char*, kQueries> kSql = {
     "SELECT rowid FROM group_search WHERE group_search MATCH ?1 ORDER BY rowid LIMIT ?2",
     // kGroupsScanned
     "SELECT id FROM group_folded WHERE instr(cn, ?1) ORDER BY id LIMIT ?2",
-    // kGroup
-    "SELECT dn, cn FROM group_entry WHERE id = ?1",
-    // kGroupsOfUser
-    "SELECT g.dn, g.cn FROM ("
-    "SELECT group_id AS id FROM user_group WHERE user_id = ?1 UNION "
-    "SELECT a.ancestor_id FROM user_group m CROSS JOIN group_ancestor a ON a.group_id = m.group_id "
-    "WHERE m.user_id = ?1) x CROSS JOIN group_entry g ON g.id = x.id ORDER BY x.id",
-    // kGroupsOfUserStepwise
-    "WITH RECURSIVE reached(id) AS (SELECT group_id FROM user_group WHERE user_id = ?1 UNION "
-    "SELECT p.group_id FROM reached r CROSS JOIN nested_group p ON p.member_id = r.id) "
-    "SELECT g.dn, g.cn FROM group_entry g WHERE g.id IN reached ORDER BY g.id",
-    // kMemberGroups
-    "SELECT member_id FROM nested_group INDEXED BY nested_group_members WHERE group_id = ?1 "
-    "ORDER BY member_id",
+    // kDirectGroups
+    "SELECT group_id FROM user_group WHERE user_id = ?1",
     // kMemberUsers
     "SELECT user_id FROM group_user WHERE group_id = ?1 ORDER BY user_id",
 };
@@ -133,8 +120,8 @@ struct SnapshotReader::Statements {
     statement.reset();
   }
 
-  void collect(Query query, std::optional<Error>& failure, std::vector<EntryId>& ids,
-               const std::function<void(Statement&)>& bind) {
+  template <class Bind>
+  void collect(Query query, std::optional<Error>& failure, std::vector<EntryId>& ids, Bind bind) {
     run(query, failure, bind, [&](Statement& row) { ids.push_back(row.number(0)); });
   }
 };
@@ -144,6 +131,9 @@ Result<std::unique_ptr<SnapshotReader>> SnapshotReader::open(std::shared_ptr<con
   if (auto opened = reader->statements_->database.open_mapped(*reader->file_); !opened) {
     return tl::make_unexpected(opened.error());
   }
+  auto groups = reader->file_->groups();
+  if (!groups) return tl::make_unexpected(groups.error());
+  reader->groups_ = *groups;
   return reader;
 }
 
@@ -153,12 +143,9 @@ SnapshotReader::SnapshotReader(std::shared_ptr<const SnapshotFile> file)
 // The statements go first: they read the mapping that the file holds.
 SnapshotReader::~SnapshotReader() = default;
 
-void SnapshotReader::users_named(std::string_view key, NameUse use, size_t limit, std::vector<EntryId>& ids) {
+void SnapshotReader::users_named(std::string_view key, NameUse use, std::vector<EntryId>& ids) {
   statements_->collect(use == NameUse::kIdentity ? kUsersByIdentity : kUsersBySearch, failure_, ids,
-                       [&](Statement& s) {
-                         s.bind(1, key);
-                         s.bind(2, sql_limit(limit));
-                       });
+                       [&](Statement& s) { s.bind(1, key); });
 }
 
 void SnapshotReader::users_with_dn(std::string_view dn_key, std::vector<EntryId>& ids) {
@@ -205,6 +192,17 @@ bool SnapshotReader::user(EntryId id, UserRow& row) {
   return found;
 }
 
+bool SnapshotReader::user_address(EntryId id, std::string& address) {
+  bool found = false;
+  statements_->run(
+      kUserAddress, failure_, [&](Statement& s) { s.bind(1, id); },
+      [&](Statement& s) {
+        address = s.text(0) + '@' + s.text(1);
+        found = true;
+      });
+  return found;
+}
+
 void SnapshotReader::credentials(EntryId id, Credentials& credentials) {
   const auto bind = [&](Statement& s) { s.bind(1, id); };
   statements_->run(kSecrets, failure_, bind, [&](Statement& s) {
@@ -226,28 +224,8 @@ void SnapshotReader::groups_with_dn(std::string_view dn_key, std::vector<EntryId
   statements_->collect(kGroupsByDn, failure_, ids, [&](Statement& s) { s.bind(1, dn_key); });
 }
 
-bool SnapshotReader::group(EntryId id, GroupMeta& row) {
-  bool found = false;
-  statements_->run(
-      kGroup, failure_, [&](Statement& s) { s.bind(1, id); },
-      [&](Statement& s) {
-        row = GroupMeta{s.text(0), s.text(1)};
-        found = true;
-      });
-  return found;
-}
-
-void SnapshotReader::groups_of_user(EntryId user, std::list<GroupMeta>& groups) {
-  statements_->run(
-      file_->meta().has_ancestors ? kGroupsOfUser : kGroupsOfUserStepwise, failure_,
-      [&](Statement& s) { s.bind(1, user); },
-      [&](Statement& s) {
-        groups.push_back(GroupMeta{s.text(0), s.text(1)});
-      });
-}
-
-void SnapshotReader::member_groups(EntryId group, std::vector<EntryId>& ids) {
-  statements_->collect(kMemberGroups, failure_, ids, [&](Statement& s) { s.bind(1, group); });
+void SnapshotReader::groups_of_user(EntryId user, std::vector<EntryId>& ids) {
+  statements_->collect(kDirectGroups, failure_, ids, [&](Statement& s) { s.bind(1, user); });
 }
 
 void SnapshotReader::member_users(EntryId group, std::vector<EntryId>& ids) {

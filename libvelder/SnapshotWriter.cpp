@@ -18,7 +18,7 @@ constexpr char kSchema[] =
     "BEGIN;"
     "CREATE TABLE meta (format INTEGER NOT NULL, folding INTEGER NOT NULL, source TEXT NOT NULL,"
     " origin TEXT NOT NULL, built_at INTEGER NOT NULL, users INTEGER NOT NULL, groups INTEGER NOT NULL,"
-    " memberships INTEGER NOT NULL, skipped_users INTEGER NOT NULL, has_ancestors INTEGER NOT NULL,"
+    " memberships INTEGER NOT NULL, skipped_users INTEGER NOT NULL,"
     " finished INTEGER NOT NULL);"
     "CREATE TABLE domain (id INTEGER PRIMARY KEY, dns TEXT NOT NULL, netbios TEXT NOT NULL,"
     " dns_key TEXT NOT NULL, netbios_key TEXT NOT NULL);"
@@ -41,8 +41,6 @@ constexpr char kSchema[] =
     " PRIMARY KEY (group_id, user_id)) WITHOUT ROWID;"
     "CREATE TABLE nested_group (member_id INTEGER NOT NULL, group_id INTEGER NOT NULL,"
     " PRIMARY KEY (member_id, group_id)) WITHOUT ROWID;"
-    "CREATE TABLE group_ancestor (group_id INTEGER NOT NULL, ancestor_id INTEGER NOT NULL,"
-    " PRIMARY KEY (group_id, ancestor_id)) WITHOUT ROWID;"
     "CREATE VIRTUAL TABLE user_search USING fts5(cn, uid, upn, content='user_folded', content_rowid='id',"
     " columnsize=0, tokenize='trigram case_sensitive 1');"
     "CREATE VIRTUAL TABLE group_search USING fts5(cn, content='group_folded', content_rowid='id',"
@@ -50,7 +48,6 @@ constexpr char kSchema[] =
 
 // hashsize: more is gathered in memory before a piece of the index is written, so fewer are merged.
 constexpr char kIndexes[] =
-    "CREATE INDEX nested_group_members ON nested_group (group_id, member_id);"
     "INSERT INTO user_search(user_search, rank) VALUES ('hashsize', 67108864);"
     "INSERT INTO user_search(user_search) VALUES ('rebuild');"
     "INSERT INTO group_search(group_search) VALUES ('rebuild');";
@@ -182,8 +179,7 @@ bool write_memberships(Database& database, const SnapshotContent& content) {
   std::sort(turned.begin(), turned.end());
   return write_pairs(database, "INSERT INTO user_group VALUES (?1, ?2)", content.user_groups) &&
          write_pairs(database, "INSERT INTO group_user VALUES (?1, ?2)", turned) &&
-         write_pairs(database, "INSERT INTO nested_group VALUES (?1, ?2)", content.nested) &&
-         write_pairs(database, "INSERT INTO group_ancestor VALUES (?1, ?2)", content.ancestors);
+         write_pairs(database, "INSERT INTO nested_group VALUES (?1, ?2)", content.nested);
 }
 
 bool write_domains(Database& database, const SnapshotContent& content) {
@@ -203,7 +199,7 @@ bool write_domains(Database& database, const SnapshotContent& content) {
 
 bool write_meta(Database& database, const SnapshotMeta& meta) {
   Statement insert;
-  if (!insert.prepare(database, "INSERT INTO meta VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, 1)")) {
+  if (!insert.prepare(database, "INSERT INTO meta VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, 1)")) {
     return false;
   }
   insert.bind(1, int64_t{kSnapshotFormat});
@@ -215,7 +211,6 @@ bool write_meta(Database& database, const SnapshotMeta& meta) {
   insert.bind(7, meta.groups);
   insert.bind(8, meta.memberships);
   insert.bind(9, meta.skipped_users);
-  insert.bind(10, int64_t{meta.has_ancestors});
   return insert.run();
 }
 
