@@ -14,7 +14,6 @@
 #include <fstream>
 #include <iostream>
 #include <optional>
-#include <sstream>
 #include <vector>
 
 #include "client/Address.h"
@@ -174,11 +173,14 @@ class Agent {
 
 tl::expected<wmi_agent::People, std::string> read_people(const std::string& file) {
   std::ifstream in(file);
-  std::ostringstream text;
-  if (!in || !(text << in.rdbuf() || in.peek() == std::ifstream::traits_type::eof())) {
-    return tl::make_unexpected("cannot read " + file);
+  std::string text;
+  char buffer[4096];
+  while (in.read(buffer, sizeof(buffer)) || in.gcount() > 0) {
+    text.append(buffer, static_cast<size_t>(in.gcount()));
   }
-  auto people = wmi_agent::parse_people(text.str());
+  // A directory opens but cannot be read, which leaves the stream bad rather than at its end.
+  if (!in.eof() || in.bad()) return tl::make_unexpected("cannot read " + file);
+  auto people = wmi_agent::parse_people(text);
   if (!people) return tl::make_unexpected(file + ", " + people.error());
   return people;
 }
