@@ -16,14 +16,16 @@ SCRIPT = pathlib.Path(__file__).resolve().parents[2] / "examples/workdir/LdapSyn
 FAMILY = r"""
 import os, signal, sys
 watched = {signal.SIGUSR1, signal.SIGUSR2}
+def say(*words):
+    os.write(1, (" ".join(words) + "\n").encode())  # whole lines, whoever writes at the same time
 def watch(role):
     while True:
         number = signal.sigwait(watched)
-        print(role, signal.Signals(number).name, flush=True)
+        say(role, signal.Signals(number).name)
         if role == "parent" and number == signal.SIGUSR2 and os.fork() == 0:
             signal.pthread_sigmask(signal.SIG_UNBLOCK, watched)
             status = os.system(sys.argv[1])
-            print("synchronisation ended", status, flush=True)
+            say("synchronisation ended", str(status))
             os._exit(0)
 with open("/proc/self/comm", "w") as file:
     file.write(sys.argv[2])
@@ -33,7 +35,7 @@ for _ in range(2):
         watch("worker")
 if os.fork() == 0:
     os.execvp("sleep", ["sleep", "100"])  # a child that is no worker; its signals are blocked, too
-print("ready", flush=True)
+say("ready")
 watch("parent")
 """
 
