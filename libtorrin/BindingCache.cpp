@@ -15,6 +15,7 @@
 #include "libtorrin/BindingExport.h"
 #include "libtorrin/IPUserCacheModule.h"
 #include "libtorrin/PathText.h"
+#include "libtorrin/Printable.h"
 
 namespace torrin {
 namespace {
@@ -69,7 +70,7 @@ int BindingCache::initialize(const char* workdir) {
     owner_ = getpid();
     return kCacheSuccess;
   }
-  VRLOG(kLogError, "IP-user cache: %s", started.error().c_str());
+  VRLOG(kLogError, "IP-user cache: %s", printable(started.error()).c_str());
   close_flush_descriptor();
   store_.close();
   recovery_.reset();
@@ -161,7 +162,8 @@ int BindingCache::remove(const char* ip) {
 bool BindingCache::export_to(const std::string& path) {
   const Result exported = export_bindings(store_, path, settings_.export_directory, surroundings_.clock());
   if (!exported) {
-    VRLOG(kLogError, "IP-user cache: no export to %s: %s", path.c_str(), exported.error().c_str());
+    VRLOG(kLogError, "IP-user cache: no export to %s: %s", printable(path).c_str(),
+          printable(exported.error()).c_str());
   }
   return exported.has_value();
 }

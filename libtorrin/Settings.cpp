@@ -12,6 +12,7 @@
 #include "brellog/VrLog.h"
 #include "daemonbase/BRELConfigFile.h"
 #include "libtorrin/PathText.h"
+#include "libtorrin/Printable.h"
 
 namespace torrin {
 namespace {
@@ -84,7 +85,8 @@ Expected read_key(const std::string& key, const std::string& value, Settings& se
   const auto known = std::find_if(std::begin(kKeys), std::end(kKeys),
                                   [&key](const auto& candidate) { return key == candidate.key; });
   if (known == std::end(kKeys)) {
-    VRLOG(kLogInfo, "IP-user cache: %s: the key %s is unknown and ignored", kSettingsFile, key.c_str());
+    VRLOG(kLogInfo, "IP-user cache: %s: the key %s is unknown and ignored", kSettingsFile,
+          printable(key).c_str());
     return std::nullopt;
   }
   const Expected expected = known->read(trim(value), settings);
@@ -110,7 +112,7 @@ tl::expected<Settings, std::string> read_settings(const std::string& workdir) {
   for (const auto& [section, keys] : file.GetRawData()) {
     if (section != kSettingsSection) {
       VRLOG(kLogInfo, "IP-user cache: %s: the section %s is unknown and ignored", kSettingsFile,
-            section.c_str());
+            printable(section).c_str());
       continue;
     }
     for (const auto& [key, value] : keys) {

@@ -29,6 +29,7 @@ struct ThreadReader {
 
   ~ThreadReader() { release(); }
   void release();
+  void forget(Store& store);
 };
 
 namespace {
@@ -123,6 +124,13 @@ void ThreadReader::release() {
     std::erase(store->readers_, this);
     mdb_txn_abort(txn);
   }
+  txn = nullptr;
+  epoch = 0;
+}
+
+void ThreadReader::forget(Store& store) {
+  const std::lock_guard lock(g_opening_lock);
+  std::erase(store.readers_, this);
   txn = nullptr;
   epoch = 0;
 }

@@ -112,6 +112,7 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
       out_ + "/missing/x",
       out_ + "/foreign/x",
       "/dev/null",
+      out_ + "/missing\nforged <ERR>/x",
       "/proc/self/cwd/x",
       out_ + std::string("/a\0b", 4),
       out_ + "/" + std::string(256, 'n'),
