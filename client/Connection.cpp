@@ -82,6 +82,7 @@ tl::unexpected<Error> all_failed(const std::vector<Candidate>& candidates) {
 Result<UniqueFd> connect_any(const std::vector<SocketAddress>& addresses, const Options& options) {
   const Clock::time_point deadline = Clock::now() + options.connect_timeout;
   std::vector<Candidate> candidates;
+  candidates.reserve(addresses.size());
   for (const SocketAddress& address : addresses) candidates.push_back({&address, std::nullopt});
   for (milliseconds slice = kFirstSlice;; slice = std::min(2 * slice, kLongestSlice)) {
     bool again = false;
@@ -100,10 +101,10 @@ Result<UniqueFd> connect_any(const std::vector<SocketAddress>& addresses, const 
     }
     if (!again) return all_failed(candidates);
     if (Clock::now() + kPause >= deadline) {
-      const std::string to = addresses.front().text();
-      const std::string span = std::to_string(options.connect_timeout.count()) + " ms";
-      if (refused) return fail(ErrorKind::kRefused, "nothing listened on " + to + " within " + span);
-      return fail(ErrorKind::kConnectTimeout, "no connection to " + to + " within " + span);
+      std::string text = refused ? "nothing listened on " : "no connection to ";
+      text.append(addresses.front().text()).append(" within ");
+      text.append(std::to_string(options.connect_timeout.count())).append(" ms");
+      return fail(refused ? ErrorKind::kRefused : ErrorKind::kConnectTimeout, std::move(text));
     }
     if (Clock::now() - round_start < kPause) {
       std::this_thread::sleep_for(kPause);
@@ -141,8 +142,8 @@ Result<void> Connection::call(int32_t type, const google::protobuf::Message& req
                               google::protobuf::Message& answer) {
   const Deadline deadline = call_deadline();
   std::string frame;
-  if (const Result<void> encoded = encode_request(type, request, frame); !encoded) return encoded;
-  const Result<void> sent = send_bytes(frame, deadline);
+  if (Result<void> encoded = encode_request(type, request, frame); !encoded) return encoded;
+  Result<void> sent = send_bytes(frame, deadline);
   wipe(frame);
   if (!sent) return sent;
 

@@ -114,7 +114,7 @@ Result<FrameReader::Progress> FrameReader::receive(int fd) {
   for (;;) {
     const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
     if (got > 0) {
-      const Result<Progress> progress = feed({buffer.data(), static_cast<size_t>(got)});
+      Result<Progress> progress = feed({buffer.data(), static_cast<size_t>(got)});
       if (!progress || *progress == Progress::kComplete) return progress;
       continue;
     }

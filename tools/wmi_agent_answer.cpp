@@ -28,7 +28,7 @@ std::string_view take_until(std::string_view& text, char end) {
 }  // namespace
 
 std::string usual_spelling(std::string_view address) {
-  const std::string text(address);
+  std::string text(address);
   std::array<char, INET6_ADDRSTRLEN> out{};
   in_addr v4{};
   if (inet_pton(AF_INET, text.c_str(), &v4) == 1) {
