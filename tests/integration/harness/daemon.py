@@ -1,0 +1,266 @@
+"""Starts, watches and ends the real daemon inside the sandbox, whose first process we are: what the daemon
+leaves behind becomes our child, its exit status ours to collect."""
+
+import contextlib
+import glob
+import os
+import re
+import resource
+import shutil
+import signal
+import subprocess
+import time
+from collections import namedtuple
+
+from harness import sandbox, wire
+
+PROGRAMS = os.environ["AUTHD_PROGRAMS"]
+LONG_WAIT = 30  # seconds after which something that should happen has not
+
+LogLine = namedtuple("LogLine", "time level tag pid tid text function file line")
+_LOG_LINE = re.compile(r"(?P<time>\d\d:\d\d:\d\d\.\d{3}) <(?P<level>ERR|INF|TRANS|DBG|MOR)>"
+                       r"<(?P<tag>\d+):(?P<pid>\d+):(?P<tid>\d+)> (?P<text>.*) @<(?P<function>[^>]*)> "
+                       r"@@<(?P<file>[\w.]+):(?P<line>\d+)>")
+
+
+def until(condition, what, timeout=LONG_WAIT):
+    """The first true value of `condition`; fails when none comes in time."""
+    deadline = time.monotonic() + timeout
+    while True:
+        if value := condition():
+            return value
+        if time.monotonic() > deadline:
+            raise AssertionError(f"did not happen within {timeout} s: {what() if callable(what) else what}")
+        time.sleep(0.005)
+
+
+def program(name):
+    return os.path.join(PROGRAMS, name)
+
+
+def stat_fields(pid):
+    """Fields of /proc/PID/stat from the state on (index 0), or None; `comm` first."""
+    try:
+        with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
+            text = file.read()
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+    comm, _, rest = text.partition("(")[2].rpartition(")")
+    return [comm] + rest.split()
+
+
+def processes(name="AuthDaemon"):
+    """pid -> (parent, state) of the live and dead processes of that name."""
+    found = {}
+    for entry in os.listdir("/proc"):
+        if entry.isdigit() and (fields := stat_fields(entry)) and fields[0] == name:
+            found[int(entry)] = (int(fields[2]), fields[1])
+    return found
+
+
+def collect(pid, timeout=LONG_WAIT):
+    """The wait status of one of our children."""
+    def ended():
+        done, status = os.waitpid(pid, os.WNOHANG)
+        return (status,) if done else None
+    return until(ended, f"the end of process {pid}", timeout)[0]
+
+
+def log_text():
+    text = ""
+    for path in sorted(glob.glob(f"{sandbox.LOG_DIR}/AuthDaemon.log.*")):
+        with open(path, encoding="utf-8", errors="surrogateescape") as file:
+            text += file.read()
+    return text
+
+
+def log_lines():
+    """All complete lines; a line in any other layout is a failure."""
+    lines = []
+    for text in log_text().split("\n")[:-1]:
+        match = _LOG_LINE.fullmatch(text)
+        assert match, f"log line of another layout: {text!r}"
+        fields = match.groupdict()
+        for number in ("tag", "pid", "tid", "line"):
+            fields[number] = int(fields[number])
+        lines.append(LogLine(**fields))
+    return lines
+
+
+def seconds_of_day(line):
+    hours, minutes, seconds = line.time.split(":")
+    return int(hours) * 3600 + int(minutes) * 60 + float(seconds)
+
+
+def seconds_between(first, second):
+    return (seconds_of_day(second) - seconds_of_day(first)) % 86400
+
+
+def environment(binary, factor):
+    """The sanitizers' runtime has to stand before our library in the list of preloaded ones."""
+    libraries = subprocess.run(["ldd", binary], capture_output=True, text=True, check=True).stdout
+    runtimes = re.findall(r"=> (\S*/lib(?:asan|tsan)\.so\S*)", libraries)
+    result = dict(os.environ, SHORTSLEEP_FACTOR=str(factor),
+                  LD_PRELOAD=" ".join(runtimes + [os.environ["AUTHD_SHORTSLEEP"]]))
+    for name, own in (("ASAN", "detect_leaks=0:abort_on_error=0"), ("UBSAN", "print_stacktrace=1"),
+                      ("TSAN", "second_deadlock_stack=1")):
+        # A worker that dies of a finding must leave the finding where we look for it.
+        given = os.environ.get(f"{name}_OPTIONS", "")
+        result[f"{name}_OPTIONS"] = ":".join(filter(None, [given, own, f"log_path={sandbox.REPORTS}/{name}"]))
+    return result
+
+
+class Daemon:
+    """One daemon at a time. `files` of start() go into the working directory: name -> text or bytes."""
+
+    def __init__(self):
+        self.pid = None
+        self.parent_status = None
+
+    # Start and end.
+
+    def start(self, *options, files=None, account=True, factor=1, workers=2, keep=False, workdir=None,
+              open_files=None, inherit=(), wait=True):
+        if not keep:
+            sandbox.clean(account)
+        for name, content in (files or {}).items():
+            write_file(name, content, account=account)
+        binary = program("AuthDaemon")
+        arguments = [binary, "--workdir", workdir or sandbox.WORKDIR, *options]
+        known = set(processes())
+        if open_files is not None:
+            limits = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, open_files)  # noqa: E731
+        else:
+            limits = None
+        foreground = subprocess.run(arguments, env=environment(binary, factor), stdin=subprocess.DEVNULL,
+                                    capture_output=True, timeout=LONG_WAIT, check=False, preexec_fn=limits, pass_fds=inherit)
+        assert (foreground.returncode, foreground.stdout, foreground.stderr) == (0, b"", b"")
+        # The foreground process has ended, so the daemon is our child now, even when it has ended, too.
+        born = [pid for pid, (parent, _) in processes().items() if pid not in known and parent == os.getpid()]
+        assert len(born) == 1, f"expected one daemon, found {born}"
+        self.pid = born[0]
+        self.parent_status = None
+        if wait:
+            self.wait_workers(workers)
+        return self
+
+    def status(self, timeout=LONG_WAIT):
+        """The exit status of the daemonised process, which has to end by itself; negative for a signal."""
+        if self.parent_status is None:
+            self.parent_status = os.waitstatus_to_exitcode(collect(self.pid, timeout))
+        return self.parent_status
+
+    def stop(self, number=signal.SIGTERM):
+        """Ends the daemon, waits for all of it; the status of the parent. Orphaned workers have to end with 0."""
+        os.kill(self.pid, number)
+        status = self.status()
+        self.collect_orphans()
+        return status
+
+    def collect_orphans(self, expected=0):
+        for pid, (parent, _) in processes().items():
+            if parent == os.getpid():
+                assert os.waitstatus_to_exitcode(collect(pid)) == expected, f"end of worker {pid}"
+
+    def kill_everything(self):
+        """The end of a test: nothing of the daemon is left, whatever happened."""
+        deadline = time.monotonic() + LONG_WAIT
+        while (left := processes()) and time.monotonic() < deadline:
+            for pid, (parent, _) in left.items():
+                with contextlib.suppress(ProcessLookupError):
+                    os.kill(pid, signal.SIGKILL)
+                if parent == os.getpid():
+                    with contextlib.suppress(ChildProcessError):
+                        os.waitpid(pid, 0)
+            time.sleep(0.002)
+        assert not left, f"could not end {left}"
+        self.pid = None
+
+    # Looking at it.
+
+    def workers(self):
+        """Pids of the live children, the oldest first."""
+        alive = [pid for pid, (parent, state) in processes().items() if parent == self.pid and state != "Z"]
+        return sorted(alive, key=lambda pid: (int((stat_fields(pid) or [0] * 21)[20]), pid))
+
+    def wait_workers(self, count):
+        def there():
+            assert processes().get(self.pid, (0, "Z"))[1] != "Z", "the daemon has ended:\n" + log_text()[-3000:]
+            return len(self.workers()) == count and self.workers()
+        return until(there, lambda: f"{count} workers, there are {self.workers()}")
+
+    def wait_line(self, text, level=None, pid=None, count=1):
+        """The `count`-th line with exactly this text (or matching this compiled expression)."""
+        def found():
+            hits = [line for line in log_lines() if matches(line, text, level, pid)]
+            return hits[count - 1] if len(hits) >= count else None
+        return until(found, lambda: f"log line {text!r}, level {level}; the last ones:\n" + log_text()[-3000:])
+
+    def count_lines(self, text, level=None, pid=None):
+        return sum(matches(line, text, level, pid) for line in log_lines())
+
+    def descriptors(self, pid):
+        """descriptor -> target of an own process."""
+        links = {}
+        for fd in os.listdir(f"/proc/{pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):
+                links[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
+        return links
+
+    # Talking to one of its workers.
+
+    def worker_of(self, connection):
+        """The worker that serves the connection, which has carried a request already."""
+        port = connection.socket.getsockname()[1]
+        with open("/proc/net/tcp", encoding="ascii") as file:
+            for row in (line.split() for line in file.readlines()[1:]):
+                if row[1].endswith(f":{wire.ADDRESS[1]:04X}") and row[2].endswith(f":{port:04X}"):
+                    inode = f"socket:[{row[9]}]"
+        return next(pid for pid in self.workers() if inode in self.descriptors(pid).values())
+
+    @contextlib.contextmanager
+    def connections_by_worker(self, workers=None):
+        """worker -> one connection that it serves, for all workers."""
+        wanted = set(workers or self.workers())
+        by_worker, all_of_them = {}, []
+        deadline = time.monotonic() + LONG_WAIT
+        try:
+            while set(by_worker) != wanted:
+                assert time.monotonic() < deadline, f"{wanted - set(by_worker)} took no connection"
+                all_of_them.append(connection := wire.Connection())
+                connection.query("192.0.2.254")
+                by_worker.setdefault(self.worker_of(connection), connection)
+            yield by_worker
+        finally:
+            for connection in all_of_them:
+                connection.close()
+
+
+def matches(line, text, level, pid):
+    same = text.search(line.text) if hasattr(text, "search") else line.text == text
+    return bool(same) and level in (None, line.level) and pid in (None, line.pid)
+
+
+def write_file(name, content, account=True, folder=sandbox.WORKDIR):
+    """Puts a file into the working directory the way an administrator would: complete, then renamed."""
+    path = os.path.join(folder, name)
+    with open(path + ".new", "wb") as file:
+        file.write(content if isinstance(content, bytes) else content.encode())
+    owner = sandbox.ACCOUNT_ID if account else 0
+    os.chown(path + ".new", owner, owner)
+    os.chmod(path + ".new", 0o755 if name.endswith(".sh") else 0o640)
+    os.rename(path + ".new", path)
+
+
+def sanitizer_reports():
+    texts = []
+    for path in glob.glob(f"{sandbox.REPORTS}/*"):
+        with open(path, encoding="utf-8", errors="replace") as file:
+            texts.append(file.read())
+        os.unlink(path)
+    return "\n".join(texts)
+
+
+def core_files():
+    found = [path for path in glob.glob(f"{sandbox.WORKDIR}/core*") + glob.glob("/core*") if os.path.isfile(path)]
+    return found + [path for path in shutil.os.listdir(sandbox.REPORTS) if "core" in path]

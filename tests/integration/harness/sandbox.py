@@ -1,0 +1,79 @@
+"""The private machine of a run: loopback, /etc and /var over the host's, the daemon's folders, its account."""
+
+import os
+import shutil
+import subprocess
+
+LOG_DIR = "/var/brel/log"
+PID_FILE = "/etc/quarn/pids/auth_daemon.pid"
+WORKDIR = "/var/brel/work"
+OUTSIDE = "/var/brel/outside"  # a folder that the daemon may write and that is not its own
+REPORTS = "/var/brel/reports"  # where sanitizers put what they found
+
+ACCOUNT = "quarn"
+ACCOUNT_ID = 990
+SECOND_GROUP_ID = 991
+
+_LAYERS = "/media"  # exists on every Debian machine; covered by a tmpfs in our mount namespace only
+
+
+class Impossible(Exception):
+    """This machine does not let us build the sandbox."""
+
+
+def _run(*command):
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise Impossible(f"{' '.join(command)}: {done.stderr.strip()}")
+
+
+def build():
+    """Once a run, inside the new namespaces."""
+    _run("ip", "link", "set", "lo", "up")
+    _run("mount", "-t", "tmpfs", "-o", "mode=755", "layers", _LAYERS)
+    for folder in ("/etc", "/var"):
+        upper, work = (f"{_LAYERS}{folder}_{part}" for part in ("upper", "work"))
+        os.mkdir(upper, 0o755)
+        os.mkdir(work, 0o755)
+        _run("mount", "-t", "overlay", "overlay",
+             f"-olowerdir={folder},upperdir={upper},workdir={work}", folder)
+    for folder in ("/var/brel", "/etc/quarn"):
+        os.makedirs(folder, 0o755, exist_ok=True)
+        _run("mount", "-t", "tmpfs", "-o", "mode=755,size=1g", "quarn", folder)
+
+
+def clean(account):
+    """The daemon's folders, empty; with the service account or without it."""
+    _set_account(account)
+    for folder in ("/var/brel", "/etc/quarn"):
+        for entry in os.scandir(folder):
+            if os.path.ismount(entry.path):
+                _run("umount", entry.path)
+            shutil.rmtree(entry.path)
+    owner = ACCOUNT_ID if account else 0
+    for folder in (LOG_DIR, "/var/brel/runtime", os.path.dirname(PID_FILE), WORKDIR, f"{WORKDIR}/log",
+                   OUTSIDE, REPORTS):
+        os.makedirs(folder, 0o755)
+        os.chown(folder, owner, owner)
+    os.chmod(REPORTS, 0o1777)
+
+
+def _set_account(present):
+    _set_line("/etc/passwd", ACCOUNT, f"{ACCOUNT}:x:{ACCOUNT_ID}:{ACCOUNT_ID}::/nonexistent:/usr/sbin/nologin",
+              present)
+    _set_line("/etc/group", ACCOUNT, f"{ACCOUNT}:x:{ACCOUNT_ID}:", present)
+    _set_line("/etc/group", "quarn_second", f"quarn_second:x:{SECOND_GROUP_ID}:{ACCOUNT}", present)
+
+
+def _set_line(path, name, line, present):
+    with open(path, encoding="utf-8") as file:
+        lines = [old for old in file.read().splitlines() if not old.startswith(name + ":")]
+    with open(path, "w", encoding="utf-8") as file:
+        file.write("\n".join(lines + [line] * present) + "\n")
+
+
+def mount_tmpfs(folder, size, account=True):
+    """A tiny disk for the daemon; clean() takes it away."""
+    os.makedirs(folder, 0o755, exist_ok=True)
+    owner = ACCOUNT_ID if account else 0
+    _run("mount", "-t", "tmpfs", "-o", f"size={size},uid={owner},gid={owner},mode=755", "tiny", folder)

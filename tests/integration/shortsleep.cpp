@@ -1,0 +1,32 @@
+// Preloaded into the daemon by the tests: sleep() waits a fraction of the time. The daemon counts its long
+// waits by what sleep() returns, so what is left after a signal is given in the caller's seconds.
+#include <time.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace {
+
+constexpr double kNanoseconds = 1e9;
+
+double factor() {
+  const char* text = getenv("SHORTSLEEP_FACTOR");
+  const double value = text == nullptr ? 1 : strtod(text, nullptr);
+  return value >= 1 ? value : 1;
+}
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned int seconds) {
+  const double shortened = seconds / factor();
+  const auto whole = static_cast<time_t>(shortened);
+  timespec left{whole, static_cast<long>((shortened - static_cast<double>(whole)) * kNanoseconds)};
+  const int saved_errno = errno;
+  if (nanosleep(&left, &left) == 0) {
+    errno = saved_errno;
+    return 0;
+  }
+  // Rounded down, as the C library does.
+  return static_cast<unsigned int>((static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_nsec) / kNanoseconds) *
+                                   factor());
+}
