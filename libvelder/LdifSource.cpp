@@ -136,16 +136,21 @@ Result<std::optional<FileIdentity>> look_at(const LdifFile& ldif, const std::str
   return identity_of(ldif.fd());
 }
 
+// A missing file, which has no identity, gives nothing.
+Result<void> fill(SnapshotBuilder& builder, const Settings& settings, const LdifFile& ldif,
+                  const std::optional<FileIdentity>& identity) {
+  if (!identity) return {};
+  LdifText text;
+  if (const int code = text.read_all(ldif.fd(), static_cast<size_t>(identity->size)); code != 0) {
+    return failed(settings.ldif_file + ": cannot be read: " + message_of(code));
+  }
+  return add_records(settings.ldif_file, text.view(), builder);
+}
+
 Result<void> build(const std::string& workdir, const Settings& settings, const LdifFile& ldif,
                    const std::optional<FileIdentity>& identity, const std::string& origin) {
   SnapshotBuilder builder(settings, BuildOptions{.keep_passwords = true});
-  if (identity) {
-    LdifText text;
-    if (const int code = text.read_all(ldif.fd(), static_cast<size_t>(identity->size)); code != 0) {
-      return failed(settings.ldif_file + ": cannot be read: " + message_of(code));
-    }
-    if (auto added = add_records(settings.ldif_file, text.view(), builder); !added) return added;
-  }
+  if (auto filled = fill(builder, settings, ldif, identity); !filled) return filled;
   SnapshotMeta meta;
   meta.source = kSourceName;
   meta.origin = origin;
@@ -194,6 +199,16 @@ Result<LdifUpdate> update_from_ldif(const std::string& workdir, const Settings& 
   update.rebuilt = true;
   update.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
   return update;
+}
+
+Result<LdifCounts> check_ldif(const Settings& settings) {
+  const LdifFile ldif(settings.ldif_file);
+  const auto identity = look_at(ldif, settings.ldif_file);
+  if (!identity) return tl::make_unexpected(identity.error());
+  SnapshotBuilder builder(settings, BuildOptions{});
+  if (auto filled = fill(builder, settings, ldif, *identity); !filled)
+    return tl::make_unexpected(filled.error());
+  return LdifCounts{builder.user_count(), builder.group_count()};
 }
 
 }  // namespace velder

@@ -1,6 +1,7 @@
 // The ldif source: keeps the snapshot of a working directory up to date with its LDIF file.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -27,5 +28,13 @@ struct LdifUpdate {
 // worked out again.
 Result<LdifUpdate> update_from_ldif(const std::string& workdir, const Settings& settings,
                                     const std::optional<FileIdentity>& verified);
+
+struct LdifCounts {
+  size_t users = 0;
+  size_t groups = 0;
+};
+
+// Reads the LDIF file from end to end and changes nothing. The errors are those of update_from_ldif.
+Result<LdifCounts> check_ldif(const Settings& settings);
 
 }  // namespace velder

@@ -1,0 +1,181 @@
+#include "libvelder/LdapSource.h"
+
+#include <chrono>
+#include <list>
+#include <utility>
+#include <vector>
+
+#include "libvelder/LdapConnection.h"
+#include "libvelder/ServerPool.h"
+
+namespace velder {
+namespace {
+
+constexpr uint64_t kProgressEvery = 500;  // entries
+
+// What makes an entry a user or a group, as far as a server need send it. Object classes that a server does
+// not know match nothing there.
+constexpr std::string_view kAdFilter = "(|(&(objectClass=user)(!(objectClass=computer)))(objectClass=group))";
+constexpr std::string_view kPosixFilter =
+    "(|(objectClass=inetOrgPerson)(objectClass=person)(objectClass=posixAccount)(objectClass=user)"
+    "(objectClass=groupOfNames)(objectClass=groupOfUniqueNames)(objectClass=posixGroup)(objectClass=group))";
+
+tl::unexpected<Error> failed(int code, const std::string& text) {
+  return tl::make_unexpected(Error{code, text});
+}
+
+// One reading of all domains into one builder. Entries cannot be taken back, so a server that fails half-way
+// through spoils the attempt: the next one begins with the server that took its place.
+class Attempt {
+ public:
+  Attempt(const Settings& settings, const SyncOptions& options)
+      : options_(options), builder_(settings, BuildOptions{.keep_passwords = false}) {}
+
+  Result<void> read(ServerPool& servers) {
+    bool begun = false;
+    const auto work = [&](LdapConnection& connection) -> Result<void> {
+      if (std::exchange(begun, true)) {
+        spoilt_ = true;
+        return failed(kDirectoryOther, "the server changed while it was read");
+      }
+      return read_domain(servers.domain(), connection);
+    };
+    return servers.read(work);
+  }
+
+  bool spoilt() const { return spoilt_; }
+  uint64_t entries() const { return entries_; }
+  SnapshotBuilder& builder() { return builder_; }
+
+ private:
+  Result<void> read_domain(const Domain& domain, LdapConnection& connection) {
+    SearchRequest request;
+    request.base = domain.base_dn;
+    request.filter = domain.schema == Schema::kAd ? kAdFilter : kPosixFilter;
+    request.attributes = directory_attributes();
+    return connection.search(request, [&](LdifRecord& entry) -> Result<void> {
+      report(domain.dns_name);
+      if (auto added = builder_.add(entry); !added) {
+        return failed(added.error().code, connection.url() + ": " + added.error().text);
+      }
+      return {};
+    });
+  }
+
+  void report(std::string_view domain) {
+    if (entries_++ % kProgressEvery == 0 && options_.progress) options_.progress({domain, entries_});
+  }
+
+  const SyncOptions& options_;
+  SnapshotBuilder builder_;
+  uint64_t entries_ = 0;
+  bool spoilt_ = false;
+};
+
+std::string describe_origin(const Settings& settings) {
+  std::string text = "domains:";
+  for (const Domain& domain : settings.domains) text += " " + domain.dns_name + "=" + domain.base_dn;
+  return text;
+}
+
+size_t server_count(const Settings& settings) {
+  size_t count = 0;
+  for (const Domain& domain : settings.domains) count += domain.servers.size();
+  return count;
+}
+
+Result<SyncReport> publish(const std::string& workdir, const Settings& settings, const SyncOptions& options,
+                           Attempt& attempt) {
+  SyncReport report;
+  report.before = present_ldap_snapshot(workdir);
+  report.entries = attempt.entries();
+  SnapshotBuilder& builder = attempt.builder();
+  const auto objection =
+      guard_objection(settings.shrink_guard, report.before, builder.user_count(), builder.group_count());
+  if (objection && !options.force) return failed(kDirectoryOther, *objection);
+
+  if (options.progress) options.progress({"", attempt.entries()});
+  report.meta.source = kLdapSourceName;
+  report.meta.origin = describe_origin(settings);
+  if (auto written = builder.write(path_in(workdir, kSnapshotDraftName), report.meta); !written) {
+    return tl::make_unexpected(written.error());
+  }
+  if (auto published = publish_snapshot(workdir); !published) return tl::make_unexpected(published.error());
+  return report;
+}
+
+// True when more than `percent` of `before` are gone.
+bool shrank(int64_t before, size_t now, uint32_t percent) {
+  const int64_t lost = before - static_cast<int64_t>(now);
+  return percent < 100 && lost * 100 > before * static_cast<int64_t>(percent);
+}
+
+std::string shrink_text(const char* what, int64_t before, size_t now, uint32_t percent) {
+  return "the servers gave " + std::to_string(now) + " " + what + " where there were " +
+         std::to_string(before) + ", a loss of more than ShrinkGuard = " + std::to_string(percent) +
+         " percent; the present snapshot stays (--force publishes the new one)";
+}
+
+}  // namespace
+
+std::vector<std::string> directory_attributes() {
+  return {"objectClass",
+          "cn",
+          "uid",
+          "sAMAccountName",
+          "userPrincipalName",
+          "userAccountControl",
+          "memberOf",
+          "primaryGroupID",
+          "objectSid",
+          "member",
+          "uniqueMember",
+          "memberUid"};
+}
+
+std::optional<SnapshotMeta> present_ldap_snapshot(const std::string& workdir) {
+  const auto file = SnapshotFile::open(path_in(workdir, kSnapshotName));
+  if (!file || (*file)->meta().source != kLdapSourceName) return std::nullopt;
+  return (*file)->meta();
+}
+
+std::optional<std::string> guard_objection(uint32_t shrink_guard, const std::optional<SnapshotMeta>& before,
+                                           size_t users, size_t groups) {
+  if (users == 0) {
+    return "the servers gave no users at all (is BaseDN right, may the reading account see them?); nothing "
+           "was "
+           "published (--force publishes all the same)";
+  }
+  if (!before) return std::nullopt;
+  if (shrank(before->users, users, shrink_guard))
+    return shrink_text("users", before->users, users, shrink_guard);
+  if (shrank(before->groups, groups, shrink_guard)) {
+    return shrink_text("groups", before->groups, groups, shrink_guard);
+  }
+  return std::nullopt;
+}
+
+Result<SyncReport> sync_from_servers(const std::string& workdir, const Settings& settings,
+                                     const SyncOptions& options) {
+  const auto begin = std::chrono::steady_clock::now();
+  const auto lock = SnapshotLock::acquire(workdir);
+  if (!lock) return tl::make_unexpected(lock.error());
+
+  std::list<ServerPool> pools;  // kept over the attempts: they remember who failed
+  for (const Domain& domain : settings.domains) pools.emplace_back(domain, ServerPool::Probes::kNone);
+  for (size_t attempts_left = server_count(settings) + 1;; --attempts_left) {
+    Attempt attempt(settings, options);
+    Result<void> read;
+    for (ServerPool& servers : pools) {
+      if (read = attempt.read(servers); !read) break;
+    }
+    if (!read && attempt.spoilt() && attempts_left > 1) continue;
+    if (!read) return tl::make_unexpected(read.error());
+    auto report = publish(workdir, settings, options, attempt);
+    if (report)
+      report->seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    return report;
+  }
+}
+
+}  // namespace velder
