@@ -28,13 +28,13 @@ constexpr size_t kScanChunk = 50000;
 // A write transaction keeps binds waiting; so many removals take about a millisecond.
 constexpr size_t kRemoveChunk = 500;
 // After each write transaction: the lock is not fair, a waiting bind needs time to wake up and take it.
-constexpr long kYieldNanoseconds = 1000 * 1000;
+constexpr long kYieldNanoseconds = 1'000'000;
 constexpr int kReaderCheckSeconds = 10;
 // What a loss of power may cost.
 constexpr int kCopySeconds = 60;
 // A copy takes far less; a process that was stopped in the middle of one must not hold up the others.
 constexpr int kCopyLockAttempts = 50;
-constexpr long kCopyLockPauseNanoseconds = 100 * 1000 * 1000;
+constexpr long kCopyLockPauseNanoseconds = 100'000'000;
 
 void pause_for(time_t seconds, long nanoseconds) {
   const timespec pause{seconds, nanoseconds};

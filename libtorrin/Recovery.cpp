@@ -97,7 +97,7 @@ bool is_empty_file(const std::string& path) {
 
 }  // namespace
 
-Recovery::Recovery(std::string folder, bool durable, std::string boot_id_file)
+Recovery::Recovery(std::string folder, bool durable, const std::string& boot_id_file)
     : folder_(std::move(folder)), durable_(durable), boot_id_(read_line(boot_id_file)) {}
 
 Result Recovery::take_folder(const std::string& workdir, const std::vector<std::string>& names) {

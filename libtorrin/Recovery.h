@@ -20,7 +20,7 @@ constexpr char kCopyLockFile[] = "copy.lock";
 class Recovery {
  public:
   // `folder` is an absolute path; `boot_id_file` tells one start of the machine from another.
-  Recovery(std::string folder, bool durable, std::string boot_id_file);
+  Recovery(std::string folder, bool durable, const std::string& boot_id_file);
 
   // Makes the folder below `workdir`, with `names` one below the other, and takes it for this process for as
   // long as the object lives. The error is a whole sentence, as everywhere here.

@@ -361,7 +361,7 @@ tl::expected<FileHeader, std::string> read_file_header(int fd) {
 }
 
 tl::expected<FileHeader, std::string> check_store_file(int fd, const RecordVisitor& visit) {
-  const auto header = read_file_header(fd);
+  auto header = read_file_header(fd);
   if (!header) return header;
   std::vector<bool> seen(pages_in_file(fd, header->page_size));
   TreeWalk bindings(fd, *header, TreeWalk::Kind::kBindings, seen, visit);

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -74,10 +75,10 @@ int dump_file(const std::string& path, bool summary_only) {
     std::fprintf(stderr, "ipcache_dump: %s is damaged: %s\n", path.c_str(), dump.header.error().c_str());
     return 1;
   }
-  std::fprintf(summary_only ? stdout : stderr, "%llu bindings, transaction %llu, %llu pages of %u bytes\n",
-               static_cast<unsigned long long>(dump.header->bindings.entries),
-               static_cast<unsigned long long>(dump.header->transaction),
-               static_cast<unsigned long long>(dump.header->last_page + 1), dump.header->page_size);
+  std::fprintf(summary_only ? stdout : stderr,
+               "%" PRIu64 " bindings, transaction %" PRIu64 ", %" PRIu64 " pages of %u bytes\n",
+               dump.header->bindings.entries, dump.header->transaction, dump.header->last_page + 1,
+               dump.header->page_size);
   return 0;
 }
 
