@@ -13,7 +13,7 @@ from Velder_pb2 import (AllUserQueryRequest, GroupSearchRequest, IPAuthRequest, 
                         UserSearchRequest, UserSearchResponse)
 
 from harness import directory, wire
-from harness.daemon import log_lines, stat_fields, until
+from harness.daemon import IDLE_SOCKETS, log_lines, stat_fields, until
 
 UNKNOWN = "192.0.2.1"
 ASK_ALICE = wire.frame(wire.USER_INFO, UserInfoQueryRequest(user_ln="alice"))
@@ -157,13 +157,7 @@ def test_client__half_closed_still_gets_its_answer(served):
         connection.expect_closed()
 
 
-def own_sockets(daemon):
-    return {worker: sum(target.startswith("socket:") for target in daemon.descriptors(worker).values())
-            for worker in daemon.workers()}
-
-
 def test_client__thousand_connections_at_once(served):
-    before = own_sockets(served)
     connections = []
     for _ in range(1000):  # each one served before the next: the daemon's queue of new ones is short
         connections.append(connection := wire.Connection())
@@ -172,15 +166,13 @@ def test_client__thousand_connections_at_once(served):
         connection.send(ASK_ALICE)
     for connection in connections:
         assert connection.receive_answer(wire.USER_INFO).userInfo.uid == "alice"
-    held = own_sockets(served)
-    assert sum(held.values()) - sum(before.values()) == 1000
+    assert sum(served.sockets().values()) == 1000 + 2 * IDLE_SOCKETS
     for number, connection in enumerate(connections):
         (connection.reset if number % 2 else connection.close)()
-    until(lambda: own_sockets(served) == before, lambda: f"{own_sockets(served)} to be {before} again")
+    served.wait_idle()
 
 
 def test_client__garbage_hurts_nobody(served):
-    before = own_sockets(served)
     source = random.Random(1)
 
     def junk(number):
@@ -205,7 +197,7 @@ def test_client__garbage_hurts_nobody(served):
                 connection.reset()
     with wire.Connection() as connection:
         assert connection.user_info("alice").result == 0
-    until(lambda: own_sockets(served) == before, lambda: f"{own_sockets(served)} to be {before} again")
+    served.wait_idle()
 
 
 CROWD = 40_000
@@ -301,14 +293,13 @@ def test_large_answer__eager_reader_gets_the_right_bytes(crowded, small_packets)
 
 def test_large_answer__clients_that_leave_in_the_middle(crowded):
     worker, = crowded.workers()
-    before = own_sockets(crowded)
     for number in range(16):
         connection = wire.Connection(receive_buffer=4096)
         connection.send(EVERYBODY)
         if number % 4 > 0:
             connection.receive(number * 100)
         (connection.reset if number % 2 else connection.close)()
-    until(lambda: own_sockets(crowded) == before, lambda: f"{own_sockets(crowded)} to be {before} again")
+    crowded.wait_idle()
     with wire.Connection() as connection:
         connection.send(EVERYBODY)
         assert connection.receive_frame()[0] == wire.USER_SEARCH + 1

@@ -15,12 +15,14 @@ from collections import namedtuple
 from harness import sandbox, wire
 
 PROGRAMS = os.environ["AUTHD_PROGRAMS"]
+IDLE_SOCKETS = 3
 LONG_WAIT = 30  # seconds after which something that should happen has not
 
 LogLine = namedtuple("LogLine", "time level tag pid tid text function file line")
 _LOG_LINE = re.compile(r"(?P<time>\d\d:\d\d:\d\d\.\d{3}) <(?P<level>ERR|INF|TRANS|DBG|MOR)>"
                        r"<(?P<tag>\d+):(?P<pid>\d+):(?P<tid>\d+)> (?P<text>.*) @<(?P<function>[^>]*)> "
                        r"@@<(?P<file>[\w.]+):(?P<line>\d+)>")
+LONGEST_LINE = 4095  # with its line end; a longer one has lost its end
 
 
 def until(condition, what, timeout=LONG_WAIT):
@@ -78,6 +80,8 @@ def log_lines():
     """All complete lines; a line in any other layout is a failure."""
     lines = []
     for text in log_text().split("\n")[:-1]:
+        if len(os.fsencode(text)) + 1 == LONGEST_LINE:
+            text += " @<cut> @@<cut:0>"
         match = _LOG_LINE.fullmatch(text)
         assert match, f"log line of another layout: {text!r}"
         fields = match.groupdict()
@@ -206,6 +210,15 @@ class Daemon:
             with contextlib.suppress(FileNotFoundError):
                 links[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
         return links
+
+    def sockets(self):
+        """worker -> how many sockets it has."""
+        return {worker: sum(target.startswith("socket:") for target in self.descriptors(worker).values())
+                for worker in self.workers()}
+
+    def wait_idle(self):
+        """Until no worker has a connection: the listening socket and the event loop's own pair are left."""
+        until(lambda: set(self.sockets().values()) == {IDLE_SOCKETS}, lambda: f"idle workers, not {self.sockets()}")
 
     # Talking to one of its workers.
 

@@ -32,8 +32,8 @@ def daemon():
 
 @pytest.fixture
 def served():
-    """A running daemon with the sample directory, verbose, shared by tests that leave it as they found it; a
-    worker that does not survive its test fails it."""
+    """A running daemon with the sample directory, verbose, without connections, shared by tests that leave it as
+    they found it. A test after which a worker is missing or keeps a connection fails."""
     if not _shared:
         one = daemon_module.Daemon()
         _shared.append(one)
@@ -46,6 +46,7 @@ def served():
         _end_shared()
         raise AssertionError(f"workers before {before}, after {after}:\n" + daemon_module.log_text()[-3000:])
     _guard()
+    one.wait_idle()
 
 
 @pytest.fixture(scope="session", autouse=True)

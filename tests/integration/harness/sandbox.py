@@ -17,6 +17,9 @@ SECOND_GROUP_ID = 991
 _LAYERS = "/media"  # exists on every Debian machine; covered by a tmpfs in our mount namespace only
 
 
+_small_disks = []
+
+
 class Impossible(Exception):
     """This machine does not let us build the sandbox."""
 
@@ -45,10 +48,10 @@ def build():
 def clean(account):
     """The daemon's folders, empty; with the service account or without it."""
     _set_account(account)
+    while _small_disks:
+        _run("umount", _small_disks.pop())
     for folder in ("/var/brel", "/etc/quarn"):
         for entry in os.scandir(folder):
-            if os.path.ismount(entry.path):
-                _run("umount", entry.path)
             shutil.rmtree(entry.path)
     owner = ACCOUNT_ID if account else 0
     for folder in (LOG_DIR, "/var/brel/runtime", os.path.dirname(PID_FILE), WORKDIR, f"{WORKDIR}/log",
@@ -72,8 +75,9 @@ def _set_line(path, name, line, present):
         file.write("\n".join(lines + [line] * present) + "\n")
 
 
-def mount_tmpfs(folder, size, account=True):
-    """A tiny disk for the daemon; clean() takes it away."""
+def mount_small_disk(folder, size, account=True):
+    """A tmpfs that fills up soon; clean() takes it away."""
     os.makedirs(folder, 0o755, exist_ok=True)
     owner = ACCOUNT_ID if account else 0
-    _run("mount", "-t", "tmpfs", "-o", f"size={size},uid={owner},gid={owner},mode=755", "tiny", folder)
+    _run("mount", "-t", "tmpfs", "-o", f"size={size},uid={owner},gid={owner},mode=755", "small", folder)
+    _small_disks.append(folder)

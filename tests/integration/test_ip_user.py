@@ -1,0 +1,312 @@
+"""Bindings of addresses to users: bind, unbind, query, export, through any worker and across restarts."""
+
+import csv
+import io
+import os
+import signal
+import subprocess
+import time
+
+import pytest
+
+from harness import directory, sandbox, wire
+from harness.daemon import log_lines, write_file
+
+GUEST = "Proxy_guest_user"
+REFUSED, NOT_FOUND = -1, 1
+EXPORT = f"{sandbox.OUTSIDE}/bindings.csv"
+
+
+@pytest.fixture
+def connection(served):
+    with wire.Connection() as one:
+        yield one
+
+
+def test_bind__is_seen_by_every_worker_at_once(served):
+    with served.connections_by_worker() as connections:
+        one, other = connections.values()
+        for number in range(200):
+            for user in ("CORP\\alice", "CORP\\dave"):
+                assert one.bind("10.3.0.1", user) == 0
+                assert other.bound_user("10.3.0.1") == user  # whatever its reply cache holds
+            one, other = other, one
+        assert one.unbind("10.3.0.1") == 0
+        assert other.bound_user("10.3.0.1") is None
+        assert other.unbind("10.3.0.1") == NOT_FOUND
+
+
+def test_query__tells_the_user_and_when_it_ends(connection):
+    begin = int(time.time())
+    assert connection.bind("10.3.1.1", "CORP\\alice") == 0
+    answer = connection.query("10.3.1.1")
+    assert answer.result == 0
+    assert begin + 480 * 60 <= answer.expire_at <= time.time() + 480 * 60 + 1
+    info = answer.userInfo
+    dn, uid, domain, upn = directory.USERS["Alice Adams"]
+    assert (info.user_ln, info.dn, info.uid, info.domain_dns, info.upn) == ("CORP\\alice", dn, uid, domain, upn)
+    assert [group.cn for group in info.groupList] == directory.GROUPS_OF["alice"]
+    assert connection.query("10.3.1.1") == answer
+    assert connection.unbind("10.3.1.1") == 0
+    answer = connection.query("10.3.1.1")
+    assert (answer.result, answer.expire_at, answer.HasField("userInfo")) == (NOT_FOUND, 0, False)
+
+
+def test_query__repeated_is_answered_from_the_reply_cache_until_the_user_changes(served):
+    with served.connections_by_worker() as connections:
+        (worker, one), (_, other) = connections.items()
+
+        def hits(user):
+            return served.count_lines(f"Debug: in reply cache (10.3.2.1->{user})", level="DBG", pid=worker)
+
+        assert other.bind("10.3.2.1", "CORP\\alice") == 0
+        for expected in (0, 1):
+            assert one.bound_user("10.3.2.1") == "CORP\\alice"
+            assert hits("CORP\\alice") == expected
+        # Bound anew elsewhere: what this worker remembers is about somebody else.
+        assert other.bind("10.3.2.1", "CORP\\dave") == 0
+        answer = one.query("10.3.2.1")
+        assert (answer.userInfo.uid, hits("CORP\\dave")) == ("dave", 0)
+        assert [group.cn for group in answer.userInfo.groupList] == directory.GROUPS_OF["dave"]
+        assert one.bound_user("10.3.2.1") == "CORP\\dave" and hits("CORP\\dave") == 1
+        assert one.unbind("10.3.2.1") == 0
+
+
+def test_query__users_that_the_directory_does_not_know(served, connection):
+    assert connection.bind("10.3.3.1", "CORP\\ghost") == 0
+    for _ in range(2):
+        answer = connection.query("10.3.3.1")
+        assert (answer.result, answer.userInfo.user_ln) == (0, "CORP\\ghost")
+        assert not any((answer.userInfo.dn, answer.userInfo.cn, answer.userInfo.uid, answer.userInfo.upn))
+    assert served.count_lines("Debug: in reply cache (10.3.3.1->CORP\\ghost)") == 0
+    for spelling in (GUEST, "proxy_GUEST_user"):
+        assert connection.bind("10.3.3.1", spelling) == 0
+        for _ in range(2):
+            info = connection.query("10.3.3.1").userInfo
+            assert (info.user_ln, info.cn, info.upn, info.uid, info.dn, info.domain_dns) == (GUEST,) * 4 + ("", "")
+            assert not info.groupList
+    assert connection.unbind("10.3.3.1") == 0
+
+
+@pytest.mark.parametrize("bound, asked", [
+    ("10.3.4.1", "::ffff:10.3.4.1"), ("::ffff:a03:402", "10.3.4.2"),
+    ("2001:db8::7", "2001:0DB8:0:0:0:0:0:7"), ("::1", "0:0:0:0:0:0:0:1"),
+])
+def test_addresses__are_compared_by_value(connection, bound, asked):
+    assert connection.bind(bound, "CORP\\alice") == 0
+    assert connection.bound_user(asked) == "CORP\\alice"
+    assert connection.bind(asked, "CORP\\dave") == 0
+    assert connection.bound_user(bound) == "CORP\\dave"
+    assert connection.unbind(asked) == 0
+    assert connection.bound_user(bound) is None
+
+
+@pytest.mark.parametrize("ip", [
+    "", "alice", "10.3.5", "10.3.5.256", "10.3.5.1 ", " 10.3.5.1", "010.3.5.1.1", "10.3.5.1/32", "10.3.5.1\0", "0x0a030501",
+    "1:2:3", "::ffff:10.3.5.1.2", "fe80::1%lo", "[::1]", "10.3.5.1:80", "x" * 100_000,
+])
+def test_bind__text_that_is_no_address_is_refused(connection, ip):
+    assert connection.bind(ip, "CORP\\alice") == REFUSED
+    assert connection.query(ip).result == REFUSED
+    assert connection.unbind(ip) == REFUSED
+    assert connection.bound_user("10.3.5.1") is None
+
+
+@pytest.mark.parametrize("user, code", [
+    ("", REFUSED), ("u" * 1024, 0), ("u" * 1025, REFUSED), ("\u00e9" * 512, 0), ("\u00e9" * 513, REFUSED),
+    ("line\r\nend\n", 0), ("comma, \"quote\" and\ttab", 0), (" CORP\\alice ", 0),
+])
+def test_bind__user_is_kept_exactly_or_refused(connection, user, code):
+    assert connection.bind("10.3.6.1", "CORP\\before") == 0
+    assert connection.bind("10.3.6.1", user) == code
+    assert connection.bound_user("10.3.6.1") == (user if code == 0 else "CORP\\before")
+    assert connection.unbind("10.3.6.1") == 0
+
+
+def read_export(path):
+    with open(path, "rb") as file:
+        rows = list(csv.reader(io.StringIO(file.read().decode(), newline="")))
+    assert rows[0] == ["ip", "user", "expire_at"]
+    return rows[1:]
+
+
+def test_export__holds_every_binding_and_replaces_the_last_one(daemon):
+    daemon.start(files=directory.files())
+    bindings = {"10.3.7.9": "CORP\\alice", "10.3.7.10": "with \"quotes\", commas\r\nand lines", "9.255.0.1": "a",
+                "2001:db8::1": "\u00fcml\u00e4ut", "2001:db8::": "b"}
+    with daemon.connections_by_worker() as connections:
+        one, other = connections.values()
+        for ip, user in bindings.items():
+            assert one.bind(ip, user) == 0
+        assert other.export(EXPORT) == 0
+        in_order = ["9.255.0.1", "10.3.7.9", "10.3.7.10", "2001:db8::", "2001:db8::1"]
+        expires = {ip: str(one.query(ip).expire_at) for ip in bindings}
+        assert read_export(EXPORT) == [[ip, bindings[ip], expires[ip]] for ip in in_order]
+        status = os.stat(EXPORT)
+        assert (status.st_mode & 0o7777, status.st_uid) == (0o640, sandbox.ACCOUNT_ID)
+        assert one.unbind("9.255.0.1") == 0
+        assert one.export(EXPORT) == 0
+        assert [row[0] for row in read_export(EXPORT)] == in_order[1:]
+    assert os.listdir(sandbox.OUTSIDE) == ["bindings.csv"]
+    assert daemon.stop() == 0
+
+
+@pytest.fixture
+def foreign():
+    """Things in the way of an export, each with what it must still be afterwards."""
+    out = sandbox.OUTSIDE
+    victim = f"{out}/victim"
+    write_file("victim", "precious", folder=out)
+    write_file("fake.csv", "ip,user\n1,2\n", folder=out)
+    os.symlink(victim, f"{out}/link")
+    os.symlink(out, f"{out}/link_to_folder")
+    os.symlink(f"{out}/nowhere", f"{out}/dangling")
+    os.mkdir(f"{out}/folder")
+    os.mkfifo(f"{out}/fifo")
+    os.mkdir(f"{out}/closed", 0o700)
+    yield lambda: sorted(
+        (name, os.lstat(f"{out}/{name}").st_mode, os.lstat(f"{out}/{name}").st_mtime_ns) for name in os.listdir(out))
+    subprocess.run(["rm", "-rf", "--", *(f"{out}/{name}" for name in os.listdir(out))], check=True)
+
+
+def test_export__paths_that_are_refused(served, foreign):
+    out = sandbox.OUTSIDE
+    paths = ["", "bindings.csv", "./b.csv", f"{out}/link", f"{out}/dangling", f"{out}/link_to_folder/b.csv",
+             f"{out}/folder", f"{out}/folder/", f"{out}/fifo", f"{out}/victim", f"{out}/fake.csv", f"{out}/no/b.csv",
+             f"{out}/../outside/b.csv", f"{out}/closed/b.csv", f"{out}/victim/b.csv", "/etc/bindings.csv", "/",
+             f"{out}/{'n' * 300}", f"{out}/nul\0.csv", "/dev/full"]
+    with wire.Connection() as connection:
+        assert connection.bind("10.3.8.1", "CORP\\alice") == 0
+        before = foreign()
+        for path in paths:
+            complaints = [line for line in log_lines() if line.level in ("ERR", "INF")]
+            assert connection.export(path) == -1, path
+            new = [line for line in log_lines() if line.level in ("ERR", "INF")][len(complaints):]
+            assert len(new) == 1, f"{path!r}: {[line.text for line in new]}"
+            assert foreign() == before, path
+        assert connection.unbind("10.3.8.1") == 0
+
+
+def test_export__stays_in_the_configured_folder(daemon):
+    daemon.start(files={"IPUserCache.ini": f"[IPUserCache]\nExportDirectory={sandbox.OUTSIDE}\n"})
+    os.mkdir(f"{sandbox.OUTSIDE}/deeper")
+    os.chown(f"{sandbox.OUTSIDE}/deeper", sandbox.ACCOUNT_ID, sandbox.ACCOUNT_ID)
+    with wire.Connection() as connection:
+        for path, result in [(EXPORT, 0), (f"{sandbox.OUTSIDE}/deeper/b.csv", 0), (f"{sandbox.WORKDIR}/b.csv", -1),
+                             (f"{sandbox.OUTSIDE}/../work/b.csv", -1), (f"{sandbox.OUTSIDE}2.csv", -1)]:
+            assert connection.export(path) == result, path
+    assert not os.path.exists(f"{sandbox.WORKDIR}/b.csv")
+    assert daemon.stop() == 0
+
+
+def test_export__full_disk_leaves_nothing_behind(daemon):
+    daemon.start(files=directory.files())
+    tiny = f"{sandbox.OUTSIDE}/tiny"
+    sandbox.mount_small_disk(tiny, "64k")
+    with wire.Connection() as connection:
+        assert connection.bind("10.3.9.1", "CORP\\alice") == 0
+        assert connection.export(f"{tiny}/bindings.csv") == 0
+        with open(f"{tiny}/bindings.csv", "rb") as file:
+            good = file.read()
+        for number in range(100):
+            assert connection.bind(f"10.3.9.{number}", "u" * 1000) == 0
+        before = len(log_lines())
+        assert connection.export(f"{tiny}/bindings.csv") == -1
+        assert connection.export(f"{tiny}/other.csv") == -1
+        told = [line for line in log_lines()[before:]]
+        assert len(told) == 2 and all("No space left" in line.text for line in told), told
+        assert os.listdir(tiny) == ["bindings.csv"]
+        with open(f"{tiny}/bindings.csv", "rb") as file:
+            assert file.read() == good
+        assert connection.query("10.3.9.1").result == 0
+    assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGKILL])
+def test_restart__keeps_every_binding(daemon, number):
+    daemon.start(files=directory.files())
+    expires = {}
+    with wire.Connection() as connection:
+        for index in range(300):
+            ip = f"10.4.{index // 250}.{index % 250}"
+            assert connection.bind(ip, f"CORP\\user{index}") == 0
+            expires[ip] = (f"CORP\\user{index}", connection.query(ip).expire_at)
+    if number == signal.SIGKILL:
+        daemon.kill_everything()
+    else:
+        assert daemon.stop() == 0
+    daemon.start(keep=True)
+    with wire.Connection() as connection:
+        for ip, expected in expires.items():
+            answer = connection.query(ip)
+            assert (answer.userInfo.user_ln, answer.expire_at) == expected
+    assert daemon.stop() == 0
+
+
+def test_restart__of_the_machine_starts_from_the_compact_copy(daemon):
+    """Another boot id: the live file may be torn, what was copied at the clean end counts."""
+    daemon.start(files=directory.files())
+    with wire.Connection() as connection:
+        assert connection.bind("10.4.9.1", "CORP\\alice") == 0
+    assert daemon.stop() == 0
+    folder = f"{sandbox.WORKDIR}/ip_user_cache"
+    with open(f"{folder}/bindings.mdb", "r+b") as file:
+        file.write(b"\xff" * 8192)
+    fake = f"{sandbox.OUTSIDE}/boot_id"
+    write_file("boot_id", "01234567-89ab-cdef-0123-456789abcdef\n", folder=sandbox.OUTSIDE)
+    os.chmod(fake, 0o644)
+    boot_id = "/proc/sys/kernel/random/boot_id"
+    subprocess.run(["mount", "--bind", fake, boot_id], check=True)
+    try:
+        daemon.start(keep=True)
+        with wire.Connection() as connection:
+            assert connection.bound_user("10.4.9.1") == "CORP\\alice"
+            assert connection.bind("10.4.9.2", "CORP\\dave") == 0
+        assert daemon.stop() == 0
+    finally:
+        subprocess.run(["umount", boot_id], check=True)
+
+
+@pytest.mark.parametrize("damage", ["cut", "overwritten", "empty", "noise"])
+def test_restart__damaged_store_never_keeps_the_daemon_down(daemon, damage):
+    daemon.start(files=directory.files())
+    with wire.Connection() as connection:
+        for index in range(200):
+            assert connection.bind(f"10.5.0.{index}", f"CORP\\user{index}") == 0
+    assert daemon.stop() == 0
+    path = f"{sandbox.WORKDIR}/ip_user_cache/bindings.mdb"
+    size = os.path.getsize(path)
+    with open(path, "r+b") as file:
+        if damage == "cut":
+            file.truncate(size // 2 // 4096 * 4096)
+        elif damage == "empty":
+            file.truncate(0)
+        elif damage == "overwritten":
+            file.write(b"\xff" * size)
+        else:
+            file.seek(8192)
+            file.write(os.urandom(max(size - 8192, 4096)))
+    daemon.start(keep=True)
+    with wire.Connection() as connection:
+        # The compact copy of the clean end has them all.
+        assert [connection.bound_user(f"10.5.0.{index}") for index in range(200)] \
+            == [f"CORP\\user{index}" for index in range(200)]
+        assert connection.bind("10.5.1.1", "CORP\\alice") == 0
+    assert daemon.stop() == 0
+
+
+def test_expiry__binding_ends_and_a_bind_renews_it(daemon):
+    daemon.start(files={"IPUserCache.ini": "[IPUserCache]\nLifetime=0\n"})
+    with wire.Connection() as connection:
+        assert connection.bind("10.5.2.1", "CORP\\alice") == 0
+        answer = connection.query("10.5.2.1")
+        assert (answer.result, answer.expire_at) == (0, 0)  # for ever
+    assert daemon.stop() == 0
+    write_file("IPUserCache.ini", "[IPUserCache]\nLifetime=1\n")
+    daemon.start(keep=True)
+    with wire.Connection() as connection:
+        assert connection.query("10.5.2.1").expire_at == 0
+        assert connection.bind("10.5.2.1", "CORP\\alice") == 0
+        first = connection.query("10.5.2.1").expire_at
+        assert abs(first - time.time() - 60) < 5
+    assert daemon.stop() == 0
