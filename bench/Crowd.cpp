@@ -1,0 +1,192 @@
+#include "bench/Crowd.h"
+
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "client/RawFrames.h"
+
+namespace bench {
+namespace {
+
+using std::chrono::milliseconds;
+using velder_client::ErrorKind;
+using velder_client::fail;
+using velder_client::Result;
+using velder_client::UniqueFd;
+
+// The daemon's queue of connections not yet accepted holds ten.
+constexpr size_t kBatch = 8;
+constexpr milliseconds kConnectPatience{2000};
+constexpr milliseconds kAnswerPatience{5000};
+constexpr std::chrono::seconds kLongestLatency{4};  // what fits the tally
+constexpr int kFruitlessBatches = 3;
+constexpr milliseconds kLongestWait{100};
+constexpr size_t kBufferBytes = 65536;
+constexpr size_t kEventsAtOnce = 256;
+constexpr size_t kExpectedRate = 300'000;  // answers a second for which latencies find room beforehand
+
+bool connected(int fd, const velder_client::SocketAddress& server) {
+  pollfd item{fd, POLLOUT, 0};
+  return poll(&item, 1, static_cast<int>(kConnectPatience.count())) == 1 &&
+         velder_client::finish_connect(fd, server).has_value();
+}
+
+}  // namespace
+
+Crowd::Crowd(const Workload& workload, const velder_client::SocketAddress& server, size_t offset)
+    : workload_(workload),
+      server_(server),
+      position_(offset % workload.schedule.size()),
+      epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      buffer_(kBufferBytes) {}
+
+Result<void> Crowd::open(size_t count, Peers& peers) {
+  peers.reserve(count);
+  for (int fruitless = 0; peers.size() < count;) {
+    Peers batch = connect_batch(std::min(kBatch, count - peers.size()));
+    prove(batch);
+    if (tally_.wrong > 0) return fail(ErrorKind::kMalformedAnswer, "wrong answer on a new connection");
+    const size_t before = peers.size();
+    for (auto& peer : batch) {
+      if (peer->fd.valid()) peers.push_back(std::move(peer));
+    }
+    fruitless = peers.size() > before ? 0 : fruitless + 1;
+    if (fruitless == kFruitlessBatches) {
+      return fail(ErrorKind::kUnreachable, "no further connection after " + std::to_string(before));
+    }
+  }
+  return {};
+}
+
+Crowd::Peers Crowd::connect_batch(size_t count) {
+  Peers batch;
+  for (size_t i = 0; i < count; ++i) {
+    Result<UniqueFd> fd = velder_client::start_connect(server_);
+    if (!fd || !connected(fd->get(), server_)) continue;
+    batch.push_back(std::make_unique<Peer>());
+    Peer& peer = *batch.back();
+    peer.fd = std::move(*fd);
+    epoll_event request{};
+    request.events = EPOLLIN;
+    request.data.ptr = &peer;
+    if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, peer.fd.get(), &request) != 0) batch.pop_back();
+  }
+  return batch;
+}
+
+void Crowd::prove(const Peers& batch) {
+  for (const auto& peer : batch) ask(*peer, Clock::now());
+  drain();
+  for (const auto& peer : batch) {
+    if (peer->asked != nullptr) lose(*peer, tally_.unanswered);
+    if (!peer->fd.valid() && tally_.wrong == 0) --tally_.unanswered;  // is tried again
+  }
+}
+
+void Crowd::ask(Peer& peer, Clock::time_point now) {
+  if (!peer.fd.valid()) return;
+  const Exchange& exchange = workload_.exchanges[workload_.schedule[position_]];
+  if (++position_ == workload_.schedule.size()) position_ = 0;
+  peer.asked = &exchange;
+  peer.got = 0;
+  peer.asked_at = now;
+  ++under_way_;
+  // A socket without anything under way takes a small request whole.
+  const ssize_t sent = send(peer.fd.get(), exchange.request.data(), exchange.request.size(), MSG_NOSIGNAL);
+  if (sent != static_cast<ssize_t>(exchange.request.size())) lose(peer, tally_.unanswered);
+}
+
+void Crowd::lose(Peer& peer, uint64_t& counter) {
+  ++counter;
+  if (peer.asked != nullptr) --under_way_;
+  peer.asked = nullptr;
+  peer.fd.reset();
+}
+
+void Crowd::pump(milliseconds most) {
+  std::array<epoll_event, kEventsAtOnce> events;
+  const int count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()),
+                               static_cast<int>(most.count()));
+  for (int i = 0; i < count; ++i) take_answer(*static_cast<Peer*>(events[static_cast<size_t>(i)].data.ptr));
+}
+
+void Crowd::take_answer(Peer& peer) {
+  if (!peer.fd.valid()) return;
+  const ssize_t size = recv(peer.fd.get(), buffer_.data(), buffer_.size(), MSG_DONTWAIT);
+  if (size < 0 && (errno == EAGAIN || errno == EINTR)) return;
+  if (size < 1) return lose(peer, tally_.unanswered);
+  const auto got = static_cast<size_t>(size);
+  if (peer.asked == nullptr || got > peer.asked->answer.size() - peer.got ||
+      std::memcmp(buffer_.data(), peer.asked->answer.data() + peer.got, got) != 0) {
+    return lose(peer, tally_.wrong);
+  }
+  peer.got += got;
+  if (peer.got == peer.asked->answer.size()) answered(peer);
+}
+
+void Crowd::answered(Peer& peer) {
+  --under_way_;
+  peer.asked = nullptr;
+  if (!running_) return;
+  const Clock::time_point now = Clock::now();
+  if (now >= span_.end) {
+    running_ = false;
+    return;
+  }
+  if (now >= span_.measured_from) {
+    const std::chrono::nanoseconds latency =
+        std::min<std::chrono::nanoseconds>(now - peer.asked_at, kLongestLatency);
+    tally_.latencies.push_back(static_cast<uint32_t>(latency.count()));
+  }
+  silent_.push_back(&peer);
+  Peer& next = *silent_.front();
+  silent_.pop_front();
+  ask(next, now);
+}
+
+void Crowd::run(const Span& span, size_t at_once) {
+  span_ = span;
+  const auto seconds = std::chrono::duration<double>(span.end - span.measured_from).count();
+  tally_.latencies.reserve(static_cast<size_t>(seconds * static_cast<double>(kExpectedRate)));
+  silent_.clear();
+  for (const auto& peer : active_) silent_.push_back(peer.get());
+  running_ = true;
+  for (size_t i = 0; i < at_once && !silent_.empty(); ++i) {
+    Peer& next = *silent_.front();
+    silent_.pop_front();
+    ask(next, Clock::now());
+  }
+  while (running_ && Clock::now() < span.end) pump(kLongestWait);
+  running_ = false;
+  drain();
+  for (const auto& peer : active_) {
+    if (peer->asked != nullptr) lose(*peer, tally_.unanswered);
+  }
+}
+
+void Crowd::drain() {
+  const Clock::time_point deadline = Clock::now() + kAnswerPatience;
+  while (under_way_ > 0 && Clock::now() < deadline) pump(kLongestWait);
+}
+
+void Crowd::prove_idle() {
+  // As few at once as when they were opened: this is a check, not a load.
+  for (size_t i = 0; i < idle_.size(); i += kBatch) {
+    for (size_t j = i; j < std::min(i + kBatch, idle_.size()); ++j) {
+      ask(*idle_[j], Clock::now());
+    }
+    drain();
+    if (under_way_ > 0) break;  // a stalled server is bad enough; the others would only take long
+  }
+  for (const auto& peer : idle_) {
+    if (peer->asked != nullptr) lose(*peer, tally_.unanswered);
+  }
+}
+
+}  // namespace bench

@@ -1,0 +1,85 @@
+// Many connections driven by one thread in a closed loop: each asks its next question when it was answered.
+//
+// A connection is silent (nothing asked), waiting for an answer, or lost. At most one question is under way
+// on it, and every answer is compared with the expected bytes.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+#include "bench/Workload.h"
+#include "client/Address.h"
+#include "client/UniqueFd.h"
+
+namespace bench {
+
+using Clock = std::chrono::steady_clock;
+
+struct Tally {
+  std::vector<uint32_t> latencies;  // nanoseconds, of the answers within the measured time
+  uint64_t wrong = 0;               // other bytes than expected; the connection is lost
+  uint64_t unanswered = 0;          // closed by the server, or silent until patience ended
+};
+
+struct Span {
+  Clock::time_point start;
+  Clock::time_point measured_from;
+  Clock::time_point end;
+};
+
+class Crowd {
+ public:
+  // `workload` is shared and outlives the crowd; `offset` is where this one starts in the schedule.
+  Crowd(const Workload& workload, const velder_client::SocketAddress& server, size_t offset);
+
+  // Both open connections a few at a time, each proven by one question that was answered rightly; a
+  // connection that the server's short queue dropped is tried again. The idle ones then stay silent.
+  velder_client::Result<void> open_active(size_t count) { return open(count, active_); }
+  velder_client::Result<void> open_idle(size_t count) { return open(count, idle_); }
+
+  // Keeps `at_once` of the active connections asking (the longest silent first) until the end, then waits
+  // for what is under way.
+  void run(const Span& span, size_t at_once);
+
+  // Asks on every idle connection once more; those that do not answer count as unanswered.
+  void prove_idle();
+
+  const Tally& tally() const { return tally_; }
+
+ private:
+  struct Peer {
+    velder_client::UniqueFd fd;
+    const Exchange* asked = nullptr;  // null: silent or lost
+    size_t got = 0;
+    Clock::time_point asked_at;
+  };
+  using Peers = std::vector<std::unique_ptr<Peer>>;
+
+  velder_client::Result<void> open(size_t count, Peers& peers);
+  Peers connect_batch(size_t count);
+  void prove(const Peers& batch);
+  void ask(Peer& peer, Clock::time_point now);
+  void pump(std::chrono::milliseconds most);
+  void take_answer(Peer& peer);
+  void answered(Peer& peer);
+  void lose(Peer& peer, uint64_t& counter);
+  void drain();
+
+  const Workload& workload_;
+  const velder_client::SocketAddress server_;
+  size_t position_;
+  velder_client::UniqueFd epoll_;
+  Peers active_;
+  Peers idle_;
+  std::deque<Peer*> silent_;  // of the active ones, while running
+  size_t under_way_ = 0;
+  bool running_ = false;
+  Span span_{};
+  std::vector<char> buffer_;
+  Tally tally_;
+};
+
+}  // namespace bench
