@@ -42,7 +42,7 @@ tsan: ## Runs all tests under the thread sanitizer
 	@$(CONFIGURE) build/tsan -DBUILD_TESTS=ON -DSANITIZE=thread
 	@$(COMPILE) build/tsan
 	@if setarch -R true 2>/dev/null; then fixed="setarch -R"; fi; \
-	TSAN_OPTIONS="suppressions=$$PWD/tests/tsan.supp $$TSAN_OPTIONS" TSAN_OPTIONS="suppressions=$(CURDIR)/tests/tsan.supp" $$fixed $(TEST) build/tsan
+	TSAN_OPTIONS="suppressions=$$PWD/tests/tsan.supp $$TSAN_OPTIONS" $$fixed $(TEST) build/tsan
 
 lint: ## Checks layout, looks for bugs with clang-tidy, checks the shell scripts
 	@$(INSTALL) build test lint

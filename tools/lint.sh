@@ -35,7 +35,7 @@ bugs() {
     return 1
   fi
   run-clang-tidy -quiet -j "$jobs" -p "$build" "^$prefix/(?!build)[^.].*\.cpp$" 2>&1 |
-    sed -e '/^$/d' -e '/^clang-tidy.* -p=/d' -e '/^[0-9]* warnings generated/d' \
+    sed -e $'s/\e\\[[0-9;]*m//g' -e '/^$/d' -e '/^clang-tidy.* -p=/d' -e '/^[0-9]* warnings generated/d' \
       -e '/^Suppressed [0-9]* warnings/d' -e '/^Use -header-filter/d'
   return "${PIPESTATUS[0]}"
 }
