@@ -21,6 +21,13 @@ namespace {
 using log_test::in_child;
 using log_test::TempDir;
 
+// The thread sanitizer reports every unlock of a mutex that the thread does not hold, wanted or not.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kMayUnlockWrongly = false;
+#else
+constexpr bool kMayUnlockWrongly = true;
+#endif
+
 int in_thread(const auto& call) {
   int result = -1;
   std::thread([&] { result = call(); }).join();
@@ -50,7 +57,9 @@ TEST(BRELMutexTest, EveryKindAnswersWithTheErrorNumber) {
     EXPECT_EQ(mutex->Lock(), 0);
     EXPECT_EQ(in_thread([&] { return mutex->TryLock(); }), EBUSY);
     if (kind.second_lock >= 0) {
-      EXPECT_EQ(in_thread([&] { return mutex->Unlock(); }), EPERM);
+      if (kMayUnlockWrongly) {
+        EXPECT_EQ(in_thread([&] { return mutex->Unlock(); }), EPERM);
+      }
       EXPECT_EQ(mutex->Lock(), kind.second_lock);
       if (kind.second_lock == 0) {
         EXPECT_EQ(mutex->Unlock(), 0);
@@ -85,7 +94,9 @@ TEST(BRELMutexTest, InnerGuardThatFailsReleasesNothing) {
   EXPECT_EQ(in_thread([&] { return BRELTryLock(mutex).result(); }), 0);
   EXPECT_EQ(mutex.Lock(), 0);
   EXPECT_EQ(mutex.Unlock(), 0);
-  EXPECT_EQ(mutex.Unlock(), EPERM);
+  if (kMayUnlockWrongly) {
+    EXPECT_EQ(mutex.Unlock(), EPERM);
+  }
 }
 
 TEST(BRELMutexTest, GuardsKeepACounterWhole) {
