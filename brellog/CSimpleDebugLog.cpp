@@ -129,7 +129,7 @@ void CSimpleDebugLog::WriteLogV(DebugLevel level, int tag, bool raw, const char*
   if (dangling) {
     SaveDanglingRecords(line);
     // Another thread may have opened the file, and written the kept records, since the look above.
-    if (IsDeviceOpened()) FlushDanglingRecords();
+    if (IsDeviceOpened()) write_records(true);
     return;
   }
   if (console_echo_.load(std::memory_order_relaxed)) print(line);
@@ -163,13 +163,17 @@ void CSimpleDebugLog::SaveDanglingRecords(std::string_view line) {
 }
 
 void CSimpleDebugLog::FlushDanglingRecords() {
+  write_records(IsDeviceOpened());
+}
+
+void CSimpleDebugLog::write_records(bool to_file) {
   std::deque<std::string> records;
   {
     BRELLock guard(records_lock_);
     records.swap(dangling_);
   }
   for (const std::string& record : records) {
-    if (IsDeviceOpened()) {
+    if (to_file) {
       WriteLog(kVerbatim, 0, true, "%s", record.c_str());
     } else {
       print(record);

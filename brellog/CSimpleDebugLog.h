@@ -63,6 +63,8 @@ class CSimpleDebugLog {
   static void UnlockFile(int descriptor);
 
  private:
+  // Takes all kept lines. Those that find the file closed again on their way to it are kept once more.
+  void write_records(bool to_file) EXCLUDES(records_lock_, file_lock_);
   // False when the file was closed in the meantime; a failed write is a success here.
   bool append_to_file(const char* day_suffix, std::string_view line) EXCLUDES(file_lock_);
 
