@@ -5,7 +5,9 @@
 // on the old one, which goes away with the last thread that has turned to the new.
 //
 // After a fork the child opens everything anew at its first look-up. It neither uses nor closes a connection
-// that was opened before; what an inherited one holds is given up.
+// that was opened before; what an inherited one holds is given up. A fork while other threads look up is
+// allowed; not while another thread initialises or reloads, for it may hold locks of the database engine that
+// nobody frees in the child.
 #pragma once
 
 #include <cstdint>

@@ -37,6 +37,13 @@ bool register_plain_vfs() {
   return registered;
 }
 
+// Without its memory statistics the engine takes no lock of the whole process in a look-up: threads do not
+// wait for each other, and a fork meanwhile leaves no such lock held in the child.
+void configure_engine() {
+  static const int configured = sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
+  static_cast<void>(configured);  // refused when the engine is in use already, which does no harm
+}
+
 }  // namespace
 
 std::string search_text(std::string_view text) {
@@ -53,6 +60,7 @@ Error Database::error(std::string_view what) const {
 }
 
 Result<void> Database::open_draft(const std::string& path) {
+  configure_engine();
   if (!register_plain_vfs() ||
       sqlite3_open_v2(path.c_str(), &handle_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, kPlainVfs) !=
           SQLITE_OK) {
@@ -62,6 +70,7 @@ Result<void> Database::open_draft(const std::string& path) {
 }
 
 Result<void> Database::open_mapped(const SnapshotFile& file) {
+  configure_engine();
   const auto size = static_cast<sqlite3_int64>(file.size());
   if (sqlite3_open_v2(":memory:", &handle_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr) !=
           SQLITE_OK ||

@@ -1,0 +1,262 @@
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <thread>
+
+#include "tests/unit/libvelder/SampleDirectory.h"
+
+namespace {
+
+class LdapModuleTest : public SampleDirectory {
+ protected:
+  static constexpr char kOneUser[] = "dn: cn=Eve,dc=corp,dc=example,dc=com\nobjectClass: user\ncn: Eve\n";
+
+  // Runs `body` in a child process; what it returned, or 1000 and the signal that ended it.
+  static int in_child(const std::function<int()>& body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body());
+    int status = 0;
+    if (waitpid(child, &status, 0) != child) return -1;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+  }
+  ino_t inode() const {
+    struct stat status {};
+    return stat(snapshot().c_str(), &status) == 0 ? status.st_ino : 0;
+  }
+};
+
+TEST_F(LdapModuleTest, MissingFilesMeanAnEmptyDirectory) {
+  std::filesystem::remove(path("directory.ldif"));
+  ASSERT_EQ(initialize(), 0);
+  EXPECT_EQ(find_users("", 0), "0:");
+  EXPECT_EQ(who_is("zoe"), "32");
+  EXPECT_FALSE(proves("zoe", "zoe-secret"));
+}
+
+TEST_F(LdapModuleTest, SnapshotIsPrivateWhateverTheUmask) {
+  const mode_t before = umask(0);
+  EXPECT_EQ(initialize(), 0);
+  umask(before);
+  for (const char* name : {"directory.db", "directory.db.lock"}) {
+    struct stat status {};
+    ASSERT_EQ(stat(path(name).c_str(), &status), 0) << name;
+    EXPECT_EQ(status.st_mode & 07777, 0600U) << name;
+  }
+  EXPECT_FALSE(std::filesystem::exists(path("directory.db.new")));
+}
+
+TEST_F(LdapModuleTest, InitializeRefusesWhatItCannotServe) {
+  const std::string twice = std::string(kOneUser) + "\n" + kOneUser;
+  const struct {
+    const char* settings;
+    std::string ldif;
+  } kRows[] = {
+      {"[LDAP_Setting]\nSource=ldap\n[Domain_1]\nDnsName=a.b\nServers=ldap://127.0.0.1\n", kOneUser},
+      {"[LDAP_Setting]\nSource=nis\n", kOneUser},
+      {"", "dn: cn=a,dc=b\nno colon here\n"},
+      {"", "dn: not a name\nobjectClass: user\ncn: x\n"},
+      {"", twice},
+  };
+  for (const auto& row : kRows) {
+    write("LdapSetting.ini", row.settings);
+    write("directory.ldif", row.ldif);
+    EXPECT_NE(initialize(), 0) << row.settings << row.ldif;
+    EXPECT_FALSE(std::filesystem::exists(snapshot()));
+    EXPECT_FALSE(std::filesystem::exists(path("directory.db.new")));
+  }
+  EXPECT_NE(LdapModule::initialize(nullptr, true), 0);
+  EXPECT_NE(LdapModule::initialize((root_ + "/nowhere").c_str(), true), 0) << "cannot be written";
+  std::filesystem::remove(path("directory.ldif"));
+  std::filesystem::create_directory(path("directory.ldif"));
+  write("LdapSetting.ini", "");
+  EXPECT_NE(initialize(), 0) << "a directory is no LDIF file";
+}
+
+TEST_F(LdapModuleTest, OnlyAChangeBuildsAnew) {
+  ASSERT_EQ(initialize(), 0);
+  const ino_t first = inode();
+  ASSERT_EQ(initialize(), 0);
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  write("LdapSetting.ini", "[LDAP_Setting]\nSearchLimit=3\n");
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_EQ(inode(), first) << "nothing that the file holds has changed";
+  // Kept open, so that its inode is not given to the next file.
+  const int held = open(snapshot().c_str(), O_RDONLY);
+  write("LdapSetting.ini",
+        "[Domain_1]\nDnsName=corp.example.com\nNetbiosName=HQ\n[LDAP_Setting]\nSource=ldif\n");
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_NE(inode(), first);
+  close(held);
+  EXPECT_EQ(who_is("HQ\\zoe"), "0: zoe@corp.example.com");
+  EXPECT_EQ(who_is("CORP\\zoe"), "32");
+  write("directory.ldif", kOneUser);
+  EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com") << "not before the reload";
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_EQ(who_is("zoe") + " " + who_is("eve"), "32 0: Eve@corp.example.com");
+}
+
+TEST_F(LdapModuleTest, BrokenReloadKeepsTheOldData) {
+  ASSERT_EQ(initialize(), 0);
+  const struct {
+    const char* file;
+    const char* text;
+  } kRows[] = {{"directory.ldif", "dn: cn=a,dc=b\nbroken\n"},
+               {"directory.ldif", "dn: cn=a,dc=b\nobjectClass: user\n\ndn: CN=A,dc=b\nobjectClass: user\n"},
+               {"LdapSetting.ini", "[LDAP_Setting]\nSearchLimit=many\n"}};
+  for (const auto& row : kRows) {
+    write(row.file, row.text);
+    EXPECT_NE(LdapModule::load_db_cache(), 0) << row.text;
+    EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com") << row.text;
+  }
+  write("LdapSetting.ini", "");
+  write("directory.ldif", kOneUser);
+  EXPECT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_EQ(who_is("zoe"), "32");
+}
+
+TEST_F(LdapModuleTest, ReplacedOrRemovedFileDoesNotDisturbReaders) {
+  ASSERT_EQ(initialize(), 0);
+  ASSERT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
+  std::filesystem::remove(snapshot());
+  EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
+  write("directory.db", "something else");
+  EXPECT_EQ(groups_of("zoe"), "0: <Circle> <Domain Users> <Staff> <Writers>");
+  std::thread([] { EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com"); }).join();
+  EXPECT_EQ(in_child([] { return who_is("zoe") == "0: zoe@corp.example.com" ? 0 : 1; }), 0)
+      << "a child that finds it broken builds it";
+}
+
+TEST_F(LdapModuleTest, LinkIsReplacedNotFollowed) {
+  write("precious", "not a snapshot");
+  std::filesystem::create_symlink(path("precious"), snapshot());
+  ASSERT_EQ(initialize(), 0);
+  EXPECT_FALSE(std::filesystem::is_symlink(snapshot()));
+  EXPECT_EQ(read(path("precious")), "not a snapshot");
+}
+
+TEST_F(LdapModuleTest, OddAndLongWorkingDirectoriesServe) {
+  const std::string outer = root_;
+  std::vector<std::string> names = {"a?immutable=0&mode=rw", "50%20#x", "two  words", "\xC3\xA4\xFF",
+                                    "file:x"};
+  std::string longest = outer + "/" + std::string(200, 'l') + "/" + std::string(200, 'm');
+  longest += "/" + std::string(511 - longest.size() - 1, 'n');
+  for (std::string& name : names) name = outer + "/" + name;
+  names.push_back(longest);
+  for (const std::string& name : names) {
+    workdir_ = name;
+    std::filesystem::create_directories(workdir_);
+    write("directory.ldif", kSampleLdif);
+    EXPECT_EQ(initialize(), 0) << name;
+    EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com") << name;
+    EXPECT_TRUE(std::filesystem::exists(snapshot())) << name;
+  }
+  EXPECT_EQ(longest.size(), 511U);
+}
+
+TEST_F(LdapModuleTest, ChildOfAForkOpensItsOwn) {
+  ASSERT_EQ(initialize(), 0);
+  const auto descriptors = [] {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return std::distance(begin(all), end(all));
+  };
+  const auto before = descriptors();
+  ASSERT_EQ(initialize(), 0);
+  EXPECT_EQ(descriptors(), before);
+  ASSERT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
+  // The parent has a connection now. The child sees the new data, the parent goes on with the old.
+  write("directory.ldif", kOneUser);
+  EXPECT_EQ(in_child([] {
+              if (LdapModule::load_db_cache() != 0) return 2;
+              int failed = 0;
+              std::thread([&] { failed += who_is("eve") != "0: Eve@corp.example.com"; }).join();
+              return failed + (who_is("zoe") != "32");
+            }),
+            0);
+  EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
+}
+
+TEST_F(LdapModuleTest, ForkDuringLookUpsLeavesTheChildAble) {
+  ASSERT_EQ(initialize(), 0);
+  std::atomic<bool> stop{false};
+  std::thread reader([&] {
+    while (!stop) EXPECT_EQ(who_is("odd"), "0: odd@lab.example.com");
+  });
+  for (int round = 0; round < 20; ++round) {
+    EXPECT_EQ(in_child([] { return who_is("zoe") == "0: zoe@corp.example.com" ? 0 : 1; }), 0);
+  }
+  stop = true;
+  reader.join();
+}
+
+TEST_F(LdapModuleTest, LookUpsUnderReloadsSeeOneOfTheTwoStates) {
+  ASSERT_EQ(initialize(), 0);
+  std::atomic<bool> stop{false};
+  std::atomic<int> answers{0};
+  std::vector<std::thread> readers;
+  for (int reader = 0; reader < 3; ++reader) {
+    readers.emplace_back([&] {
+      while (!stop) {
+        const std::string groups = groups_of("zoe");
+        EXPECT_TRUE(groups == "32:" || groups == "0: <Circle> <Domain Users> <Staff> <Writers>") << groups;
+        ++answers;
+      }
+    });
+  }
+  std::thread second([&] {
+    while (!stop) EXPECT_EQ(LdapModule::load_db_cache(), 0);
+  });
+  for (int round = 0; round < 20; ++round) {
+    write("directory.ldif", round % 2 == 0 ? kOneUser : kSampleLdif);
+    EXPECT_EQ(LdapModule::load_db_cache(), 0);
+    EXPECT_EQ(who_is("eve"), round % 2 == 0 ? "0: Eve@corp.example.com" : "32");
+  }
+  stop = true;
+  second.join();
+  for (std::thread& reader : readers) reader.join();
+  EXPECT_GT(answers, 0);
+}
+
+TEST_F(LdapModuleTest, OneProcessBuildsAndTheOthersUseWhatItBuilt) {
+  std::vector<pid_t> children;
+  for (int child = 0; child < 6; ++child) {
+    const pid_t pid = fork();
+    if (pid == 0) _exit(initialize() == 0 && who_is("zoe") == "0: zoe@corp.example.com" ? 0 : 1);
+    children.push_back(pid);
+  }
+  for (const pid_t pid : children) {
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  const ino_t built = inode();
+  ASSERT_EQ(initialize(), 0);
+  EXPECT_EQ(inode(), built);
+}
+
+TEST_F(LdapModuleTest, WithoutAnAcceptorNobodyIsProven) {
+  LdapModule exchange;
+  char token[] = "NTLMSSP";
+  char out[16] = {};
+  int out_len = sizeof out;
+  EXPECT_EQ(exchange.validate_ntlm_message("127.0.0.1", token, 7, out, out_len), -1);
+  EXPECT_EQ(out_len, 0);
+  std::string client = "x", answer = "y";
+  bool more = true;
+  EXPECT_FALSE(LdapModule::validate_negotiate_message("YII=", client, answer, more));
+  EXPECT_EQ(client + answer, "");
+  EXPECT_FALSE(more);
+}
+
+TEST_F(LdapModuleTest, DnsNameComesFromTheDomainComponents) {
+  EXPECT_EQ(LdapModule::dn_to_dns_name("cn=a,DC=corp,dc=example"), "corp.example");
+  EXPECT_EQ(LdapModule::dn_to_dns_name("cn=a,o=x"), "");
+  EXPECT_EQ(LdapModule::dn_to_dns_name(nullptr), "");
+}
+
+}  // namespace
