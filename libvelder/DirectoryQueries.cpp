@@ -12,6 +12,10 @@ namespace {
 // Checked, and ignored, for users that do not exist, so that the time of an answer does not tell who does.
 constexpr std::string_view kNobodysPassword = "{SSHA}2vFJ1bWpXKXMvCDZ1VnBmGXgIzlxdmVsZGVyLW5v";
 
+// Of one question about the users of groups, all groups together. A group may be named any number of times
+// in one question, so that a short question could otherwise ask for more than the memory holds.
+constexpr size_t kMostListedUsers = 2'000'000;
+
 // The search limit is over when one more than it allows is found.
 size_t probe_limit(uint32_t limit) {
   return limit == 0 ? 0 : size_t{limit} + 1;
@@ -93,7 +97,9 @@ int DirectoryQueries::group_groups(std::string_view group, Match match, std::lis
 int DirectoryQueries::all_users(const std::list<std::string>& groups, bool by_dn,
                                 std::list<GroupUserMeta>& group_users) {
   bool found = false;
+  size_t listed = 0;
   for (const std::string& name : groups) {
+    if (listed > kMostListedUsers) return code(kDirectorySizeLimit);
     const auto id = find_group(name, !by_dn, by_dn);
     if (!id) continue;
     found = true;
@@ -103,6 +109,7 @@ int DirectoryQueries::all_users(const std::list<std::string>& groups, bool by_dn
       std::string address;
       if (reader_.user_address(user, address)) record.users.push_back(std::move(address));
     }
+    listed += record.users.size() + 1;
     group_users.push_back(std::move(record));
   }
   return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);

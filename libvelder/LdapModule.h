@@ -37,8 +37,8 @@ struct GroupUserMeta {
 enum DirectoryResult : int {
   kDirectorySuccess = 0,
   kDirectoryOther = 1,
-  kDirectorySizeLimit = 4,       // the list holds the first SearchLimit hits
-  kDirectoryNoSuchObject = 32,   // no such user or group, or a name that more than one entry has
+  kDirectorySizeLimit = 4,      // the list holds the first SearchLimit hits
+  kDirectoryNoSuchObject = 32,  // no such user or group, or a name that more than one entry has
   kDirectoryBadCredentials = 49,
   kDirectoryServerDown = 81,
   kDirectoryTimeout = 85,
@@ -78,12 +78,12 @@ class LdapModule {
   static int get_group_groups(const std::string& group, int flag, std::list<GroupMeta>& groups);
 
   // One record per given group that exists (a DN when is_dn is 1, else a cn), nested members included,
-  // in the given order. 32 when none of them exists.
+  // in the given order. 32 when none of them exists; 4 after some two million listed users.
   static int get_all_users(std::list<std::string> groups, int is_dn, std::list<GroupUserMeta>& group_users);
 
   // Fills the five strings of one user; upn stays empty when the entry has none.
-  static int get_user_info(const std::string& user, std::string& domain_dns, std::string& uid, std::string& cn,
-                           std::string& dn, std::string& upn);
+  static int get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,
+                           std::string& cn, std::string& dn, std::string& upn);
 
   // True only when the password was proven. `reserved` is accepted and not used.
   static bool validate_credential(const char* user, const char* password, void* reserved);
