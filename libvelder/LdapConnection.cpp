@@ -1,11 +1,19 @@
 #include "libvelder/LdapConnection.h"
 
-#include <ldap.h>
+#include <openldap.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <cerrno>
 #include <string_view>
+#include <system_error>
+#include <utility>
 
 #include "brellog/VrLog.h"
+#include "libvelder/Fold.h"
+#include "libvelder/LdapConnectionInternal.h"
 
 namespace {
 
@@ -76,3 +84,317 @@ int prldap_install_routines(void* ld, int shared) {
                      has_feature("OPERATION_THREAD_SAFE") && set_client_options();
   return ready ? 0 : -1;
 }
+
+namespace velder {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using std::chrono::steady_clock;
+
+// The client library counts a wait by the clock of the day. Short waits under our own steady clock keep a
+// clock that is set from stretching a time-out.
+constexpr milliseconds kLongestSlice{1000};
+
+// No answer of a directory comes near this. The client library would allocate whatever length a message
+// claims to have.
+constexpr ber_len_t kLongestMessage = ber_len_t{64} << 20;
+
+// Where Debian keeps the CAs that the system trusts.
+constexpr const char* kSystemCas = "/etc/ssl/certs/ca-certificates.crt";
+
+// How much of a server's text goes into the log.
+constexpr size_t kServerTextLimit = 200;
+
+timeval to_timeval(milliseconds time) {
+  return {static_cast<time_t>(time.count() / 1000), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
+}
+
+int descriptor_of(LDAP* ld) {
+  int fd = -1;
+  return ldap_get_option(ld, LDAP_OPT_DESC, &fd) == LDAP_OPT_SUCCESS ? fd : -1;
+}
+
+std::string diagnostic_of(LDAP* ld) {
+  char* text = nullptr;
+  if (ldap_get_option(ld, LDAP_OPT_DIAGNOSTIC_MESSAGE, &text) != LDAP_OPT_SUCCESS || text == nullptr)
+    return {};
+  std::string copy = text;
+  ldap_memfree(text);
+  return copy;
+}
+
+struct UrlParts {
+  std::string host;
+  uint16_t port = 0;
+  bool tls = false;
+};
+
+Result<UrlParts> parse_url(const std::string& url) {
+  LDAPURLDesc* parsed = nullptr;
+  const int rc = ldap_url_parse(url.c_str(), &parsed);
+  const std::unique_ptr<LDAPURLDesc, decltype(&ldap_free_urldesc)> owner(parsed, ldap_free_urldesc);
+  const bool usable = rc == LDAP_URL_SUCCESS && parsed->lud_host != nullptr && *parsed->lud_host != '\0' &&
+                      parsed->lud_port >= 0 && parsed->lud_port <= 65535;
+  const bool tls = usable && ascii_iequals(parsed->lud_scheme, "ldaps");
+  if (!usable || (!tls && !ascii_iequals(parsed->lud_scheme, "ldap")))
+    return tl::unexpected(
+        Error{kDirectoryOther, printable(url) + ": no ldap:// or ldaps:// address of a server"});
+  UrlParts parts{parsed->lud_host, static_cast<uint16_t>(parsed->lud_port), tls};
+  if (parts.port == 0) parts.port = tls ? LDAPS_PORT : LDAP_PORT;
+  return parts;
+}
+
+// Everything is set here that ldap.conf or the environment could have set differently.
+bool set_session_options(LDAP* ld, const Domain& domain) {
+  const int protocol = LDAP_VERSION3;
+  const int no_limit = LDAP_NO_LIMIT;
+  const int never = LDAP_DEREF_NEVER;
+  const timeval answer = to_timeval(seconds(domain.operation_timeout));
+  Sockbuf* buffer = nullptr;
+  ber_len_t longest = kLongestMessage;
+  return ldap_set_option(ld, LDAP_OPT_PROTOCOL_VERSION, &protocol) == LDAP_OPT_SUCCESS &&
+         ldap_set_option(ld, LDAP_OPT_REFERRALS, LDAP_OPT_OFF) == LDAP_OPT_SUCCESS &&
+         ldap_set_option(ld, LDAP_OPT_RESTART, LDAP_OPT_ON) == LDAP_OPT_SUCCESS &&
+         ldap_set_option(ld, LDAP_OPT_DEREF, &never) == LDAP_OPT_SUCCESS &&
+         ldap_set_option(ld, LDAP_OPT_SIZELIMIT, &no_limit) == LDAP_OPT_SUCCESS &&
+         ldap_set_option(ld, LDAP_OPT_TIMELIMIT, &no_limit) == LDAP_OPT_SUCCESS &&
+         ldap_set_option(ld, LDAP_OPT_TIMEOUT, &answer) == LDAP_OPT_SUCCESS &&
+         ldap_get_option(ld, LDAP_OPT_SOCKBUF, &buffer) == LDAP_OPT_SUCCESS &&
+         ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &longest) == 1;
+}
+
+// A certificate is demanded and checked, with a context of this session's own. TLS before 1.2 is not spoken.
+Result<void> set_tls_options(LdapConnection::Session& session, const std::string& ca_setting) {
+  const std::string ca_file = ca_setting.empty() ? kSystemCas : ca_setting;
+  if (access(ca_file.c_str(), R_OK) != 0)
+    return session.fail(kDirectoryServerDown, "no trusted CAs: cannot read " + printable(ca_file, 200) +
+                                                  ": " + std::system_category().message(errno));
+  const int demand = LDAP_OPT_X_TLS_DEMAND;
+  const int lowest = LDAP_OPT_X_TLS_PROTOCOL_TLS1_2;
+  const int client = 0;
+  LDAP* ld = session.ld;
+  if (ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) != LDAP_OPT_SUCCESS ||
+      ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTDIR, nullptr) != LDAP_OPT_SUCCESS ||
+      ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, ca_file.c_str()) != LDAP_OPT_SUCCESS ||
+      ldap_set_option(ld, LDAP_OPT_X_TLS_PROTOCOL_MIN, &lowest) != LDAP_OPT_SUCCESS ||
+      ldap_set_option(ld, LDAP_OPT_X_TLS_NEWCTX, &client) != LDAP_OPT_SUCCESS)
+    return session.fail(kDirectoryServerDown,
+                        "TLS cannot be set up: no certificates in " + printable(ca_file, 200) + "?");
+  return {};
+}
+
+Result<void> ask_for_tls(LdapConnection::Session& session, Deadline deadline) {
+  int id = 0;
+  const int rc = ldap_start_tls(session.ld, nullptr, nullptr, &id);
+  if (rc != LDAP_SUCCESS) return session.fail_local(rc, "asking for TLS");
+  const auto outcome = session.finish(id, deadline, "StartTLS");
+  if (!outcome) return tl::unexpected(outcome.error());
+  if (outcome->code != LDAP_SUCCESS)
+    return session.lose(kDirectoryServerDown, "no StartTLS: " + describe(outcome->code, outcome->text));
+  return {};
+}
+
+// The handshake of the client library obeys its network time-out, also against a server that is silent or
+// slow on purpose. It leaves the socket blocking.
+Result<void> shake_hands(LdapConnection::Session& session, const Domain& domain, Deadline deadline) {
+  const timeval left = to_timeval(milliseconds(std::max(1, milliseconds_until(deadline))));
+  ldap_set_option(session.ld, LDAP_OPT_NETWORK_TIMEOUT, &left);
+  const int rc = ldap_install_tls(session.ld);
+  if (rc == LDAP_TIMEOUT) return session.lose(kDirectoryServerDown, "no TLS in time");
+  if (rc != LDAP_SUCCESS) {
+    const std::string reason = diagnostic_of(session.ld);
+    // The library has no words for a certificate that no trusted CA has signed.
+    const bool nameless = reason.empty() || reason.find("unknown error") != std::string::npos;
+    const std::string trusted =
+        domain.ca_cert_file.empty() ? "the system trusts" : domain.ca_cert_file + " holds";
+    return session.lose(kDirectoryServerDown,
+                        "no TLS: " + (nameless ? "no TLS server, or its certificate is of no CA that " +
+                                                     printable(trusted, 200) + ", or is expired"
+                                               : printable(reason, kServerTextLimit)));
+  }
+  Sockbuf* buffer = nullptr;
+  if (ldap_get_option(session.ld, LDAP_OPT_SOCKBUF, &buffer) != LDAP_OPT_SUCCESS ||
+      ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_NONBLOCK, &buffer) != 1)
+    return session.lose(kDirectoryOther, "the socket cannot be made non-blocking");
+  return {};
+}
+
+milliseconds slice_until(Deadline until) {
+  return std::min(kLongestSlice, milliseconds(milliseconds_until(until)));
+}
+
+}  // namespace
+
+int outward_code(int server_code) {
+  return server_code > 0 && server_code < kDirectoryServerDown ? server_code : kDirectoryOther;
+}
+
+std::string describe(int server_code, std::string_view server_text) {
+  std::string text = std::string(ldap_err2string(server_code)) + " (" + std::to_string(server_code) + ")";
+  if (!server_text.empty()) text += ": " + printable(server_text, kServerTextLimit);
+  return text;
+}
+
+LdapConnection::Session::~Session() {
+  if (ld == nullptr) return;
+  if (owner != getpid()) {
+    // The library's locks may have been held at the fork and the other end is the parent's.
+    if (lost == 0) close(fd);
+    return;
+  }
+  if (lost != 0) {
+    // The farewell, and that of TLS, must not wait for a server that does not read.
+    const int open_fd = descriptor_of(ld);
+    if (open_fd >= 0) shutdown(open_fd, SHUT_RDWR);
+  }
+  ldap_unbind_ext_s(ld, nullptr, nullptr);
+}
+
+tl::unexpected<Error> LdapConnection::Session::fail(int code, std::string_view text) const {
+  return tl::unexpected(Error{code, url + ": " + std::string(text)});
+}
+
+tl::unexpected<Error> LdapConnection::Session::lose(int code, std::string_view text) {
+  lost = code;
+  bound = false;
+  return fail(code, text);
+}
+
+tl::unexpected<Error> LdapConnection::Session::fail_local(int library_code, std::string_view doing) {
+  const std::string what = std::string(doing) + ": " + ldap_err2string(library_code);
+  switch (library_code) {
+    case LDAP_FILTER_ERROR:
+    case LDAP_PARAM_ERROR:
+    case LDAP_ENCODING_ERROR:
+    case LDAP_NO_MEMORY: return fail(kDirectoryOther, what);
+    case LDAP_TIMEOUT: return lose(kDirectoryTimeout, what);
+    case LDAP_SERVER_DOWN:
+      return lose(kDirectoryServerDown, std::string(doing) + ": the connection was lost");
+    default: return lose(kDirectoryServerDown, what);
+  }
+}
+
+Result<void> LdapConnection::Session::ready() const {
+  if (lost != 0) return fail(lost, "the connection was lost before");
+  return {};
+}
+
+void LdapConnection::Session::abandon(int id) const {
+  ldap_abandon_ext(ld, id, nullptr, nullptr);
+}
+
+Result<Message> LdapConnection::Session::wait(int id, Deadline until, std::string_view doing) {
+  for (;;) {
+    timeval slice = to_timeval(slice_until(until));
+    LDAPMessage* raw = nullptr;
+    const int type = ldap_result(ld, id, LDAP_MSG_ONE, &slice, &raw);
+    Message message(raw);
+    if (type > 0 && message) return message;
+    if (type != 0) {
+      int code = LDAP_SERVER_DOWN;
+      ldap_get_option(ld, LDAP_OPT_RESULT_CODE, &code);
+      return fail_local(code < 0 ? code : LDAP_SERVER_DOWN, doing);
+    }
+    if (steady_clock::now() >= until) {
+      abandon(id);
+      return lose(kDirectoryTimeout, std::string(doing) + ": no answer in time");
+    }
+  }
+}
+
+Result<Outcome> LdapConnection::Session::parse_outcome(LDAPMessage* message, std::string_view doing) {
+  Outcome outcome;
+  char* text = nullptr;
+  char** referrals = nullptr;
+  LDAPControl** controls = nullptr;
+  const int rc = ldap_parse_result(ld, message, &outcome.code, nullptr, &text, &referrals, &controls, 0);
+  outcome.controls.reset(controls);
+  if (text != nullptr) outcome.text = text;
+  for (char** one = referrals; one != nullptr && *one != nullptr; ++one) outcome.referrals.emplace_back(*one);
+  ldap_memfree(text);
+  ldap_memvfree(reinterpret_cast<void**>(referrals));
+  if (rc != LDAP_SUCCESS) return fail_local(rc, doing);
+  if (outcome.code < 0) return fail_local(outcome.code, doing);
+  return outcome;
+}
+
+Result<Outcome> LdapConnection::Session::finish(int id, Deadline until, std::string_view doing) {
+  const auto message = wait(id, until, doing);
+  if (!message) return tl::unexpected(message.error());
+  return parse_outcome(message->get(), doing);
+}
+
+tl::unexpected<Error> LdapConnection::Session::refused(const Outcome& outcome, std::string_view doing) const {
+  std::string text = std::string(doing) + ": " + describe(outcome.code, outcome.text);
+  if (outcome.code == LDAP_REFERRAL || !outcome.referrals.empty()) {
+    text += "; what is asked for is held by another server";
+    if (!outcome.referrals.empty()) text += ", " + printable(outcome.referrals.front(), kServerTextLimit);
+  }
+  return fail(outward_code(outcome.code), text);
+}
+
+LdapConnection::LdapConnection(std::unique_ptr<Session> session) : session_(std::move(session)) {}
+LdapConnection::LdapConnection(LdapConnection&&) noexcept = default;
+LdapConnection& LdapConnection::operator=(LdapConnection&&) noexcept = default;
+LdapConnection::~LdapConnection() = default;
+
+Result<LdapConnection> LdapConnection::open(const Domain& domain, const std::string& url,
+                                            OpenStages* stages) {
+  OpenStages unused;
+  OpenStages& stage = stages != nullptr ? *stages : unused;
+  stage = {};
+  const Deadline deadline = steady_clock::now() + seconds(domain.connect_timeout);
+  const auto parts = parse_url(url);
+  if (!parts) return tl::unexpected(parts.error());
+
+  auto session = std::make_unique<Session>();
+  session->url = url;
+  session->owner = getpid();
+  session->operation_timeout = seconds(domain.operation_timeout);
+  auto socket = connect_tcp(parts->host, parts->port, deadline, session->operation_timeout, stage.resolved);
+  if (!socket) return session->fail(socket.error().code, socket.error().text);
+  stage.connected = true;
+
+  const int rc = ldap_init_fd(socket->get(), LDAP_PROTO_TCP, url.c_str(), &session->ld);
+  if (rc != LDAP_SUCCESS) return session->fail(kDirectoryOther, ldap_err2string(rc));
+  session->fd = socket->release();
+  if (!set_session_options(session->ld, domain))
+    return session->fail(kDirectoryOther, "the client library refuses an option");
+  if (parts->tls || domain.start_tls) {
+    auto ready = set_tls_options(*session, domain.ca_cert_file);
+    if (ready && !parts->tls) ready = ask_for_tls(*session, deadline);
+    if (ready) ready = shake_hands(*session, domain, deadline);
+    if (!ready) return tl::unexpected(ready.error());
+    stage.tls = true;
+  }
+  return LdapConnection(std::move(session));
+}
+
+bool LdapConnection::usable() const {
+  return session_ != nullptr && session_->lost == 0;
+}
+
+bool LdapConnection::still_open() const {
+  if (!usable()) return false;
+  const int fd = descriptor_of(session_->ld);
+  if (fd < 0) return false;
+  char byte = 0;
+  // Nothing is outstanding. So whatever can be read, and the end, is a server that has given up.
+  return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+}
+
+bool LdapConnection::bound() const {
+  return usable() && session_->bound;
+}
+
+uint64_t LdapConnection::bind_count() const {
+  return session_ != nullptr ? session_->binds : 0;
+}
+
+const std::string& LdapConnection::url() const {
+  static const std::string kNone;
+  return session_ != nullptr ? session_->url : kNone;
+}
+
+}  // namespace velder

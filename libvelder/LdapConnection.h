@@ -1,5 +1,5 @@
-// The client library for directory servers: one session with one server. The two units behind this header
-// are the only ones that see ldap.h.
+// The client library for directory servers: one session with one server. Only the units behind this header
+// (LdapConnection, LdapBind, LdapSearch) see ldap.h.
 //
 // prldap_install_routines, which the public header declares, is defined here, too: it readies the client
 // library of the whole process before any connection exists.
@@ -134,8 +134,10 @@ class LdapConnection {
 
   const std::string& url() const;
 
- private:
+  // The inside; opaque.
   struct Session;
+
+ private:
   explicit LdapConnection(std::unique_ptr<Session> session);
 
   std::unique_ptr<Session> session_;
