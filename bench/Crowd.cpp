@@ -23,7 +23,7 @@ using velder_client::UniqueFd;
 // The daemon's queue of connections not yet accepted holds ten.
 constexpr size_t kBatch = 8;
 constexpr milliseconds kConnectPatience{2000};
-constexpr milliseconds kAnswerPatience{5000};
+constexpr milliseconds kAnswerPatience{3000};
 constexpr std::chrono::seconds kLongestLatency{4};  // what fits the tally
 constexpr int kFruitlessBatches = 3;
 constexpr milliseconds kLongestWait{100};

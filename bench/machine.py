@@ -1,0 +1,212 @@
+"""The private machine of a benchmark run and the servers on it.
+
+Everything runs in network, mount and process namespaces of its own: the ports are ours, the loopback carries
+nothing else, /etc and /var are layers over the host's, and what is started ends with the run, even when the
+run is killed.
+"""
+
+import os
+import pathlib
+import pwd
+import resource
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import time
+
+INSIDE = "AUTHD_BENCH_INSIDE"
+NAMESPACES = ["unshare", "--net", "--mount", "--pid", "--ipc", "--fork", "--kill-child", "--mount-proc"]
+OPEN_FILES = 12000  # in the load generator and in each server
+WORKDIR = pathlib.Path("/var/brel/work")
+PID_FILE = pathlib.Path("/etc/quarn/pids/auth_daemon.pid")
+ACCOUNT = "quarn"
+LAYERS = "/mnt"  # exists on every Debian machine; covered in our mount namespace only
+PATIENCE = 30  # seconds
+
+
+class Impossible(Exception):
+    """This machine does not let us measure."""
+
+
+class Broken(Exception):
+    """A server or a load run failed: there is no result."""
+
+
+def enter():
+    """Goes on in namespaces of our own; returns only inside them."""
+    if os.environ.get(INSIDE):
+        return
+    if os.geteuid() != 0:
+        raise Impossible("namespaces of our own need root")
+    trial = subprocess.run(NAMESPACES + ["true"], capture_output=True, text=True, check=False)
+    if trial.returncode != 0:
+        raise Impossible(f"no namespaces here: {trial.stderr.strip()}")
+    os.environ[INSIDE] = "1"
+    sys.stdout.flush()
+    os.execvp(NAMESPACES[0], NAMESPACES + [sys.executable] + sys.argv)
+
+
+def run(*command):
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    if done.returncode != 0:
+        raise Impossible(f"{' '.join(command)}: {done.stderr.strip()}")
+
+
+def build():
+    """Loopback, folders and limits; once, inside."""
+    run("ip", "link", "set", "lo", "up")
+    # Thousands of connections a round, each leaving its port for a while.
+    pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").write_text("16000 65000", encoding="ascii")
+    run("mount", "-t", "tmpfs", "-o", "mode=755", "layers", LAYERS)
+    for folder in ("/etc", "/var"):
+        upper, work = (f"{LAYERS}{folder}_{part}" for part in ("upper", "work"))
+        os.mkdir(upper, 0o755)
+        os.mkdir(work, 0o755)
+        run("mount", "-t", "overlay", "overlay", f"-olowerdir={folder},upperdir={upper},workdir={work}", folder)
+    for folder in ("/var/brel", "/etc/quarn"):
+        os.makedirs(folder, 0o755, exist_ok=True)
+        run("mount", "-t", "tmpfs", "-o", "mode=755", "quarn", folder)
+    for folder in ("/var/brel/log", "/var/brel/redis", str(WORKDIR), str(PID_FILE.parent)):
+        os.makedirs(folder, 0o755)
+        own(folder)
+    allow_open_files()
+
+
+def allow_open_files():
+    hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    if hard != resource.RLIM_INFINITY and hard < OPEN_FILES:
+        raise Impossible(f"a process may open {hard} files here, {OPEN_FILES} are needed (ulimit -Hn)")
+    resource.setrlimit(resource.RLIMIT_NOFILE, (OPEN_FILES, hard))
+
+
+def own(path):
+    """To the daemon's account, if the machine has one; else the daemon stays who it is."""
+    try:
+        account = pwd.getpwnam(ACCOUNT)
+    except KeyError:
+        return
+    os.chown(path, account.pw_uid, account.pw_gid)
+
+
+def until(condition, what):
+    deadline = time.monotonic() + PATIENCE
+    while not (value := condition()):
+        if time.monotonic() > deadline:
+            raise Broken(f"not within {PATIENCE} seconds: {what}")
+        time.sleep(0.01)
+    return value
+
+
+def accepts(port):
+    with socket.socket() as probe:
+        return probe.connect_ex(("127.0.0.1", port)) == 0
+
+
+def connections_left(port):
+    """Connections that the server on this port still holds."""
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        rows = [line.split() for line in table.readlines()[1:]]
+    established, close_wait = "01", "08"
+    return sum(row[1].endswith(f":{port:04X}") and row[3] in (established, close_wait) for row in rows)
+
+
+class Server:
+    """A server that runs in the foreground."""
+
+    def __init__(self, protocol, port, command, log=subprocess.DEVNULL):
+        self.protocol = protocol
+        self.port = port
+        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
+        until(self._listens, f"{command[0]} listens on port {port}")
+
+    def _listens(self):
+        if self._process.poll() is not None:
+            raise Broken(f"{self._process.args[0]} ended with status {self._process.returncode}")
+        return accepts(self.port)
+
+    def pids(self):
+        return [self._process.pid]
+
+    def stop(self):
+        self._process.terminate()
+        self._process.wait(PATIENCE)
+
+    def wait_quiet(self):
+        """The connections of the run before are closed on this side, too."""
+        until(lambda: connections_left(self.port) == 0, f"port {self.port} is left alone")
+
+    def proportional_memory(self):
+        """Bytes of all its processes, shared pages divided among them."""
+        total = 0
+        for pid in self.pids():
+            rollup = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
+            total += next(int(line.split()[1]) for line in rollup.splitlines() if line.startswith("Pss:"))
+        return total * 1024
+
+
+class Daemon(Server):
+    """Our own; it detaches by itself. The working directory stays from start to start."""
+
+    def __init__(self, program, *options):  # pylint: disable=super-init-not-called
+        self.protocol = "daemon"
+        self.port = 1100
+        PID_FILE.unlink(missing_ok=True)
+        subprocess.run([program, "--workdir", str(WORKDIR), *options], stdin=subprocess.DEVNULL, check=True)
+        self._pid = int(until(lambda: PID_FILE.exists() and PID_FILE.read_text(encoding="ascii"),
+                              "the daemon writes its pid file (its log: " + self._log_tail() + ")"))
+        until(lambda: len(self.pids()) == 3, "two workers run")
+
+    @staticmethod
+    def _log_tail():
+        logs = sorted(pathlib.Path("/var/brel/log").glob("AuthDaemon.log.*"))
+        return logs[-1].read_text(encoding="utf-8", errors="replace")[-500:] if logs else "none"
+
+    def pids(self):
+        children = pathlib.Path(f"/proc/{self._pid}/task/{self._pid}/children").read_text(encoding="ascii")
+        return [self._pid] + [int(pid) for pid in children.split()]
+
+    def stop(self):
+        workers = self.pids()[1:]
+        os.kill(self._pid, signal.SIGTERM)
+        until(lambda: all(collected(pid) for pid in [self._pid, *workers]), "the daemon's processes end")
+
+
+def collected(pid):
+    """True when the process is gone. We are the first one here: what detached itself is ours to collect."""
+    try:
+        return os.waitpid(pid, os.WNOHANG)[0] == pid
+    except ChildProcessError:
+        return not os.path.exists(f"/proc/{pid}")
+
+
+def make_workdir(make_ldif, users, groups):
+    with open(WORKDIR / "directory.ldif", "wb") as ldif:
+        subprocess.run([make_ldif, str(users), str(groups)], stdout=ldif, check=True)
+    (WORKDIR / "LdapSetting.ini").write_text("[LDAP_Setting]\nSyncInterval=1440\nSource=ldif\n", encoding="ascii")
+    for path in WORKDIR.iterdir():
+        own(path)
+
+
+def start_memcached():
+    return Server("memcached", 11211, [need("memcached"), "-u", "root", "-l", "127.0.0.1", "-p", "11211", "-t", "2",
+                                       "-c", "10000", "-m", "256"])
+
+
+def start_redis(port, *options):
+    folder = f"/var/brel/redis/{port}"
+    os.makedirs(folder)
+    return Server("redis", port, [need("redis-server"), "--bind", "127.0.0.1", "--port", str(port), "--save", "",
+                                  "--maxclients", "10000", "--dir", folder, *options])
+
+
+def start_echo(program, port, answer_bytes):
+    return Server("echo", port, [program, "--port", str(port), "--answer-bytes", str(answer_bytes)])
+
+
+def need(program):
+    path = shutil.which(program, path=os.environ.get("PATH", "") + ":/usr/sbin:/sbin")
+    if path is None:
+        raise Impossible(f"{program} is not installed (packaging/apt-packages.txt, group bench)")
+    return path
