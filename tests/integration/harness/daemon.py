@@ -183,15 +183,24 @@ class Daemon:
     # Looking at it.
 
     def workers(self):
-        """Pids of the live children, the oldest first."""
-        alive = [pid for pid, (parent, state) in processes().items() if parent == self.pid and state != "Z"]
-        return sorted(alive, key=lambda pid: (int((stat_fields(pid) or [0] * 21)[20]), pid))
+        """Pids of the live workers, the oldest first: the children that have started threads of their own. The
+        child that synchronises has none."""
+        born = {}
+        for pid, (parent, _) in processes().items():
+            fields = stat_fields(pid)
+            if parent == self.pid and fields and fields[1] != "Z" and int(fields[18]) > 1:
+                born[pid] = int(fields[20])
+        return sorted(born, key=lambda pid: (born[pid], pid))
 
     def wait_workers(self, count):
         def there():
             assert processes().get(self.pid, (0, "Z"))[1] != "Z", "the daemon has ended:\n" + log_text()[-3000:]
             return len(self.workers()) == count and self.workers()
         return until(there, lambda: f"{count} workers, there are {self.workers()}")
+
+    def wait_dead(self, worker):
+        """Until a killed worker is seen as such: the signal alone leaves it in the list for a moment."""
+        until(lambda: worker not in self.workers(), f"the death of worker {worker}")
 
     def wait_line(self, text, level=None, pid=None, count=1):
         """The `count`-th line with exactly this text (or matching this compiled expression)."""
@@ -238,11 +247,13 @@ class Daemon:
         by_worker, all_of_them = {}, []
         deadline = time.monotonic() + LONG_WAIT
         try:
-            while set(by_worker) != wanted:
+            while wanted - set(by_worker):
                 assert time.monotonic() < deadline, f"{wanted - set(by_worker)} took no connection"
                 all_of_them.append(connection := wire.Connection())
                 connection.query("192.0.2.254")
-                by_worker.setdefault(self.worker_of(connection), connection)
+                worker = self.worker_of(connection)
+                if worker in wanted:
+                    by_worker.setdefault(worker, connection)
             yield by_worker
         finally:
             for connection in all_of_them:
