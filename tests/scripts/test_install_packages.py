@@ -10,6 +10,10 @@ import pytest
 SCRIPT = pathlib.Path(__file__).resolve().parents[2] / "packaging/install-packages.sh"
 LIST = "# a comment\nbuild  tool\nbuild  held\ntest   half\nother  elsewhere\ntest   tool\n"
 
+UNSHARE = ["unshare", "--mount"] if os.getuid() == 0 else ["unshare", "--map-root-user", "--mount"]
+if subprocess.run([*UNSHARE, "mount", "--bind", "/tmp", "/usr/sbin"], capture_output=True).returncode != 0:
+    pytest.exit("no mount namespaces on this machine", returncode=77)
+
 STUBS = {
     # One file for each package that the system knows, with its state.
     "dpkg-query": 'for last; do :; done; cat "$BOX/state/$last" 2>/dev/null || exit 1',
@@ -48,8 +52,7 @@ class Box:
 
     def run(self, *groups):
         inside = 'mount --bind "$BOX/sbin" /usr/sbin && PATH="$BOX/bin" && exec sh packaging/install-packages.sh "$@"'
-        unshare = ["unshare", "--mount"] if os.getuid() == 0 else ["unshare", "--map-root-user", "--mount"]
-        return subprocess.run([*unshare, "sh", "-c", inside, "sh", *groups], cwd=self.folder, text=True,
+        return subprocess.run([*UNSHARE, "sh", "-c", inside, "sh", *groups], cwd=self.folder, text=True,
                               env={**os.environ, "BOX": str(self.folder)}, capture_output=True, timeout=60)
 
     def log(self):
