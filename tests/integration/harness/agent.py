@@ -1,5 +1,6 @@
 """An agent on 127.0.0.1:5544 that does with every question what the test says."""
 
+import contextlib
 import socket
 import threading
 import time
@@ -35,7 +36,8 @@ class ScriptedAgent:
         self._listener.close()
         with self._lock:
             for peer in self._open:
-                peer.shutdown(socket.SHUT_RDWR)
+                with contextlib.suppress(OSError):  # the daemon was first
+                    peer.shutdown(socket.SHUT_RDWR)
         for thread in self._threads:
             thread.join(LONG_WAIT)
 
