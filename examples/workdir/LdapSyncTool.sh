@@ -1,12 +1,17 @@
 #!/bin/sh
-# Brings the directory of the running authentication daemon up to date: the worker processes read the LDIF
-# file of this folder again. The daemon runs this script when the interval of LdapSetting.ini has passed; an
-# administrator may run it at any time, as root or as the daemon's account.
+# Brings the directory of the running authentication daemon up to date: ldap_sync fills the snapshot of this
+# folder from its source, then the worker processes are told to use it. The daemon runs this script when the
+# interval of LdapSetting.ini has passed; an administrator may run it at any time, as root or as the daemon's
+# account.
 #
 #   LdapSyncTool.sh [verbose]
 #
-# Status 0 when the workers were told, 1 when not. Messages go to standard output, failures too: that is what
-# the daemon appends to log/LdapSync.log.<date>, while it drops standard error.
+# ldap_sync is looked for in the folder that AUTH_PROGRAM_DIR names, beside this script, and in PATH. Without
+# it an ldif source is still served: the workers read the file themselves when they are told.
+#
+# Status 0 when the workers were told, 1 when not; then the snapshot in use is as it was, or (when only the
+# telling failed) a newer one that the workers take at their next start. Messages go to standard output,
+# failures too: that is what the daemon appends to log/LdapSync.log.<date>, while it drops standard error.
 
 set -u
 umask 022 # the daemon's is 0
@@ -38,6 +43,38 @@ configured_source() {
     section == "LDAP_Setting" && /^Source[ \t]*=/ { sub(/^Source[ \t]*=[ \t]*/, ""); sub(/[ \t]+$/, ""); source = tolower($0) }
     END { print source != "" ? source : domain ? "ldap" : "ldif" }
   ' "$folder/LdapSetting.ini"
+}
+
+find_ldap_sync() {
+  for place in "${AUTH_PROGRAM_DIR:-$folder}" "$folder"; do
+    if [ -f "$place/ldap_sync" ] && [ -x "$place/ldap_sync" ]; then
+      printf '%s\n' "$place/ldap_sync"
+      return
+    fi
+  done
+  command -v ldap_sync
+}
+
+# As the account that owns the folder: what root left there the daemon could neither read nor replace.
+as_owner() {
+  owner=$(stat -c %u "$folder")
+  if [ "$(id -u)" = 0 ] && [ "$owner" != 0 ]; then
+    setpriv --reuid "$owner" --regid "$(stat -c %g "$folder")" --clear-groups -- "$@"
+  else
+    "$@"
+  fi
+}
+
+synchronise() {
+  program=$(find_ldap_sync)
+  if [ -z "$program" ]; then
+    [ "$source" = ldif ] || fail "the source \"$source\" needs ldap_sync: not in AUTH_PROGRAM_DIR, $folder or PATH"
+    tell "without ldap_sync: the workers read the file themselves"
+    return
+  fi
+  tell "running $program"
+  as_owner "$program" --workdir "$folder" ${verbose:+--verbose} 2>&1 ||
+    fail "ldap_sync ended with status $?, the directory stays as it was"
 }
 
 is_daemon() {
@@ -82,7 +119,7 @@ case $verbose in
 esac
 source=$(configured_source)
 tell "working directory $folder, source $source"
-[ "$source" = ldif ] || fail "the source \"$source\" is not supported by this version, only ldif"
+synchronise
 
 daemon=$(cat "$pid_file" 2>/dev/null)
 case $daemon in

@@ -56,7 +56,7 @@ class Family:
 
 
 def environment(folder):
-    return {**os.environ, "AUTH_PID_FILE": f"{folder}/pid"}
+    return {**os.environ, "AUTH_PID_FILE": f"{folder}/pid", "AUTH_PROGRAM_DIR": ""}
 
 
 @pytest.fixture
@@ -143,8 +143,62 @@ def test_a_process_that_took_over_the_pid_is_left_alone(folder):
     ("[LDAP_Setting]\nSource=ldap\n", 1),
     ("[Domain_1]\nDnsName=corp.example.com\n", 1),
 ])
-def test_only_the_ldif_source_is_served(folder, family, settings, status):
+def test_without_ldap_sync_only_the_ldif_source_is_served(folder, family, settings, status):
     (folder / "LdapSetting.ini").write_text(settings, newline="")
     done = run(folder)
     assert done.returncode == status, (settings, done)
+    assert ("needs ldap_sync" in done.stdout) == (status == 1)
     assert (folder / ".LastSyncTime.ini").exists() == (status == 0), settings
+
+
+def place_ldap_sync(path, status):
+    """One that notes its arguments and account beside the script, and complains on standard error."""
+    path.mkdir(exist_ok=True)
+    (path / "ldap_sync").write_text(f"""#!/bin/sh
+echo "$0 $* as $(id -u)" >>"$2/ran"
+echo "ldap_sync: a remark" >&2
+exit {status}
+""")
+    (path / "ldap_sync").chmod(0o755)
+
+
+@pytest.mark.parametrize("where", ["AUTH_PROGRAM_DIR", "PATH", "beside"])
+@pytest.mark.parametrize("verbose", [[], ["verbose"]])
+def test_ldap_sync_runs_first_and_its_remarks_are_kept(folder, family, monkeypatch, where, verbose):
+    programs = folder if where == "beside" else folder / "programs"
+    place_ldap_sync(programs, 0)
+    (folder / "LdapSetting.ini").write_text("[LDAP_Setting]\nSource=ldap\n")
+    environment_of_run = {"AUTH_PROGRAM_DIR": {"AUTH_PROGRAM_DIR": str(programs)},
+                          "PATH": {"PATH": f"{programs}:{os.environ['PATH']}"}, "beside": {}}[where]
+    monkeypatch.setattr(sys.modules[__name__], "environment",
+                        lambda folder, plain=environment: {**plain(folder), **environment_of_run})
+    done = run(folder, *verbose)
+    assert (done.returncode, done.stderr) == (0, ""), done
+    assert "ldap_sync: a remark" in done.stdout
+    options = " --verbose" if verbose else ""
+    assert (folder / "ran").read_text() == f"{programs}/ldap_sync --workdir {folder}{options} as {os.getuid()}\n"
+    assert [family.line(), family.line()] == ["worker SIGUSR1"] * 2
+    assert (folder / ".LastSyncTime.ini").exists()
+
+
+@pytest.mark.parametrize("source", ["ldap", "ldif"])
+def test_a_failed_synchronisation_is_neither_recorded_nor_told(folder, family, source):
+    place_ldap_sync(folder, 1)
+    (folder / "LdapSetting.ini").write_text(f"[LDAP_Setting]\nSource={source}\n")
+    done = run(folder)
+    assert done.returncode == 1 and "ldap_sync: a remark" in done.stdout and "status 1" in done.stdout, done
+    assert not (folder / ".LastSyncTime.ini").exists()
+    family.process.send_signal(signal.SIGUSR2)
+    assert family.line() == "parent SIGUSR2"  # no worker stands before it
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="only root can run it for another account")
+def test_root_fills_the_snapshot_as_the_account_of_the_folder(folder, family):
+    place_ldap_sync(folder, 0)
+    for path in (folder, *folder.parents):
+        if path.stat().st_uid == 0 and path.stat().st_mode & 0o001 == 0:
+            path.chmod(path.stat().st_mode | 0o011)  # the temporary folder of the tests is root's alone
+    os.chown(folder, 65534, 65534)
+    done = run(folder)
+    assert done.returncode == 0, done
+    assert (folder / "ran").read_text().endswith(" as 65534\n")
