@@ -1,16 +1,21 @@
 #include "libvelder/LiveDirectory.h"
 
 #include <pthread.h>
+#include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <ctime>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "brellog/VrLog.h"
 #include "daemonbase/Immortal.h"
+#include "libvelder/LdapSource.h"
 #include "libvelder/LdifSource.h"
 #include "libvelder/Settings.h"
 
@@ -23,9 +28,12 @@ using Clock = std::chrono::steady_clock;
 // a whole LDIF file, and logs a line.
 constexpr std::chrono::seconds kRetryAfter{30};
 
+using SharedSnapshot = std::shared_ptr<const SnapshotFile>;
+
 struct InForce {
-  std::shared_ptr<const SnapshotFile> file;
+  SharedSnapshot file;  // null: the ldap source before its first snapshot
   uint32_t search_limit = 0;
+  std::shared_ptr<const LdapServers> servers;  // null: the ldif source
 };
 
 // Of the whole process. Never destroyed: a worker ends while its threads are still at work.
@@ -37,6 +45,8 @@ struct State {
   std::shared_ptr<const InForce> in_force;
   std::optional<Error> broken;  // why opening failed, until `retry_at`
   Clock::time_point retry_at;
+  // What a parent had in force: its threads may have been anywhere in it, so it is not even taken apart.
+  std::vector<std::shared_ptr<const InForce>> inherited;
 
   std::atomic<uint64_t> generation{1};  // of what is in force; raised by forks, too
   std::atomic<uint64_t> forks{0};       // how many lie between the first process and this one
@@ -52,6 +62,7 @@ void register_fork_handlers() {
   static const int registered = pthread_atfork([] { state().mutex.lock(); }, [] { state().mutex.unlock(); },
                                                [] {
                                                  State& s = state();
+                                                 if (s.in_force) s.inherited.push_back(std::move(s.in_force));
                                                  s.in_force.reset();
                                                  s.broken.reset();
                                                  s.forks.fetch_add(1);
@@ -61,29 +72,34 @@ void register_fork_handlers() {
   static_cast<void>(registered);
 }
 
-// One thread's connection.
+// One thread's connection. It is opened and closed with the mutex held: the engine takes locks of its own
+// then, and a fork must not find them taken.
 class Connection {
  public:
   Connection() = default;
-  ~Connection() { drop(); }
+  ~Connection() {
+    if (reader_ == nullptr) return;
+    const std::lock_guard lock(state().mutex);
+    drop();
+  }
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
   bool is_of(uint64_t generation) const { return reader_ != nullptr && generation_ == generation; }
 
-  Result<void> turn_to(std::shared_ptr<const InForce> what, uint64_t generation) {
-    drop();
-    auto opened = SnapshotReader::open(what->file);
+  Result<void> turn_to(const InForce& what, uint64_t generation) {
+    auto opened = SnapshotReader::open(what.file);
     if (!opened) return tl::make_unexpected(opened.error());
     reader_ = std::move(*opened);
-    search_limit_ = what->search_limit;
+    search_limit_ = what.search_limit;
     generation_ = generation;
     forks_ = state().forks.load();
     return {};
   }
 
-  // The connection is of no use any more.
   void drop() {
+    generation_ = 0;
+    servers_.reset();
     if (reader_ == nullptr) return;
     if (forks_ == state().forks.load()) {
       reader_.reset();
@@ -92,13 +108,21 @@ class Connection {
     }
   }
 
-  DirectoryLease lease() { return {reader_.get(), search_limit_}; }
-  bool failed() const { return reader_->failure().has_value(); }
+  // Nothing when it is of no use any more.
+  std::optional<DirectoryLease> lease() {
+    if (reader_ != nullptr && reader_->failure()) return std::nullopt;
+    DirectoryLease lease{reader_.get(), search_limit_, servers_.lock()};
+    if (has_servers_ && !lease.servers) return std::nullopt;  // replaced just now
+    return lease;
+  }
 
  private:
   std::unique_ptr<SnapshotReader> reader_;
   uint32_t search_limit_ = 0;
-  uint64_t generation_ = 0;
+  // Not held between look-ups: an idle thread would keep connections to servers open that nobody uses.
+  std::weak_ptr<const LdapServers> servers_;
+  bool has_servers_ = false;
+  uint64_t generation_ = 0;  // 0: of none
   uint64_t forks_ = 0;
 };
 
@@ -110,11 +134,6 @@ Connection& connection() {
 Result<Settings> read_settings(const std::string& workdir) {
   auto settings = load_settings(workdir);
   if (!settings) return settings;
-  if (settings->source != Source::kLdif) {
-    return tl::make_unexpected(Error{
-        kDirectoryOther, path_in(workdir, "LdapSetting.ini") +
-                             ": [LDAP_Setting] Source: this build reads LDIF files only, expected ldif"});
-  }
   for (const std::string& warning : settings->warnings) VRLOG(kLogInfo, "Directory: %s", warning.c_str());
   return settings;
 }
@@ -136,23 +155,80 @@ void log_update(const LdifUpdate& update, const Settings& settings) {
       printable(update.reason, 300).c_str());
 }
 
+std::string local_time(int64_t seconds) {
+  const time_t time = seconds;
+  tm parts{};
+  char text[32] = "";
+  if (localtime_r(&time, &parts) != nullptr) strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &parts);
+  return text;
+}
+
+void log_servers(const SharedSnapshot& file, const Settings& settings) {
+  if (!file) {
+    VRLOG(kLogInfo, "Directory: no snapshot of the servers yet, look-ups go to the servers of %zu domains",
+          settings.domains.size());
+    return;
+  }
+  VRLOG(kLogInfo, "Directory: snapshot of the servers of %s, %lld users, %lld groups",
+        local_time(file->meta().built_at).c_str(), static_cast<long long>(file->meta().users),
+        static_cast<long long>(file->meta().groups));
+}
+
+// The snapshot of the servers; null when there is none yet. One of an LDIF file does not count: whoever
+// turned to servers does not want its users any more.
+Result<SharedSnapshot> find_ldap_snapshot(const std::string& workdir,
+                                          const std::optional<FileIdentity>& verified) {
+  const std::string path = path_in(workdir, kSnapshotName);
+  struct stat status {};
+  if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) return SharedSnapshot();
+  auto file = SnapshotFile::open(path, verified);
+  if (!file) return tl::make_unexpected(file.error());
+  if ((*file)->meta().source != kLdapSourceName) return SharedSnapshot();
+  return std::move(*file);
+}
+
+// The same where a damaged snapshot must not stop the start: look-ups go to the servers then.
+SharedSnapshot usable_ldap_snapshot(const std::string& workdir, const std::optional<FileIdentity>& verified) {
+  auto file = find_ldap_snapshot(workdir, verified);
+  if (file) return std::move(*file);
+  VRLOG(kLogError, "Directory: %s; look-ups go to the servers until the next synchronisation",
+        printable(file.error().text, 1000).c_str());
+  return nullptr;
+}
+
+std::optional<FileIdentity> identity_of(const SharedSnapshot& file) {
+  return file ? std::optional(file->identity()) : std::nullopt;
+}
+
+std::shared_ptr<const InForce> with_servers(SharedSnapshot file, const Settings& settings,
+                                            const InForce* before) {
+  std::shared_ptr<const LdapServers> servers = before != nullptr ? before->servers : nullptr;
+  if (!servers || servers->settings() != settings) {
+    servers = std::make_shared<const LdapServers>(settings, servers.get());
+  }
+  return std::make_shared<const InForce>(InForce{std::move(file), settings.search_limit, std::move(servers)});
+}
+
 // With the mutex held. The first look-up of a process, or the first after a failure.
 Result<std::shared_ptr<const InForce>> open_snapshot(State& s) {
   if (!s.workdir) return tl::make_unexpected(Error{kDirectoryOther, "the directory is not initialised"});
   // A worker that was forked late takes today's settings; the parent's do when they are broken.
-  if (auto settings = load_settings(*s.workdir); settings && settings->source == Source::kLdif) {
-    s.settings = std::move(*settings);
+  if (auto settings = load_settings(*s.workdir); settings) s.settings = std::move(*settings);
+  if (s.settings.source == Source::kLdap) {
+    SharedSnapshot file = usable_ldap_snapshot(*s.workdir, s.verified);
+    s.verified = identity_of(file);
+    return with_servers(std::move(file), s.settings, nullptr);
   }
   auto file = SnapshotFile::open(path_in(*s.workdir, kSnapshotName), s.verified);
-  if (!file) {
-    VRLOG(kLogError, "Directory: %s", printable(file.error().text, 1000).c_str());
+  if (!file || (*file)->meta().source == kLdapSourceName) {
+    if (!file) VRLOG(kLogError, "Directory: %s", printable(file.error().text, 1000).c_str());
     auto update = update_from_ldif(*s.workdir, s.settings, s.verified);
     if (!update) return tl::make_unexpected(update.error());
     log_update(*update, s.settings);
     file = update->file;
   }
   s.verified = (*file)->identity();
-  return std::make_shared<const InForce>(InForce{*file, s.settings.search_limit});
+  return std::make_shared<const InForce>(InForce{*file, s.settings.search_limit, nullptr});
 }
 
 // With the mutex held.
@@ -171,24 +247,89 @@ Result<std::shared_ptr<const InForce>> in_force(State& s) {
   return opened;
 }
 
+void put_in_force(State& s, std::shared_ptr<const InForce> what) {
+  s.broken.reset();
+  s.in_force = std::move(what);
+  s.generation.fetch_add(1);
+}
+
+Result<void> reload_from_servers(State& s, const std::string& workdir, Settings settings,
+                                 const std::optional<FileIdentity>& verified) {
+  auto file = find_ldap_snapshot(workdir, verified);
+  if (!file) return tl::make_unexpected(file.error());
+
+  std::shared_ptr<const InForce> before;  // outlives the lock: it may be the last to hold old servers
+  {
+    const std::lock_guard lock(s.mutex);
+    // Opened once more, now that nobody else can: of two reloads at once the later one may come here first,
+    // and the newest file counts.
+    if (auto newest = find_ldap_snapshot(workdir, identity_of(*file)); newest && *newest) file = newest;
+    before = s.in_force;
+    const bool had_one = before && before->file && before->servers;
+    if (!*file && had_one) {
+      return tl::make_unexpected(
+          Error{kDirectoryOther, path_in(workdir, kSnapshotName) +
+                                     ": no snapshot of the servers any more, the one in use stays in use"});
+    }
+    const bool same = before && before->servers && before->servers->settings() == settings &&
+                      identity_of(before->file) == identity_of(*file);
+    s.settings = std::move(settings);
+    s.verified = identity_of(*file);
+    if (!same) put_in_force(s, with_servers(*file, s.settings, before.get()));
+  }
+  log_servers(*file, s.settings);
+  return {};
+}
+
+Result<void> reload_from_ldif(State& s, const std::string& workdir, Settings settings,
+                              const std::optional<FileIdentity>& verified) {
+  auto update = update_from_ldif(workdir, settings, verified);
+  if (!update) return tl::make_unexpected(update.error());
+  log_update(*update, settings);
+
+  std::shared_ptr<const InForce> before;
+  const std::lock_guard lock(s.mutex);
+  // As above.
+  auto newest = SnapshotFile::open(path_in(workdir, kSnapshotName), update->file->identity());
+  const auto file = newest ? *newest : update->file;
+  s.settings = std::move(settings);
+  s.verified = file->identity();
+  s.broken.reset();
+  before = s.in_force;
+  const bool same = before && !before->servers && before->file->identity() == file->identity() &&
+                    before->search_limit == s.settings.search_limit;
+  if (!same) {
+    put_in_force(s, std::make_shared<const InForce>(InForce{file, s.settings.search_limit, nullptr}));
+  }
+  return {};
+}
+
 }  // namespace
 
 Result<void> initialize_directory(const std::string& workdir) {
   register_fork_handlers();
   auto settings = read_settings(workdir);
   if (!settings) return tl::make_unexpected(settings.error());
-  auto update = update_from_ldif(workdir, *settings, std::nullopt);
-  if (!update) return tl::make_unexpected(update.error());
-  log_update(*update, *settings);
+  std::optional<FileIdentity> verified;
+  if (settings->source == Source::kLdap) {
+    const SharedSnapshot file = usable_ldap_snapshot(workdir, std::nullopt);
+    log_servers(file, *settings);
+    verified = identity_of(file);
+  } else {
+    auto update = update_from_ldif(workdir, *settings, std::nullopt);
+    if (!update) return tl::make_unexpected(update.error());
+    log_update(*update, *settings);
+    verified = update->file->identity();
+  }
 
   State& s = state();
+  std::shared_ptr<const InForce> before;
   const std::lock_guard lock(s.mutex);
   s.workdir = workdir;
   s.settings = std::move(*settings);
-  s.verified = update->file->identity();
-  s.in_force.reset();
-  s.broken.reset();
-  s.generation.fetch_add(1);
+  s.verified = verified;
+  before = s.in_force;
+  put_in_force(s, nullptr);
   return {};
 }
 
@@ -204,31 +345,17 @@ Result<void> reload_directory() {
   if (!workdir) return tl::make_unexpected(Error{kDirectoryOther, "the directory is not initialised"});
   auto settings = read_settings(*workdir);
   if (!settings) return tl::make_unexpected(settings.error());
-  auto update = update_from_ldif(*workdir, *settings, verified);
-  if (!update) return tl::make_unexpected(update.error());
-  log_update(*update, *settings);
-
-  const std::lock_guard lock(s.mutex);
-  // Opened once more, now that nobody else can: of two reloads at once the later one may come here first,
-  // and the newest file counts.
-  auto newest = SnapshotFile::open(path_in(*workdir, kSnapshotName), update->file->identity());
-  const auto file = newest ? *newest : update->file;
-  s.settings = std::move(*settings);
-  s.verified = file->identity();
-  s.broken.reset();
-  const bool same = s.in_force && s.in_force->file->identity() == file->identity() &&
-                    s.in_force->search_limit == s.settings.search_limit;
-  if (same) return {};
-  s.in_force = std::make_shared<const InForce>(InForce{file, s.settings.search_limit});
-  s.generation.fetch_add(1);
-  return {};
+  const bool from_servers = settings->source == Source::kLdap;
+  return from_servers ? reload_from_servers(s, *workdir, std::move(*settings), verified)
+                      : reload_from_ldif(s, *workdir, std::move(*settings), verified);
 }
 
 Result<DirectoryLease> lease_directory() {
   State& s = state();
   Connection& mine = connection();
-  if (mine.is_of(s.generation.load(std::memory_order_acquire)) && !mine.failed()) return mine.lease();
-
+  if (mine.is_of(s.generation.load(std::memory_order_acquire))) {
+    if (auto lease = mine.lease()) return std::move(*lease);
+  }
   mine.drop();
   std::shared_ptr<const InForce> what;
   uint64_t generation = 0;
@@ -239,10 +366,10 @@ Result<DirectoryLease> lease_directory() {
     what = std::move(*found);
     generation = s.generation.load();
   }
-  if (auto opened = mine.turn_to(std::move(what), generation); !opened) {
+  if (auto opened = mine.turn_to(*what, generation); !opened) {
     return tl::make_unexpected(opened.error());
   }
-  return mine.lease();
+  return *mine.lease();  // `what` holds the servers
 }
 
 }  // namespace velder

@@ -20,8 +20,9 @@ constexpr size_t kApplicationIdOffset = 68;  // tells file(1) and us that the fi
 constexpr uint32_t kApplicationId = 0x564C4452;
 constexpr size_t kPageSize = 4096;
 
-// Kinds of names in user_name and group_name. Part of the format.
-enum NameKind : int { kNameUid = 1, kNameUpn = 2, kNameDn = 3, kNameCn = 4 };
+// Kinds of names in user_name and group_name. Part of the format. In this order the kinds that a look-up asks
+// for are one range of the table; a list of them would cost a temporary table.
+enum NameKind : int { kNameUid = 1, kNameUpn = 2, kNameCn = 3, kNameDn = 4 };
 
 // Over the whole file, the checksum's own four bytes taken as zero. Meets damage, not malice.
 uint32_t snapshot_checksum(const unsigned char* bytes, size_t size);

@@ -35,11 +35,11 @@ enum Query : size_t {
 // keeps it.
 constexpr std::array<const char*, kQueries> kSql = {
     // kUsersByIdentity
-    "SELECT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2)",
+    "SELECT user_id FROM user_name WHERE key = ?1 AND kind <= 2",
     // kUsersBySearch
-    "SELECT user_id FROM user_name WHERE key = ?1 AND kind IN (1, 2, 4)",
+    "SELECT user_id FROM user_name WHERE key = ?1 AND kind <= 3",
     // kUsersByDn
-    "SELECT user_id FROM user_name WHERE key = ?1 AND kind = 3",
+    "SELECT user_id FROM user_name WHERE key = ?1 AND kind = 4",
     // kUsersInDomain
     "SELECT n.user_id FROM user_name n CROSS JOIN user_entry u ON u.id = n.user_id "
     "CROSS JOIN domain d ON d.id = u.domain_id "
@@ -58,9 +58,9 @@ constexpr std::array<const char*, kQueries> kSql = {
     // kSecrets
     "SELECT disabled, nt_hash FROM user_entry WHERE id = ?1",
     // kGroupsByCn
-    "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 4 ORDER BY group_id LIMIT ?2",
+    "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 3 ORDER BY group_id LIMIT ?2",
     // kGroupsByDn
-    "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 3",
+    "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 4",
     // kGroupsIndexed
     "SELECT rowid FROM group_search WHERE group_search MATCH ?1 ORDER BY rowid LIMIT ?2",
     // kGroupsScanned
