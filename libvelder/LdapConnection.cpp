@@ -1,6 +1,7 @@
 #include "libvelder/LdapConnection.h"
 
 #include <openldap.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -110,9 +111,70 @@ timeval to_timeval(milliseconds time) {
   return {static_cast<time_t>(time.count() / 1000), static_cast<suseconds_t>(time.count() % 1000 * 1000)};
 }
 
-int descriptor_of(LDAP* ld) {
-  int fd = -1;
-  return ldap_get_option(ld, LDAP_OPT_DESC, &fd) == LDAP_OPT_SUCCESS ? fd : -1;
+// How the client library reads from and writes to our socket. Its own way would not do: with GnuTLS it shakes
+// hands without a time limit, and a write to a lost connection raises SIGPIPE.
+LdapConnection::Session& session_of(Sockbuf_IO_Desc* layer) {
+  return *static_cast<LdapConnection::Session*>(layer->sbiod_pvt);
+}
+
+// False: the handshake has had its time. Without a handshake nothing is waited for.
+bool may_try_again(const LdapConnection::Session& session, int16_t events) {
+  if (!session.handshake || (errno != EAGAIN && errno != EINTR)) return false;
+  pollfd wanted{session.fd, events, 0};
+  if (poll(&wanted, 1, milliseconds_until(*session.handshake)) > 0) return true;
+  errno = ETIMEDOUT;
+  return false;
+}
+
+bool handshake_is_late(const LdapConnection::Session& session) {
+  if (!session.handshake || steady_clock::now() < *session.handshake) return false;
+  errno = ETIMEDOUT;
+  return true;
+}
+
+ber_slen_t socket_read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) {
+  const LdapConnection::Session& session = session_of(layer);
+  ber_slen_t got = -1;
+  do {
+    if (handshake_is_late(session)) return -1;
+    got = recv(session.fd, buffer, size, 0);
+  } while (got < 0 && may_try_again(session, POLLIN));
+  return got;
+}
+
+ber_slen_t socket_write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) {
+  const LdapConnection::Session& session = session_of(layer);
+  ber_slen_t sent = -1;
+  do {
+    if (handshake_is_late(session)) return -1;
+    sent = send(session.fd, buffer, size, MSG_NOSIGNAL);
+  } while (sent < 0 && may_try_again(session, POLLOUT));
+  return sent;
+}
+
+int socket_setup(Sockbuf_IO_Desc* layer, void* session) {
+  layer->sbiod_pvt = session;
+  return 0;
+}
+
+int socket_control(Sockbuf_IO_Desc* /*layer*/, int /*option*/, void* /*value*/) {
+  return 0;  // no option is ours
+}
+
+int socket_close(Sockbuf_IO_Desc* layer) {
+  return close(std::exchange(session_of(layer).fd, -1));
+}
+
+Sockbuf_IO g_socket_io{socket_setup, nullptr, socket_control, socket_read, socket_write, socket_close};
+
+// The session owns `socket` afterwards.
+bool attach(LdapConnection::Session& session, FileHandle socket) {
+  if (ldap_init_fd(socket.get(), LDAP_PROTO_EXT, session.url.c_str(), &session.ld) != LDAP_SUCCESS)
+    return false;
+  session.fd = socket.release();
+  Sockbuf* buffer = nullptr;
+  return ldap_get_option(session.ld, LDAP_OPT_SOCKBUF, &buffer) == LDAP_OPT_SUCCESS &&
+         ber_sockbuf_add_io(buffer, &g_socket_io, LBER_SBIOD_LEVEL_PROVIDER, &session) == 0;
 }
 
 std::string diagnostic_of(LDAP* ld) {
@@ -195,29 +257,20 @@ Result<void> ask_for_tls(LdapConnection::Session& session, Deadline deadline) {
   return {};
 }
 
-// The handshake of the client library obeys its network time-out, also against a server that is silent or
-// slow on purpose. It leaves the socket blocking.
 Result<void> shake_hands(LdapConnection::Session& session, const Domain& domain, Deadline deadline) {
-  const timeval left = to_timeval(milliseconds(std::max(1, milliseconds_until(deadline))));
-  ldap_set_option(session.ld, LDAP_OPT_NETWORK_TIMEOUT, &left);
+  session.handshake = deadline;
   const int rc = ldap_install_tls(session.ld);
-  if (rc == LDAP_TIMEOUT) return session.lose(kDirectoryServerDown, "no TLS in time");
-  if (rc != LDAP_SUCCESS) {
-    const std::string reason = diagnostic_of(session.ld);
-    // The library has no words for a certificate that no trusted CA has signed.
-    const bool nameless = reason.empty() || reason.find("unknown error") != std::string::npos;
-    const std::string trusted =
-        domain.ca_cert_file.empty() ? "the system trusts" : domain.ca_cert_file + " holds";
-    return session.lose(kDirectoryServerDown,
-                        "no TLS: " + (nameless ? "no TLS server, or its certificate is of no CA that " +
-                                                     printable(trusted, 200) + ", or is expired"
-                                               : printable(reason, kServerTextLimit)));
-  }
-  Sockbuf* buffer = nullptr;
-  if (ldap_get_option(session.ld, LDAP_OPT_SOCKBUF, &buffer) != LDAP_OPT_SUCCESS ||
-      ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_NONBLOCK, &buffer) != 1)
-    return session.lose(kDirectoryOther, "the socket cannot be made non-blocking");
-  return {};
+  session.handshake.reset();
+  if (rc == LDAP_SUCCESS) return {};
+  if (steady_clock::now() >= deadline) return session.lose(kDirectoryServerDown, "no TLS in time");
+  const std::string reason = diagnostic_of(session.ld);
+  if (!reason.empty() && reason.find("unknown error") == std::string::npos)
+    return session.lose(kDirectoryServerDown, "no TLS: " + printable(reason, kServerTextLimit));
+  // The library has no words for a certificate that no trusted CA has signed.
+  const std::string trusted =
+      domain.ca_cert_file.empty() ? "the system trusts" : printable(domain.ca_cert_file, 200) + " holds";
+  return session.lose(kDirectoryServerDown, "no TLS: no TLS server, or its certificate is of no CA that " +
+                                                trusted + ", or has expired");
 }
 
 milliseconds slice_until(Deadline until) {
@@ -239,14 +292,9 @@ std::string describe(int server_code, std::string_view server_text) {
 LdapConnection::Session::~Session() {
   if (ld == nullptr) return;
   if (owner != getpid()) {
-    // The library's locks may have been held at the fork and the other end is the parent's.
-    if (lost == 0) close(fd);
+    // The library's locks may have been held at the fork, and the other end still talks to the parent.
+    if (fd >= 0) close(fd);
     return;
-  }
-  if (lost != 0) {
-    // The farewell, and that of TLS, must not wait for a server that does not read.
-    const int open_fd = descriptor_of(ld);
-    if (open_fd >= 0) shutdown(open_fd, SHUT_RDWR);
   }
   ldap_unbind_ext_s(ld, nullptr, nullptr);
 }
@@ -356,10 +404,7 @@ Result<LdapConnection> LdapConnection::open(const Domain& domain, const std::str
   if (!socket) return session->fail(socket.error().code, socket.error().text);
   stage.connected = true;
 
-  const int rc = ldap_init_fd(socket->get(), LDAP_PROTO_TCP, url.c_str(), &session->ld);
-  if (rc != LDAP_SUCCESS) return session->fail(kDirectoryOther, ldap_err2string(rc));
-  session->fd = socket->release();
-  if (!set_session_options(session->ld, domain))
+  if (!attach(*session, std::move(*socket)) || !set_session_options(session->ld, domain))
     return session->fail(kDirectoryOther, "the client library refuses an option");
   if (parts->tls || domain.start_tls) {
     auto ready = set_tls_options(*session, domain.ca_cert_file);
@@ -377,11 +422,10 @@ bool LdapConnection::usable() const {
 
 bool LdapConnection::still_open() const {
   if (!usable()) return false;
-  const int fd = descriptor_of(session_->ld);
-  if (fd < 0) return false;
   char byte = 0;
   // Nothing is outstanding. So whatever can be read, and the end, is a server that has given up.
-  return recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+  return recv(session_->fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) < 0 &&
+         (errno == EAGAIN || errno == EWOULDBLOCK);
 }
 
 bool LdapConnection::bound() const {

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -43,7 +44,8 @@ struct Outcome {
 struct LdapConnection::Session {
   LDAP* ld = nullptr;
   pid_t owner = 0;
-  int fd = -1;  // for a child that inherited the session; everybody else asks the client library
+  int fd = -1;                        // -1 as well once the client library has closed it
+  std::optional<Deadline> handshake;  // reading and writing block, but not beyond it
   std::string url;
   std::chrono::milliseconds operation_timeout{0};
   int lost = 0;  // 0, or the code of the failure that ended the session

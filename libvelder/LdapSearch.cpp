@@ -25,7 +25,7 @@ constexpr ber_int_t kPageSize = 900;
 constexpr int kMostEmptyPages = 1000;
 
 // Active Directory gives 1,500 values at a time, at the least 30 where that was changed.
-constexpr int kMostRanges = 20'000;
+constexpr int kMostRanges = 10'000;
 
 struct BerFree {
   void operator()(BerElement* ber) const { ber_free(ber, 0); }
