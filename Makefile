@@ -3,10 +3,13 @@
 
 CMAKE_FLAGS =
 CTEST_FLAGS =
+BENCH_FLAGS =
 
 INSTALL = sh packaging/install-packages.sh
 CONFIGURE = cmake -G Ninja -S . $(CMAKE_FLAGS) -B
 COMPILE = cmake --build
+# Without the tests, which "all" would include once the directory has been configured with them.
+PROGRAMS = --target daemon/all tools/all
 TEST = ctest --output-on-failure -j "$$(nproc)" $(CTEST_FLAGS) --test-dir
 
 help: ## Lists the targets
@@ -16,7 +19,7 @@ help: ## Lists the targets
 build: ## Builds the programs into build/bin
 	@$(INSTALL) build
 	@$(CONFIGURE) build
-	@$(COMPILE) build
+	@$(COMPILE) build $(PROGRAMS)
 
 demo: build ## Starts the daemon on port 1100 with an example directory and asks it a few questions
 	@bash tools/demo.sh start
@@ -29,6 +32,12 @@ check: ## Builds everything and runs all tests
 	@$(CONFIGURE) build -DBUILD_TESTS=ON
 	@$(COMPILE) build
 	@$(TEST) build
+
+bench: ## Measures the daemon beside other servers for some minutes (BENCH_FLAGS=--quick: half a minute)
+	@$(INSTALL) build bench
+	@$(CONFIGURE) build -DBUILD_BENCH=ON
+	@$(COMPILE) build $(PROGRAMS) bench/all
+	@/usr/bin/python3 bench/run.py build $(BENCH_FLAGS)
 
 asan: ## Runs all tests under the address and undefined-behaviour sanitizers
 	@$(INSTALL) build test
@@ -46,7 +55,7 @@ tsan: ## Runs all tests under the thread sanitizer
 
 lint: ## Checks layout, looks for bugs with clang-tidy, checks the shell scripts
 	@$(INSTALL) build test lint
-	@$(CONFIGURE) build/lint -DBUILD_TESTS=ON
+	@$(CONFIGURE) build/lint -DBUILD_TESTS=ON -DBUILD_BENCH=ON
 	@$(COMPILE) build/lint --target velder_proto
 	@bash tools/lint.sh build/lint
 
@@ -54,4 +63,4 @@ clean: ## Removes what was built; stops the demo, keeps its files in build/demo
 	@bash tools/demo.sh stop
 	@if [ -d build ]; then find build -mindepth 1 -maxdepth 1 ! -name demo -exec rm -rf {} +; fi
 
-.PHONY: help build demo demo-stop check asan tsan lint clean
+.PHONY: help build demo demo-stop check bench asan tsan lint clean
