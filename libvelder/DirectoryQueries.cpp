@@ -12,10 +12,6 @@ namespace {
 // Checked, and ignored, for users that do not exist, so that the time of an answer does not tell who does.
 constexpr std::string_view kNobodysPassword = "{SSHA}2vFJ1bWpXKXMvCDZ1VnBmGXgIzlxdmVsZGVyLW5v";
 
-// Of one question about the users of groups, all groups together. A group may be named any number of times
-// in one question, so that a short question could otherwise ask for more than the memory holds.
-constexpr size_t kMostListedUsers = 2'000'000;
-
 // The search limit is over when one more than it allows is found.
 size_t probe_limit(uint32_t limit) {
   return limit == 0 ? 0 : size_t{limit} + 1;
@@ -33,12 +29,13 @@ void sort_unique(std::vector<EntryId>& ids) {
   ids.erase(std::unique(ids.begin(), ids.end()), ids.end());
 }
 
-std::optional<EntryId> only_one(std::vector<EntryId>& ids) {
+}  // namespace
+
+std::optional<EntryId> DirectoryQueries::only_one(std::vector<EntryId>& ids) {
   sort_unique(ids);
+  ambiguous_ = ids.size() > 1;
   return ids.size() == 1 ? std::optional(ids.front()) : std::nullopt;
 }
-
-}  // namespace
 
 int DirectoryQueries::search_users(std::string_view name, Match match, std::list<UserMeta>& users) {
   std::vector<EntryId> ids;
@@ -100,25 +97,39 @@ int DirectoryQueries::all_users(const std::list<std::string>& groups, bool by_dn
   size_t listed = 0;
   for (const std::string& name : groups) {
     if (listed > kMostListedUsers) return code(kDirectorySizeLimit);
-    const auto id = find_group(name, !by_dn, by_dn);
-    if (!id) continue;
-    found = true;
     GroupUserMeta record;
-    record.group_dn = reader_.groups().row(*id).dn;
-    for (const EntryId user : users_below(*id)) {
-      std::string address;
-      if (reader_.user_address(user, address)) record.users.push_back(std::move(address));
-    }
+    if (users_of_group(name, by_dn, record) != kDirectorySuccess) continue;
+    found = true;
     listed += record.users.size() + 1;
     group_users.push_back(std::move(record));
   }
   return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);
 }
 
+int DirectoryQueries::users_of_group(std::string_view group, bool by_dn, GroupUserMeta& record) {
+  const auto id = find_group(group, !by_dn, by_dn);
+  if (!id) return code(kDirectoryNoSuchObject);
+  record.group_dn = reader_.groups().row(*id).dn;
+  for (const EntryId user : users_below(*id)) {
+    std::string address;
+    if (reader_.user_address(user, address)) record.users.push_back(std::move(address));
+  }
+  return code(kDirectorySuccess);
+}
+
 int DirectoryQueries::user_info(std::string_view user, UserRow& row) {
   const auto id = find_user(user);
   const bool found = id && reader_.user(*id, row);
   return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);
+}
+
+int DirectoryQueries::account(std::string_view user, UserRow& row, bool& disabled) {
+  const auto id = find_user(user);
+  if (!id || !reader_.user(*id, row)) return code(kDirectoryNoSuchObject);
+  Credentials credentials;
+  reader_.credentials(*id, credentials);
+  disabled = credentials.disabled;
+  return code(kDirectorySuccess);
 }
 
 CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std::string_view password) {
@@ -145,6 +156,7 @@ CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std:
 std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
   std::vector<EntryId> ids;
   const std::string key = fold_text(name);
+  ambiguous_ = false;
   if (key.empty()) return std::nullopt;
   reader_.users_named(key, NameUse::kIdentity, ids);
   const std::string_view folded = key;

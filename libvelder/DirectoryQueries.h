@@ -28,6 +28,10 @@ enum class CredentialVerdict {
 // kDirectoryOther, whatever the question. Lists are appended to.
 class DirectoryQueries {
  public:
+  // Of one question about the users of groups, all groups together. A group may be named any number of times
+  // in one question, so that a short question could otherwise ask for more than the memory holds.
+  static constexpr size_t kMostListedUsers = 2'000'000;
+
   // `search_limit` 0: no limit.
   DirectoryQueries(SnapshotReader& reader, uint32_t search_limit)
       : reader_(reader), search_limit_(search_limit) {}
@@ -37,10 +41,17 @@ class DirectoryQueries {
   int user_groups(std::string_view user, std::list<GroupMeta>& groups);
   int group_groups(std::string_view group, Match match, std::list<GroupMeta>& groups);
   int all_users(const std::list<std::string>& groups, bool by_dn, std::list<GroupUserMeta>& group_users);
+  // The same for one group.
+  int users_of_group(std::string_view group, bool by_dn, GroupUserMeta& record);
   int user_info(std::string_view user, UserRow& row);
+  int account(std::string_view user, UserRow& row, bool& disabled);
   CredentialVerdict check_credential(std::string_view user, std::string_view password);
 
+  // After a result of 32: several entries have the name.
+  bool ambiguous() const { return ambiguous_; }
+
  private:
+  std::optional<EntryId> only_one(std::vector<EntryId>& ids);
   std::optional<EntryId> find_user(std::string_view name);
   std::optional<EntryId> find_group(std::string_view name, bool by_cn, bool by_dn);
   void list_groups(const std::vector<EntryId>& ids, std::list<GroupMeta>& groups);
@@ -49,6 +60,7 @@ class DirectoryQueries {
 
   SnapshotReader& reader_;
   uint32_t search_limit_;
+  bool ambiguous_ = false;  // the name that was looked for last
 };
 
 }  // namespace velder

@@ -9,12 +9,15 @@
 #include "brellog/VrLog.h"
 #include "libvelder/DirectoryQueries.h"
 #include "libvelder/Dn.h"
+#include "libvelder/LdapQueries.h"
 #include "libvelder/LiveDirectory.h"
 
 namespace {
 
+using velder::CredentialResult;
 using velder::CredentialVerdict;
 using velder::DirectoryQueries;
+using velder::LdapQueries;
 using velder::Match;
 
 // Of an error line: file names may be long, but a line of the log ends at 4,095 characters.
@@ -38,16 +41,22 @@ Value guarded(Work work, Value when_thrown) noexcept {
   return when_thrown;
 }
 
-// One look-up on the snapshot in force. Why it cannot be opened was logged when it was tried; this request
-// is only told.
+// One look-up on what is in force; `ask` takes the queries of either source. Why a snapshot cannot be opened
+// was logged when it was tried; this request is only told.
 template <class Ask>
 int look_up(Ask ask) noexcept {
   const auto work = [&]() -> int {
     const auto lease = velder::lease_directory();
     if (!lease) return lease.error().code;
-    DirectoryQueries queries(*lease->reader, lease->search_limit);
-    const int code = ask(queries);
-    if (lease->reader->failure()) report(*lease->reader->failure());
+    int code = kDirectoryOther;
+    if (lease->servers) {
+      LdapQueries queries(lease->reader, *lease->servers);
+      code = ask(queries);
+    } else {
+      DirectoryQueries queries(*lease->reader, lease->search_limit);
+      code = ask(queries);
+    }
+    if (lease->reader != nullptr && lease->reader->failure()) report(*lease->reader->failure());
     return code;
   };
   return guarded(work, int{kDirectoryOther});
@@ -57,11 +66,19 @@ Match match_of(int flag) {
   return flag == 0 ? Match::kAnywhere : Match::kWhole;
 }
 
+// What a directory says in one word, and a server in more.
+CredentialResult check(DirectoryQueries& queries, const char* user, const char* password) {
+  return {queries.check_credential(user, password), ""};
+}
+CredentialResult check(LdapQueries& queries, const char* user, const char* password) {
+  return queries.check_credential(user, password);
+}
+
 const char* describe(CredentialVerdict verdict) {
   switch (verdict) {
     case CredentialVerdict::kProven: return "proven";
     case CredentialVerdict::kWrongPassword: return "wrong";
-    case CredentialVerdict::kDisabled: return "disabled";
+    case CredentialVerdict::kDisabled: return "disabled or locked";
     case CredentialVerdict::kUnknownUser: return "no such user, or several of that name";
     case CredentialVerdict::kCannotTell: break;
   }
@@ -94,33 +111,29 @@ int LdapModule::load_db_cache() {
 }
 
 int LdapModule::search_users(const std::string& name, int flag, std::list<UserMeta>& users) {
-  return look_up(
-      [&](DirectoryQueries& queries) { return queries.search_users(name, match_of(flag), users); });
+  return look_up([&](auto& queries) { return queries.search_users(name, match_of(flag), users); });
 }
 
 int LdapModule::search_groups(const std::string& name, int flag, std::list<GroupMeta>& groups) {
-  return look_up(
-      [&](DirectoryQueries& queries) { return queries.search_groups(name, match_of(flag), groups); });
+  return look_up([&](auto& queries) { return queries.search_groups(name, match_of(flag), groups); });
 }
 
 int LdapModule::get_user_groups(const std::string& user, std::list<GroupMeta>& groups) {
-  return look_up([&](DirectoryQueries& queries) { return queries.user_groups(user, groups); });
+  return look_up([&](auto& queries) { return queries.user_groups(user, groups); });
 }
 
 int LdapModule::get_group_groups(const std::string& group, int flag, std::list<GroupMeta>& groups) {
-  return look_up(
-      [&](DirectoryQueries& queries) { return queries.group_groups(group, match_of(flag), groups); });
+  return look_up([&](auto& queries) { return queries.group_groups(group, match_of(flag), groups); });
 }
 
 int LdapModule::get_all_users(std::list<std::string> groups, int is_dn,
                               std::list<GroupUserMeta>& group_users) {
-  return look_up(
-      [&](DirectoryQueries& queries) { return queries.all_users(groups, is_dn != 0, group_users); });
+  return look_up([&](auto& queries) { return queries.all_users(groups, is_dn != 0, group_users); });
 }
 
 int LdapModule::get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,
                               std::string& cn, std::string& dn, std::string& upn) {
-  return look_up([&](DirectoryQueries& queries) {
+  return look_up([&](auto& queries) {
     velder::UserRow row;
     const int code = queries.user_info(user, row);
     if (code != kDirectorySuccess) return code;
@@ -135,15 +148,16 @@ int LdapModule::get_user_info(const std::string& user, std::string& domain_dns, 
 
 bool LdapModule::validate_credential(const char* user, const char* password, void* /*reserved*/) {
   if (user == nullptr || password == nullptr || *user == '\0' || *password == '\0') return false;
-  auto verdict = CredentialVerdict::kCannotTell;
-  look_up([&](DirectoryQueries& queries) {
-    verdict = queries.check_credential(user, password);
+  CredentialResult result;
+  look_up([&](auto& queries) {
+    result = check(queries, user, password);
     return int{kDirectorySuccess};
   });
-  if (verdict == CredentialVerdict::kProven) return true;
+  if (result.verdict == CredentialVerdict::kProven) return true;
   const auto log = [&]() -> bool {
-    VRLOG(kLogInfo, "Directory: password of user %s refused: %s", velder::printable(user).c_str(),
-          describe(verdict));
+    VRLOG(kLogInfo, "Directory: password of user %s refused: %s%s%s", velder::printable(user).c_str(),
+          describe(result.verdict), result.why.empty() ? "" : ", ",
+          velder::printable(result.why, kErrorTextLimit).c_str());
     return false;
   };
   return guarded(log, false);

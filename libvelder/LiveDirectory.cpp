@@ -85,13 +85,18 @@ class Connection {
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
 
-  bool is_of(uint64_t generation) const { return reader_ != nullptr && generation_ == generation; }
+  bool is_of(uint64_t generation) const { return generation_ == generation; }
 
+  // After drop().
   Result<void> turn_to(const InForce& what, uint64_t generation) {
-    auto opened = SnapshotReader::open(what.file);
-    if (!opened) return tl::make_unexpected(opened.error());
-    reader_ = std::move(*opened);
+    if (what.file) {
+      auto opened = SnapshotReader::open(what.file);
+      if (!opened) return tl::make_unexpected(opened.error());
+      reader_ = std::move(*opened);
+    }
     search_limit_ = what.search_limit;
+    servers_ = what.servers;
+    has_servers_ = what.servers != nullptr;
     generation_ = generation;
     forks_ = state().forks.load();
     return {};
@@ -356,17 +361,11 @@ Result<DirectoryLease> lease_directory() {
   if (mine.is_of(s.generation.load(std::memory_order_acquire))) {
     if (auto lease = mine.lease()) return std::move(*lease);
   }
+  const std::lock_guard lock(s.mutex);
   mine.drop();
-  std::shared_ptr<const InForce> what;
-  uint64_t generation = 0;
-  {
-    const std::lock_guard lock(s.mutex);
-    auto found = in_force(s);
-    if (!found) return tl::make_unexpected(found.error());
-    what = std::move(*found);
-    generation = s.generation.load();
-  }
-  if (auto opened = mine.turn_to(*what, generation); !opened) {
+  const auto what = in_force(s);
+  if (!what) return tl::make_unexpected(what.error());
+  if (auto opened = mine.turn_to(**what, s.generation.load()); !opened) {
     return tl::make_unexpected(opened.error());
   }
   return *mine.lease();  // `what` holds the servers

@@ -28,6 +28,8 @@ struct Domain {
   Schema schema = Schema::kAd;
   uint32_t connect_timeout = 3;     // seconds, at least 1
   uint32_t operation_timeout = 10;  // seconds, at least 1
+
+  bool operator==(const Domain&) const = default;
 };
 
 struct Settings {
@@ -42,6 +44,8 @@ struct Settings {
   std::string negotiate_service;          // such as HTTP@proxy.example.com; empty: any in the keytab
   bool negotiate_replay_cache = true;
   std::vector<std::string> warnings;  // one line each, for the log: keys and sections that nobody reads, ...
+
+  bool operator==(const Settings&) const = default;
 };
 
 // Reads `workdir`/LdapSetting.ini; a missing file gives the defaults. Files named in it are relative to
