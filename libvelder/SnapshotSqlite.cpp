@@ -79,11 +79,12 @@ Result<void> Database::open_mapped(const SnapshotFile& file) {
     return tl::make_unexpected(error("cannot be opened"));
   }
   sqlite3_db_config(handle_, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
-  // mmap_size: pages are used where they lie, not copied. Exclusive: nobody changes the file, so nothing
-  // needs to be looked at again at the start of each statement.
+  // mmap_size: pages are used where they lie, not copied. Exclusive, and one transaction for good: nobody
+  // changes the file, so nothing needs to be looked at again for each statement, and the engine does not
+  // take the lock of the whole process with which it ends a transaction.
   return execute(
       "PRAGMA mmap_size = 2147418112; PRAGMA locking_mode = EXCLUSIVE; PRAGMA temp_store = MEMORY;"
-      "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON; PRAGMA query_only = ON;");
+      "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON; PRAGMA query_only = ON; BEGIN;");
 }
 
 Result<void> Database::close() {
