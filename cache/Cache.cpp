@@ -111,7 +111,10 @@ void add_to(Counter& counter, Counter amount) {
   std::atomic_ref(counter).store(read_counter(counter) + amount, std::memory_order_relaxed);
 }
 
+// A key that does not fit whole is never found, and its chain, in which each store of it adds an entry, is
+// not walked.
 Entry* find(int type, unsigned int bucket, const char* key) {
+  if (strlen(key) >= kKeyBytes) return nullptr;
   for (Entry* entry = cache_header[type][bucket]; entry != nullptr; entry = entry->next) {
     if (strcmp(entry->key, key) == 0) return entry;
   }

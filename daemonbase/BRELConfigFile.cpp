@@ -189,8 +189,8 @@ class ConfigFileImpl {
 
  private:
   int read(const char* path) REQUIRES(mutex_);
-  void parse_line(const char* line, int number, ConfigFile::KeyMap** section) REQUIRES(mutex_);
-  void parse_section(const char* text, int number, ConfigFile::KeyMap** section) REQUIRES(mutex_);
+  void parse_line(const char* line, int number, std::string* section) REQUIRES(mutex_);
+  static void parse_section(const char* text, int number, std::string* section);
   const std::string* find(const char* section, const char* key) const REQUIRES(mutex_);
   int write(const char* path) const REQUIRES(mutex_);
   int write_to(FILE* stream) const REQUIRES(mutex_);
@@ -218,7 +218,7 @@ int ConfigFileImpl::read(const char* path) {
   }
 
   LineReader lines(file.get());
-  ConfigFile::KeyMap* section = nullptr;
+  std::string section;  // the current one; none yet while empty
   for (int number = 1; const char* line = lines.next(); ++number) {
     if (number == 1 && std::string_view(line).starts_with(kByteOrderMark)) line += kByteOrderMark.size();
     parse_line(line, number, &section);
@@ -236,7 +236,7 @@ int ConfigFileImpl::read(const char* path) {
   return 0;
 }
 
-void ConfigFileImpl::parse_line(const char* line, int number, ConfigFile::KeyMap** section) {
+void ConfigFileImpl::parse_line(const char* line, int number, std::string* section) {
   const char* const text = skip_space(line);
   if (*text == '\0' || *text == '#') return;
   if (*text == '[') return parse_section(text + 1, number, section);
@@ -247,21 +247,22 @@ void ConfigFileImpl::parse_line(const char* line, int number, ConfigFile::KeyMap
     VRLOG(kLogInfo, "ERROR: Syntax error at line %d : '=' missing\n", number);
     return;
   }
-  if (*section == nullptr) {
+  if (section->empty()) {
     VRLOG(kLogInfo, "ERROR: Section not defined at line %d\n", number);
     return;
   }
-  (**section)[std::string(key)] = skip_space(rest + 1);
+  settings_[*section][std::string(key)] = skip_space(rest + 1);
 }
 
-// `text` begins after the opening bracket. What follows the name, also after the bracket, is ignored.
-void ConfigFileImpl::parse_section(const char* text, int number, ConfigFile::KeyMap** section) {
+// `text` begins after the opening bracket. What follows the name, also after the bracket, is ignored. A
+// section comes into being with its first key.
+void ConfigFileImpl::parse_section(const char* text, int number, std::string* section) {
   const std::string_view name = take_name(text);
   if (name.empty() || strchr(text + name.size(), ']') == nullptr) {
     VRLOG(kLogInfo, "ERROR: Syntax error at line %d : closing ']' missing\n", number);
     return;
   }
-  *section = &settings_[std::string(name)];
+  section->assign(name);
 }
 
 const std::string* ConfigFileImpl::find(const char* section, const char* key) const {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <charconv>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
@@ -167,7 +168,7 @@ int BRELSharedMutex::TryLock() NO_THREAD_SAFETY_ANALYSIS {
 }
 
 BRELSharedEvent::BRELSharedEvent() {
-  if (Init(false) != 0) throw -1;
+  if (const int error = Init(false); error != 0) throw error;
 }
 
 BRELSharedEvent::~BRELSharedEvent() {
@@ -319,6 +320,8 @@ int BRELSemaphore::TryLock() NO_THREAD_SAFETY_ANALYSIS {
   return change(-1, SEM_UNDO | IPC_NOWAIT);
 }
 int BRELSemaphore::IncrementSemaphore(int amount) {
+  // What does not fit would become another amount: 65536 a wait for zero.
+  if (amount < SHRT_MIN || amount > SHRT_MAX) return ERANGE;
   return change(amount, 0);
 }
 

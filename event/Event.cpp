@@ -61,7 +61,7 @@ event* pop(event*& head) {
 }
 
 event*& watched_at(int fd) REQUIRES(event_list_mutex) {
-  const auto slot = static_cast<size_t>(fd);
+  const size_t slot = fd < 0 ? 0 : static_cast<size_t>(fd) + 1;  // what is no descriptor is kept as well
   if (slot >= monitor_events.size()) monitor_events.resize(slot + 1);
   return monitor_events[slot];
 }

@@ -127,9 +127,12 @@ TEST(VrLogStartDeathTest, FirstConfigurationLeavesOnlyErrorsOn) {
       if (line.find("early line") != std::string::npos) seen += " early line";
     }
     fprintf(stderr, "seen: %s\n", seen.c_str());
+  };
+  const auto run = [&] {
+    body();
     _exit(0);
   };
-  EXPECT_EXIT(body(), testing::ExitedWithCode(0), "seen: EITDM closed E---- silent EI--- early line");
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "seen: EITDM closed E---- silent EI--- early line");
 }
 
 TEST(VrLogStartDeathTest, ConsoleModePrintsEarlyAndLaterLines) {
@@ -152,6 +155,30 @@ TEST(VrLogStartDeathTest, ConsoleModePrintsEarlyAndLaterLines) {
 struct LogsWhenDestroyed {
   ~LogsWhenDestroyed() { VRLOG(kLogError, "at the very end"); }
 };
+
+TEST(VrLogStartDeathTest, EchoedLineOfAnOpenFileIsPrintedOnce) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  const auto run = [] {
+    dup2(STDERR_FILENO, STDOUT_FILENO);
+    {
+      const TempDir folder;
+      VrLog::setConfig("x.log", folder.path().c_str());
+      VrLog::bDupLogToConsole = true;
+      VRLOG(kLogError, "echoed");
+    }
+    _exit(0);
+  };
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "^[0-9:.]* <ERR>[^\n]*echoed[^\n]*\n$");
+}
+
+TEST_F(VrLogTest, MissingPrefixTakesItsDefault) {
+  for (const char* prefix : {"", static_cast<const char*>(nullptr)}) {
+    const TempDir folder;
+    VrLog::setConfig(prefix, folder.path().c_str());
+    VRLOG(kLogError, "named");
+    EXPECT_FALSE(log_lines(folder, "http.log").empty());
+  }
+}
 
 TEST(VrLogStartDeathTest, LineWrittenDuringStaticDestructionIsWritten) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");

@@ -9,7 +9,9 @@
 #include <thread>
 #include <vector>
 
+#include "brellog/VrLog.h"
 #include "handler/Velder.pb.h"
+#include "tests/unit/brellog/LogTestSupport.h"
 
 namespace {
 std::atomic<time_t> g_now{1000000};
@@ -25,6 +27,7 @@ namespace {
 using Velder::IPAuthResponse;
 using Velder::UserInfoQueryResponse;
 
+const uint32_t g_bound_at_start = Velder::reply_cache_max_size;
 constexpr int kUserInfo = Velder::USER_INFO_QUERY_REQUEST;
 
 UserInfoQueryResponse answer(int result, const std::string& text) {
@@ -143,10 +146,13 @@ TEST_F(CacheTest, OverlongKeyIsStoredCutAndNeverFound) {
 }
 
 TEST_F(CacheTest, BoundStopsStoresUntilSomethingExpires) {
+  EXPECT_EQ(g_bound_at_start, 33554432U);
   const auto size = static_cast<unsigned int>(answer(0, "text").ByteSizeLong());
-  Velder::set_reply_cache_size(2 * size - 1);
+  Velder::set_reply_cache_size(size + 1);
   EXPECT_EQ(store("one", 5), 0);
   EXPECT_EQ(store("two", 50), 0);  // looked at before storing: this one passes the bound
+  EXPECT_EQ(store("three", 50), -1);
+  Velder::set_reply_cache_size(2 * size);  // exactly full is full
   EXPECT_EQ(store("three", 50), -1);
   EXPECT_EQ(invalidate("two"), -1);
   EXPECT_EQ(lookup("two"), 0);
@@ -154,6 +160,22 @@ TEST_F(CacheTest, BoundStopsStoresUntilSomethingExpires) {
   EXPECT_EQ(store("three", 50), 0);
   EXPECT_EQ(lookup("three"), 0);
   EXPECT_EQ(lookup("one"), 1);
+}
+
+TEST_F(CacheTest, StatusLineTellsTheFourFigures) {
+  store("alice", 10);
+  store("bob", 10);
+  for (const char* key : {"alice", "bob", "alice", "nobody"}) lookup(key);
+  const log_test::TempDir folder;
+  VrLog::setConfig("cache.log", folder.path().c_str());
+  VrLog::setLogVerbose(false);
+  Velder::report_cache_status();
+  VrLog::stopLog();
+  const std::string expected = "<INF><0:" + std::to_string(getpid()) + ":" + std::to_string(gettid()) +
+                               "> reply cache statistic info: size(" +
+                               std::to_string(2 * answer(0, "text").ByteSizeLong()) +
+                               "), count(2), query(4), hit(3) @";
+  EXPECT_NE(log_test::log_lines(folder, "cache.log").back().find(expected), std::string::npos) << expected;
 }
 
 TEST_F(CacheTest, ResetEmptiesAndZeroesEverything) {

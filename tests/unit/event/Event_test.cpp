@@ -1,5 +1,6 @@
 #include "event/Event.h"
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -13,6 +14,9 @@
 #include <mutex>
 #include <thread>
 #include <vector>
+
+#include "brellog/VrLog.h"
+#include "tests/unit/brellog/LogTestSupport.h"
 
 namespace {
 
@@ -148,11 +152,46 @@ TEST_F(EventTest, RemovedOrInvalidRegistrationDoesNotFire) {
   event_set(&ev, removed.fd(), EVENT_READ, record_and_drain, recorder);
   event_del(&ev);
   settle();
-  add(invalid.fd(), 2, *recorder, 0);
+  shutdown(invalid.fds[1], SHUT_RDWR);  // a hang-up is reported whatever was asked for
+  event_set(&ev, invalid.fd(), 2, record_and_drain, recorder);
+  EXPECT_EQ(event_add(&ev, 0), 1);
   removed.poke();
-  invalid.poke();
+  settle();
   settle();
   EXPECT_EQ(recorder->count(), 0);
+}
+
+TEST_F(EventTest, DescriptorBecomesNonBlockingAndWhatIsNoneDoesNoHarm) {
+  const Pair pair;
+  Recorder recorder;
+  add(-1, EVENT_READ, recorder, 0);
+  add(pair.fd(), EVENT_READ, recorder, 0);
+  EXPECT_EQ(fcntl(pair.fd(), F_GETFL) & O_NONBLOCK, O_NONBLOCK);
+  pair.poke();
+  EXPECT_TRUE(recorder.wait_for_calls(1));
+  EXPECT_EQ(recorder.last_fd, pair.fd());
+}
+
+TEST_F(EventTest, LogTellsEachStepAndAnUnknownRemoval) {
+  const log_test::TempDir folder;
+  VrLog::setConfig("event.log", folder.path().c_str());
+  VrLog::setLogVerbose(true);
+  settle();
+  const Pair pair;
+  event ev;
+  event_set(&ev, pair.fd(), EVENT_READ, nullptr, nullptr);
+  event_del(&ev);
+  settle();
+  VrLog::setLogVerbose(false);
+  VrLog::stopLog();
+  std::string log;
+  for (const std::string& line : log_test::log_lines(folder, "event.log")) log += line.substr(13) + "\n";
+  for (const char* expected : {"<DBG>.*event_add\\(\\) wake up \\.\\.\\. @",
+                               "<DBG>.*handle_pending_events\\(\\) wakeup for add events\\.\\.\\. @",
+                               "<DBG>.*handle_pending_events\\(\\) wakeup for del events\\.\\.\\. @",
+                               "<ERR>.*fail to find register event @"}) {
+    EXPECT_THAT(log, testing::ContainsRegex(expected));
+  }
 }
 
 // Many descriptors, all threads: each callback re-registers its descriptor as its last act.
@@ -201,19 +240,55 @@ TEST_F(EventTest, DescriptorIsNeverServedByTwoThreadsAtOnceAndLosesNothing) {
   }
 }
 
+// The listener's way: the loop registers again, and only after the callback has returned.
+void serve_persistent(int fd, short /*events*/, void* arg) {
+  auto* load = static_cast<Load*>(arg);
+  if (load->inside.fetch_add(1) != 0) load->overlaps.fetch_add(1);
+  char byte = 0;
+  if (read(fd, &byte, 1) == 1) load->served.fetch_add(1);
+  std::this_thread::sleep_for(1ms);
+  load->inside.fetch_sub(1);
+}
+
+TEST_F(EventTest, PersistentDescriptorIsNeverServedByTwoThreadsAtOnce) {
+  constexpr int kBytes = 50;
+  auto& pair = *new Pair;  // its registration outlives the test
+  auto& load = *new Load;
+  event ev;
+  event_set(&ev, pair.fd(), EVENT_READ, serve_persistent, &load);
+  event_add(&ev, 1);
+  for (int byte = 0; byte < kBytes; ++byte) pair.poke();
+  const auto deadline = std::chrono::steady_clock::now() + 20s;
+  while (load.served != kBytes && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(1ms);
+  EXPECT_EQ(load.served, kBytes);
+  EXPECT_EQ(load.overlaps, 0);
+}
+
 // A second descriptor of the same socket keeps it in epoll after the first was closed: it is reported once
 // with a registration and once without.
+struct Watched {
+  Pair pair;
+  Pair trigger;
+  int descriptor = -1;
+};
+
+void close_watched(int /*fd*/, short /*events*/, void* arg) {
+  const auto* watched = static_cast<Watched*>(arg);
+  close(watched->descriptor);
+  watched->pair.poke();
+}
+
 [[noreturn]] void close_a_watched_descriptor() {
   event_init();
-  Pair pair;
+  Watched watched;
   static Recorder recorder;
-  const int watched = dup(pair.fd());
-  add(watched, EVENT_READ, recorder, 0);
-  std::thread([&pair, watched] {
-    std::this_thread::sleep_for(100ms);
-    close(watched);
-    pair.poke();
-  }).detach();
+  watched.descriptor = dup(watched.pair.fd());
+  add(watched.descriptor, EVENT_READ, recorder, 0);
+  event ev;
+  event_set(&ev, watched.trigger.fd(), EVENT_READ, close_watched, &watched);
+  event_add(&ev, 0);
+  watched.trigger.poke();
   event_dispatch();
   _exit(0);
 }
