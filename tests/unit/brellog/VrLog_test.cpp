@@ -168,7 +168,7 @@ TEST(VrLogStartDeathTest, EchoedLineOfAnOpenFileIsPrintedOnce) {
     }
     _exit(0);
   };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "^[0-9:.]* <ERR>[^\n]*echoed[^\n]*\n$");
+  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "gtest_main.cc\n[0-9:.]* <ERR>[^\n]*echoed[^\n]*\n$");
 }
 
 TEST_F(VrLogTest, MissingPrefixTakesItsDefault) {
