@@ -23,10 +23,31 @@ namespace velder {
 
 class ServerPool;
 
+// The memory itself. All calls from any thread at once. Each process should have its own.
+class RefusedPasswords {
+ public:
+  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+
+  // `seconds` 0: nothing is remembered. Beyond `most_users` the one refused longest ago is forgotten.
+  RefusedPasswords(uint32_t seconds, size_t most_users, Clock clock);
+  ~RefusedPasswords();
+  RefusedPasswords(const RefusedPasswords&) = delete;
+  RefusedPasswords& operator=(const RefusedPasswords&) = delete;
+
+  // `user` is any text that means one user; the password is neither kept nor compared as text.
+  bool contains(std::string_view user, std::string_view password);
+  void remember(std::string_view user, std::string_view password);
+  void forget(std::string_view user);
+
+ private:
+  struct Table;
+  std::unique_ptr<Table> table_;
+};
+
 // All calls from any thread at once. Each process has its own memory.
 class BindCheck {
  public:
-  using Clock = std::function<std::chrono::steady_clock::time_point()>;
+  using Clock = RefusedPasswords::Clock;
   using Bind = std::function<BindResult(const std::string& dn, std::string_view password)>;
 
   // Beyond so many users the one refused longest ago is forgotten.
@@ -48,8 +69,9 @@ class BindCheck {
                    std::string_view password);
 
  private:
-  struct Memory;
-  std::unique_ptr<Memory> memory_;
+  struct Flights;
+  RefusedPasswords refused_;
+  std::unique_ptr<Flights> flights_;
 };
 
 }  // namespace velder

@@ -11,14 +11,13 @@
 #include <atomic>
 #include <cerrno>
 #include <condition_variable>
-#include <csignal>
 #include <cstring>
 #include <memory>
 #include <mutex>
 #include <system_error>
-#include <thread>
 #include <vector>
 
+#include "libvelder/BackgroundThread.h"
 #include "libvelder/LdapModule.h"
 
 namespace velder {
@@ -83,40 +82,22 @@ void end_lookup() {
   g_lookups.fetch_sub(1);
 }
 
-// Signals belong to the program's own threads.
-class SignalsBlocked {
- public:
-  SignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-
- private:
-  sigset_t before_{};
-};
-
 Result<std::vector<Address>> look_up_in_time(const std::string& host, uint16_t port, Deadline deadline) {
   if (!begin_lookup()) return down("too many look-ups of host names are waiting for an answer");
   auto lookup = std::make_shared<Lookup>();
-  try {
-    const SignalsBlocked blocked;
-    std::thread([lookup, host, port] {
-      std::vector<Address> addresses;
-      const int code = look_up(host, port, 0, addresses);
-      end_lookup();
-      const std::lock_guard lock(lookup->mutex);
-      lookup->code = code;
-      lookup->addresses = std::move(addresses);
-      lookup->done = true;
-      lookup->ended.notify_all();
-    }).detach();
-  } catch (const std::system_error& error) {
+  const bool started = start_background_thread([lookup, host, port] {
+    std::vector<Address> addresses;
+    const int code = look_up(host, port, 0, addresses);
     end_lookup();
-    return down(std::string("no thread to look up the host: ") + error.what());
+    const std::lock_guard lock(lookup->mutex);
+    lookup->code = code;
+    lookup->addresses = std::move(addresses);
+    lookup->done = true;
+    lookup->ended.notify_all();
+  });
+  if (!started) {
+    end_lookup();
+    return down("no thread to look up the host name");
   }
   std::unique_lock lock(lookup->mutex);
   if (!lookup->ended.wait_until(lock, deadline, [&] { return lookup->done; }))

@@ -1,0 +1,201 @@
+#include "libvelder/BindCheck.h"
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+#include <openssl/rand.h>
+
+#include <array>
+#include <condition_variable>
+#include <list>
+#include <map>
+#include <mutex>
+#include <utility>
+
+#include "brellog/VrLog.h"
+#include "libvelder/Dn.h"
+#include "libvelder/ServerPool.h"
+
+namespace velder {
+namespace {
+
+using Digest = std::array<unsigned char, 32>;
+
+// A random key; without one (the system has no random numbers) nothing can be remembered.
+class KeyedHash {
+ public:
+  KeyedHash() : usable_(RAND_bytes(key_.data(), static_cast<int>(key_.size())) == 1) {
+    if (!usable_) VRLOG(kLogError, "no random numbers: refused passwords are not remembered");
+  }
+  KeyedHash(const KeyedHash&) = delete;
+  KeyedHash& operator=(const KeyedHash&) = delete;
+  ~KeyedHash() { OPENSSL_cleanse(key_.data(), key_.size()); }
+
+  bool usable() const { return usable_; }
+
+  // The length goes in, too: no other user and password make the same text.
+  Digest operator()(std::string_view user, std::string_view password) const {
+    std::string text;
+    text.reserve(user.size() + password.size() + 24);
+    text.append(std::to_string(user.size())).append(":").append(user).append(password);
+    Digest digest{};
+    unsigned int size = 0;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(text.data());
+    HMAC(EVP_sha256(), key_.data(), static_cast<int>(key_.size()), bytes, text.size(), digest.data(), &size);
+    OPENSSL_cleanse(text.data(), text.size());
+    return digest;
+  }
+
+ private:
+  std::array<unsigned char, 32> key_{};
+  const bool usable_;
+};
+
+bool same(const Digest& left, const Digest& right) {
+  return CRYPTO_memcmp(left.data(), right.data(), left.size()) == 0;
+}
+
+// Equal DNs of different domains are different users; a DN that cannot be normalised stands for itself.
+std::string user_key(std::string_view domain, const std::string& dn) {
+  const std::string normal = normalize_dn(dn);
+  return std::string(domain).append(1, '\0').append(normal.empty() ? dn : normal);
+}
+
+}  // namespace
+
+// Invariant: `users` and `order` hold the same users; `order` begins with the one refused longest ago.
+struct RefusedPasswords::Table {
+  struct Entry {
+    Digest password{};
+    std::chrono::steady_clock::time_point until;
+    std::list<Digest>::iterator place;
+  };
+
+  const std::chrono::seconds lifetime;
+  const size_t most_users;
+  const Clock clock;
+  const KeyedHash hash;
+  std::mutex mutex;  // guards the two below
+  std::map<Digest, Entry> users;
+  std::list<Digest> order;
+
+  bool off() const { return lifetime.count() == 0 || most_users == 0 || !hash.usable(); }
+
+  void drop(std::map<Digest, Entry>::iterator entry) {
+    order.erase(entry->second.place);
+    users.erase(entry);
+  }
+};
+
+RefusedPasswords::RefusedPasswords(uint32_t seconds, size_t most_users, Clock clock)
+    : table_(std::make_unique<Table>(std::chrono::seconds(seconds), most_users, std::move(clock))) {}
+RefusedPasswords::~RefusedPasswords() = default;
+
+bool RefusedPasswords::contains(std::string_view user, std::string_view password) {
+  if (table_->off()) return false;
+  const Digest who = table_->hash(user, {});
+  const Digest what = table_->hash(user, password);
+  const std::lock_guard lock(table_->mutex);
+  const auto found = table_->users.find(who);
+  if (found == table_->users.end()) return false;
+  if (table_->clock() < found->second.until) return same(found->second.password, what);
+  table_->drop(found);
+  return false;
+}
+
+void RefusedPasswords::remember(std::string_view user, std::string_view password) {
+  if (table_->off()) return;
+  const Digest who = table_->hash(user, {});
+  const Digest what = table_->hash(user, password);
+  const std::lock_guard lock(table_->mutex);
+  if (const auto found = table_->users.find(who); found != table_->users.end()) table_->drop(found);
+  if (table_->users.size() >= table_->most_users) table_->drop(table_->users.find(table_->order.front()));
+  const auto place = table_->order.insert(table_->order.end(), who);
+  table_->users.emplace(who, Table::Entry{what, table_->clock() + table_->lifetime, place});
+}
+
+void RefusedPasswords::forget(std::string_view user) {
+  if (table_->off()) return;
+  const Digest who = table_->hash(user, {});
+  const std::lock_guard lock(table_->mutex);
+  if (const auto found = table_->users.find(who); found != table_->users.end()) table_->drop(found);
+}
+
+// The binds under way. The threads that wait for one hold on to it, so it may leave the table before they
+// have read the result.
+struct BindCheck::Flights {
+  struct Flight {
+    std::condition_variable landed;
+    bool done = false;
+    BindResult result{BindVerdict::kCannotTell, kDirectoryOther, "the bind did not end"};
+  };
+
+  const KeyedHash hash;
+  std::mutex mutex;  // guards the table and what is in it
+  std::map<Digest, std::shared_ptr<Flight>> under_way;
+
+  // The flight for this password. True: it is the caller's, who makes the bind and lands. False: it was
+  // another thread's and has landed.
+  std::pair<std::shared_ptr<Flight>, bool> board(const Digest& what) {
+    std::unique_lock lock(mutex);
+    auto& place = under_way[what];
+    if (!place) return {place = std::make_shared<Flight>(), true};
+    const auto flight = place;
+    flight->landed.wait(lock, [&] { return flight->done; });
+    return {flight, false};
+  }
+
+  void report(Flight& flight, const BindResult& result) {
+    const std::lock_guard lock(mutex);
+    flight.result = result;
+  }
+
+  void land(const Digest& what) {
+    const std::lock_guard lock(mutex);
+    const auto found = under_way.find(what);
+    found->second->done = true;
+    found->second->landed.notify_all();
+    under_way.erase(found);
+  }
+};
+
+BindCheck::BindCheck(uint32_t seconds, size_t most_users, Clock clock)
+    : refused_(seconds, most_users, std::move(clock)), flights_(std::make_unique<Flights>()) {}
+BindCheck::~BindCheck() = default;
+
+BindResult BindCheck::check(ServerPool& servers, const std::string& dn, std::string_view password) {
+  const Bind bind = [&](const std::string& name, std::string_view secret) {
+    return servers.check_bind(name, secret);
+  };
+  return check(bind, servers.domain().dns_name, dn, password);
+}
+
+BindResult BindCheck::check(const Bind& bind, std::string_view domain, const std::string& dn,
+                            std::string_view password) {
+  if (password.empty())
+    return {BindVerdict::kWrong, kDirectoryBadCredentials, "an empty password is never sent"};
+  const std::string user = user_key(domain, dn);
+  const auto remembered = [&] { return refused_.contains(user, password); };
+  const BindResult again{BindVerdict::kWrong, kDirectoryBadCredentials,
+                         "the same wrong password again, not sent"};
+  if (remembered()) return again;
+  if (!flights_->hash.usable()) return bind(dn, password);
+
+  const Digest what = flights_->hash(user, password);
+  const auto [flight, ours] = flights_->board(what);
+  if (!ours) return flight->result;
+  // Lands whatever happens, or the others would wait for ever.
+  const auto land = [&](Flights* flights) { flights->land(what); };
+  const std::unique_ptr<Flights, decltype(land)> landing(flights_.get(), land);
+  if (remembered()) {  // another flight landed between the first look and ours
+    flights_->report(*flight, again);
+    return again;
+  }
+  BindResult result = bind(dn, password);
+  if (result.verdict == BindVerdict::kWrong) refused_.remember(user, password);
+  if (result.verdict == BindVerdict::kProven) refused_.forget(user);
+  flights_->report(*flight, result);
+  return result;
+}
+
+}  // namespace velder
