@@ -26,7 +26,7 @@ extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned in
     errno = saved_errno;
     return 0;
   }
-  // Rounded down, as the C library does.
-  return static_cast<unsigned int>((static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_nsec) / kNanoseconds) *
-                                   factor());
+  const double seconds_left =
+      static_cast<double>(left.tv_sec) + static_cast<double>(left.tv_nsec) / kNanoseconds;
+  return static_cast<unsigned int>(seconds_left * factor());  // rounded down, as the C library does
 }

@@ -201,6 +201,7 @@ def test_client__garbage_hurts_nobody(served):
 
 
 CROWD = 40_000
+MEMBERS = 10_000  # of the group Crowd
 EPOLL_WAIT_CALLS = ("232", "281")  # epoll_wait and epoll_pwait of x86-64
 EVERYBODY = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0))
 
@@ -209,7 +210,7 @@ EVERYBODY = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0)
 def crowded(daemon):
     """A directory whose complete list is larger than any socket buffer; one thread a worker."""
     daemon.start("--thread-num", "1", "--process-num", "1", workers=1,
-                 files={"directory.ldif": directory.crowd(CROWD), "LdapSetting.ini":
+                 files={"directory.ldif": directory.crowd(CROWD) + directory.crowd_group(MEMBERS), "LdapSetting.ini":
                         "[LDAP_Setting]\nSyncInterval=1440\nSearchLimit=0\n"})
     return daemon
 
@@ -304,4 +305,23 @@ def test_large_answer__clients_that_leave_in_the_middle(crowded):
         connection.send(EVERYBODY)
         assert connection.receive_frame()[0] == wire.USER_SEARCH + 1
     assert crowded.workers() == [worker]
+    assert crowded.stop() == 0
+
+
+def test_large_answer__of_another_kind_ends_a_connection_that_does_not_read(crowded):
+    """Only searches wait for their reader; the others must be taken at once."""
+    text = "Error: fail to send response message to client (Resource temporarily unavailable)"
+    request = wire.frame(wire.ALL_USERS, AllUserQueryRequest(isDN=0, grouplist=["Crowd"] * 20))
+    with wire.Connection(receive_buffer=4096) as connection:
+        connection.send(request)
+        crowded.wait_line(text, level="INF")
+        length, message_type = wire.HEADER.unpack(connection.receive(8))
+        assert message_type == wire.ALL_USERS + 1
+        with pytest.raises(wire.Closed) as closed:
+            connection.receive(length)
+        assert len(closed.value.received) < length
+    with wire.Connection() as connection:
+        answer = connection.ask(wire.ALL_USERS, AllUserQueryRequest(isDN=0, grouplist=["Crowd"]))
+        assert sorted(answer.groupuserlist[0].userlist) == [f"m{n:06}@corp.test" for n in range(MEMBERS)]
+    crowded.wait_idle()
     assert crowded.stop() == 0

@@ -119,6 +119,12 @@ def crowd(count):
                          ("sAMAccountName", f"m{number:06}")) for number in range(count))
 
 
+def crowd_group(count):
+    """The group of everybody in crowd(count)."""
+    members = [("member", user_dn(f"Member {number:06}")) for number in range(count)]
+    return entry(group_dn("Crowd"), ("objectClass", "group"), ("cn", "Crowd"), *members)
+
+
 def files(**more):
     """The working directory of most tests: files() plus whatever is given as name=content."""
     return {"directory.ldif": ldif(), **more}
