@@ -57,7 +57,6 @@ TEST_F(LdapModuleTest, InitializeRefusesWhatItCannotServe) {
     const char* settings;
     std::string ldif;
   } kRows[] = {
-      {"[LDAP_Setting]\nSource=ldap\n[Domain_1]\nDnsName=a.b\nServers=ldap://127.0.0.1\n", kOneUser},
       {"[LDAP_Setting]\nSource=nis\n", kOneUser},
       {"", "dn: cn=a,dc=b\nno colon here\n"},
       {"", "dn: not a name\nobjectClass: user\ncn: x\n"},
