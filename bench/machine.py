@@ -23,6 +23,7 @@ WORKDIR = pathlib.Path("/var/brel/work")
 PID_FILE = pathlib.Path("/etc/quarn/pids/auth_daemon.pid")
 ACCOUNT = "quarn"
 LAYERS = "/mnt"  # exists on every Debian machine; covered in our mount namespace only
+WORKERS = 2  # the daemon's default
 PATIENCE = 30  # seconds
 
 
@@ -58,7 +59,7 @@ def build():
     """Loopback, folders and limits; once, inside."""
     run("ip", "link", "set", "lo", "up")
     # Thousands of connections a round, each leaving its port for a while.
-    pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").write_text("16000 65000", encoding="ascii")
+    pathlib.Path("/proc/sys/net/ipv4/ip_local_port_range").write_text("16000 64999", encoding="ascii")
     run("mount", "-t", "tmpfs", "-o", "mode=755", "layers", LAYERS)
     for folder in ("/etc", "/var"):
         upper, work = (f"{LAYERS}{folder}_{part}" for part in ("upper", "work"))
@@ -137,12 +138,12 @@ class Server:
         """The connections of the run before are closed on this side, too."""
         until(lambda: connections_left(self.port) == 0, f"port {self.port} is left alone")
 
-    def proportional_memory(self):
-        """Bytes of all its processes, shared pages divided among them."""
+    def memory(self):
+        """Bytes of heap and stacks of all its processes; mapped files are left out."""
         total = 0
         for pid in self.pids():
             rollup = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
-            total += next(int(line.split()[1]) for line in rollup.splitlines() if line.startswith("Pss:"))
+            total += next(int(line.split()[1]) for line in rollup.splitlines() if line.startswith("Anonymous:"))
         return total * 1024
 
 
@@ -156,21 +157,23 @@ class Daemon(Server):
         subprocess.run([program, "--workdir", str(WORKDIR), *options], stdin=subprocess.DEVNULL, check=True)
         self._pid = int(until(lambda: PID_FILE.exists() and PID_FILE.read_text(encoding="ascii"),
                               "the daemon writes its pid file (its log: " + self._log_tail() + ")"))
-        until(lambda: len(self.pids()) == 3, "two workers run")
+        self._workers = until(lambda: len(found := self._children()) == WORKERS and found, "the workers run")
 
     @staticmethod
     def _log_tail():
         logs = sorted(pathlib.Path("/var/brel/log").glob("AuthDaemon.log.*"))
         return logs[-1].read_text(encoding="utf-8", errors="replace")[-500:] if logs else "none"
 
-    def pids(self):
+    def _children(self):
         children = pathlib.Path(f"/proc/{self._pid}/task/{self._pid}/children").read_text(encoding="ascii")
-        return [self._pid] + [int(pid) for pid in children.split()]
+        return [int(pid) for pid in children.split()]
+
+    def pids(self):
+        return [self._pid, *self._workers]
 
     def stop(self):
-        workers = self.pids()[1:]
         os.kill(self._pid, signal.SIGTERM)
-        until(lambda: all(collected(pid) for pid in [self._pid, *workers]), "the daemon's processes end")
+        until(lambda: all(collected(pid) for pid in self.pids()), "the daemon's processes end")
 
 
 def collected(pid):
@@ -185,6 +188,8 @@ def make_workdir(make_ldif, users, groups):
     with open(WORKDIR / "directory.ldif", "wb") as ldif:
         subprocess.run([make_ldif, str(users), str(groups)], stdout=ldif, check=True)
     (WORKDIR / "LdapSetting.ini").write_text("[LDAP_Setting]\nSyncInterval=1440\nSource=ldif\n", encoding="ascii")
+    # Nothing to synchronise during the run.
+    (WORKDIR / ".LastSyncTime.ini").write_text(f"[LdapSync]\nLastSyncTime={int(time.time()) - 1}\n", encoding="ascii")
     for path in WORKDIR.iterdir():
         own(path)
 

@@ -54,6 +54,7 @@ class Bench:
     def __init__(self, build, quick):
         self.programs = build / "bin"
         self.rounds, self.seconds, self.warmup = (1, 0.4, 0.1) if quick else (5, 1.2, 0.3)
+        self.load_before = os.getloadavg()[0]
         self.daemon = None
         self.echoes = {}
         self.others = {"memcached": machine.start_memcached(),
@@ -115,16 +116,19 @@ class Bench:
         return results
 
     def idle_bytes(self, server):
-        """Memory of the server for one more idle connection, beyond the first thousand."""
+        """Memory of a server that has just started for one more idle connection, beyond the first thousand."""
+        # Every thread has used its stack, and nothing that a reply cache keeps is asked for.
+        crowd = Row("idle connections", "ip-query-miss", 1000)
+        self.load(server, crowd, 0, seconds=0.5)
         server.wait_quiet()
         few, many = 1000, IDLE - 1000
         with self.hold(server, few):
-            before = server.proportional_memory()
+            before = server.memory()
             with self.hold(server, many):
-                return (server.proportional_memory() - before) / many
+                return (server.memory() - before) / many
 
     def hold(self, server, count):
-        return Holder(self.generator(server, "--hold", "--idle", count, "--connections", 0, "--answer-bytes", 100))
+        return Holder(self.generator(server, "--hold", "--idle", count, "--connections", 0, "--request", "ip-query-miss"))
 
 
 class Holder:
@@ -181,7 +185,8 @@ def kind_of_machine():
 
 def circumstances(bench):
     return (f"{datetime.date.today()}, {kind_of_machine()}. {USERS:,} users and {GROUPS:,} groups; "
-            f"{bench.rounds} rounds of {bench.seconds} s, medians.")
+            f"{bench.rounds} round{'s' * (bench.rounds > 1)} of {bench.seconds} s, medians. Load average before the "
+            f"run: {bench.load_before:.1f} (0 when nothing else runs).")
 
 
 def write_page(lines):
@@ -192,7 +197,7 @@ def page(bench, lines, memory):
     return [
         "# Performance",
         "",
-        "Written by `make bench` with `bench/run.py BUILD_DIRECTORY --write`; run that again to renew it.",
+        "Renewed by `make bench BENCH_FLAGS=--write`, which runs `bench/run.py` and takes some minutes.",
         "",
         circumstances(bench),
         "",
@@ -204,23 +209,26 @@ def page(bench, lines, memory):
         "",
         *lines,
         "",
-        *memory,
+        memory,
     ]
+
+
+def measure_memory(bench):
+    daemon, memcached = (bench.idle_bytes(server) for server in (bench.daemon, bench.others["memcached"]))
+    return (f"Memory of a process for one more idle connection, without the kernel's: daemon {daemon:.0f} bytes, "
+            f"memcached {memcached:.0f} bytes.")
 
 
 def measure_all(bench):
     measured = []
-    memory = []
+    memory = None
     options = None
     for row in ROWS:
         if row.daemon != options:
             options = row.daemon
             bench.start_daemon(options)
+        memory = memory or measure_memory(bench)
         print(f"  {row.title} ...", file=sys.stderr, flush=True)
-        if row.idle:  # memory first: afterwards the daemon would use again what it got for the row
-            memory = [f"Memory for one more idle connection (without the kernel's): "
-                      f"daemon {bench.idle_bytes(bench.daemon):.0f} bytes, "
-                      f"memcached {bench.idle_bytes(bench.others['memcached']):.0f} bytes."]
         measured.append((row, bench.measure(row)))
     return measured, memory
 
@@ -228,7 +236,7 @@ def measure_all(bench):
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=pathlib.Path, help="build directory, configured with -DBUILD_BENCH=ON")
-    parser.add_argument("--quick", action="store_true", help="half a minute instead of a few; one short round")
+    parser.add_argument("--quick", action="store_true", help="half a minute instead of a few; one short round each")
     parser.add_argument("--write", action="store_true", help="write docs/performance.md, too")
     arguments = parser.parse_args()
     bench = None
@@ -238,7 +246,7 @@ def main():
         bench = Bench(arguments.build.resolve(), arguments.quick)
         measured, memory = measure_all(bench)
         lines = table(measured)
-        print("\n".join([circumstances(bench), "", *lines, "", *memory]))
+        print("\n".join([circumstances(bench), "", *lines, "", memory]))
         if arguments.write:
             write_page(page(bench, lines, memory))
         bench.stop()
