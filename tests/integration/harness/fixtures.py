@@ -46,7 +46,11 @@ def served():
         _end_shared()
         raise AssertionError(f"workers before {before}, after {after}:\n" + daemon_module.log_text()[-3000:])
     _guard()
-    one.wait_idle()
+    try:
+        one.wait_idle()
+    except AssertionError:
+        _end_shared()  # the next test gets a new one
+        raise
 
 
 @pytest.fixture(scope="session", autouse=True)
