@@ -104,6 +104,7 @@ class Search {
  public:
   Search(LdapConnection::Session& session, const SearchRequest& request, const EntrySink& each)
       : session_(session), request_(request), each_(each) {
+    paged_ = request.scope != SearchScope::kBase;
     if (request.limits.seconds != 0) end_ = steady_clock::now() + seconds(request.limits.seconds);
   }
 
@@ -114,6 +115,10 @@ class Search {
       const uint64_t before = entries_;
       auto page = read_page(cookie);
       if (!page) return tl::unexpected(page.error());
+      if (refuses_pages(page->outcome.code)) {
+        paged_ = false;
+        continue;
+      }
       const int code = page->outcome.code;
       if (code == LDAP_SUCCESS || code == LDAP_SIZELIMIT_EXCEEDED) {
         if (auto finished = finish_ranges(); !finished) return finished;
@@ -137,6 +142,12 @@ class Search {
     LdifRecord entry;
     std::vector<OpenRange> ranges;
   };
+
+  // A server may know paging and not grant it to us. It is asked once more, for everything at once.
+  bool refuses_pages(int code) const {
+    const bool refused = code == LDAP_ADMINLIMIT_EXCEEDED || code == LDAP_UNAVAILABLE_CRITICAL_EXTENSION;
+    return refused && paged_ && entries_ == 0;
+  }
 
   Deadline next_deadline() const { return std::min(session_.deadline(), end_); }
 
@@ -165,8 +176,7 @@ class Search {
     const int scope = request_.scope == SearchScope::kBase       ? LDAP_SCOPE_BASE
                       : request_.scope == SearchScope::kOneLevel ? LDAP_SCOPE_ONELEVEL
                                                                  : LDAP_SCOPE_SUBTREE;
-    if (scope == LDAP_SCOPE_BASE)
-      return send(request_.base, scope, request_.filter, request_.attributes, nullptr);
+    if (!paged_) return send(request_.base, scope, request_.filter, request_.attributes, nullptr);
     berval place{cookie.size(), const_cast<char*>(cookie.data())};  // only read
     LDAPControl* raw = nullptr;
     const uint64_t wanted = std::min<uint64_t>(kPageSize, request_.limits.max_entries + 1);
@@ -374,6 +384,7 @@ class Search {
   const SearchRequest& request_;
   const EntrySink& each_;
   Deadline end_ = Deadline::max();
+  bool paged_ = true;
   uint64_t entries_ = 0;
   uint64_t others_ = 0;
   uint64_t bytes_ = 0;
