@@ -128,7 +128,8 @@ class Bench:
                 return (server.memory() - before) / many
 
     def hold(self, server, count):
-        return Holder(self.generator(server, "--hold", "--idle", count, "--connections", 0, "--request", "ip-query-miss"))
+        return Holder(self.generator(server, "--hold", "--idle", count, "--connections", 0,
+                                     "--request", "ip-query-miss"))
 
 
 class Holder:
@@ -160,7 +161,8 @@ def count(number):
 
 def table(measured):
     """Lines of a Markdown table."""
-    lines = ["| workload | server | requests/s | daemon's rate / this | CPU s per 100,000 | p50 us | p99 us | p99.9 us |",
+    lines = ["| workload | server | requests/s | daemon's rate / this | CPU s per 100,000 | p50 us | p99 us "
+             "| p99.9 us |",
              "|---|---|--:|--:|--:|--:|--:|--:|"]
     for row, by_server in measured:
         for name, results in by_server.items():
