@@ -11,7 +11,7 @@ import time
 
 import pytest
 
-from harness.daemon import until
+from harness.daemon import stat_fields, until
 from harness import sandbox
 
 ROOM = "/mnt"  # exists on every Debian machine; covered by a RAM disk in our mount namespace only
@@ -64,6 +64,18 @@ def port_open(port, host="127.0.0.1"):
         return probe.connect_ex((host, port)) == 0
 
 
+def thread_states(session):
+    """The states of all threads of all processes of a session."""
+    states = set()
+    for process in os.listdir("/proc"):
+        fields = stat_fields(process) if process.isdigit() else None
+        if fields and int(fields[4]) == session:
+            with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+                for thread in os.listdir(f"/proc/{process}/task"):
+                    states.add((stat_fields(f"{process}/task/{thread}") or ["", "?"])[1])
+    return states
+
+
 class ServerProcess:
     """`command` stays in the foreground and listens on all `ports`. Its output goes to `log`."""
 
@@ -114,6 +126,8 @@ class ServerProcess:
         pid = self.process.pid
         os.killpg(pid, signal.SIGSTOP)
         try:
+            # One thread takes the signal and stops the others; until then they go on answering.
+            until(lambda: thread_states(pid) == {"T"}, lambda: f"all threads of {pid} to stop: {thread_states(pid)}")
             yield
         finally:
             os.killpg(pid, signal.SIGCONT)

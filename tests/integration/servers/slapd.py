@@ -48,6 +48,7 @@ overlay memberof
 memberof-group-oc groupOfNames
 overlay ppolicy
 ppolicy_default "cn=lockout,{suffix}"
+ppolicy_use_lockout
 access to attrs=userPassword by anonymous auth by * none
 access to dn.base="" by * read
 access to * by dn.exact="{reader}" read by * none
@@ -121,8 +122,8 @@ class Slapd(ServerProcess):
         self.start()
 
     def change(self, ldif):
-        """Over the wire, as the administrator."""
-        run("ldapmodify", "-x", "-H", self.url, "-D", ADMIN, "-w", ADMIN_PASSWORD, input=ldif)
+        """Over the wire, as the administrator; entries without a changetype are added."""
+        run("ldapmodify", "-a", "-x", "-H", self.url, "-D", ADMIN, "-w", ADMIN_PASSWORD, input=ldif)
 
     def set_password(self, dn, password):
         self.change(f"{ldif_line('dn', dn)}changetype: modify\nreplace: userPassword\n"

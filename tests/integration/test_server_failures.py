@@ -1,0 +1,231 @@
+"""Servers that stop, freeze and talk nonsense while the daemon works: what goes on, how long it takes, and how it
+ends. Nothing of this may need a restart of the daemon."""
+
+import concurrent.futures
+import contextlib
+import re
+
+import pytest
+
+from harness.daemon import until
+from servers import people, workdir
+from servers.process import Stopwatch
+from servers.relay import Relay
+from servers.slapd import READER, READER_PASSWORD, Slapd
+from servers.workdir import Questions
+
+TIMEOUT = 2  # seconds, for connecting and for every answer
+AT_ONCE = 1.0  # seconds: no server was waited for
+SLACK = 1.5  # seconds, for a busy machine
+
+
+@pytest.fixture(scope="module")
+def pair():
+    """Two servers with the same directory."""
+    content = people.content(range(100))
+    with Slapd(content) as first, Slapd(content) as second:
+        yield first, second
+
+
+def start(daemon, servers, *options, sync=True, workers=1):
+    workdir.place(workdir.settings([server.url for server in servers], READER, Schema="rfc2307bis",
+                                   ConnectTimeout=TIMEOUT, OperationTimeout=TIMEOUT), READER_PASSWORD)
+    if sync:
+        workdir.good_sync()
+    # Without the reply cache, which would answer for the directory.
+    daemon.start("--verbose", "--disable-reply-cache", "--process-num", str(workers), *options, keep=True, workers=workers)
+
+
+@contextlib.contextmanager
+def within(seconds):
+    watch = Stopwatch()
+    yield
+    assert watch.seconds() < seconds
+
+
+def expect_lookups_at_once(ask):
+    with within(AT_ONCE):
+        assert ask.user("jm\u00fcller")[1] == "jm\u00fcller"
+        assert ask.groups_of("bob") == people.GROUPS_OF["bob"]
+        assert ask.users("star") == ["star*", "starfish"]
+        assert len(ask.members("everybody")[people.group_dn("everybody")]) == 100
+
+
+@contextlib.contextmanager
+def stopped(server, _relay):
+    server.stop()
+    yield
+    server.start()
+
+
+def frozen(server, _relay):
+    return server.frozen()
+
+
+def tricked(**tricks):
+    @contextlib.contextmanager
+    def trouble(_server, relay):
+        for name, value in tricks.items():
+            setattr(relay, name, value)
+        relay.drop()
+        yield
+        relay.honest()
+    return trouble
+
+
+TROUBLES = {
+    "stopped": stopped,
+    "frozen": frozen,
+    "silent half-way": tricked(stall_after=20),
+    "closes half-way": tricked(cut_after=0),
+    "another protocol": tricked(garbage=b"HTTP/1.1 400 Bad Request\r\n\r\n" + b"x" * 200),
+    "endless length": tricked(garbage=b"\x30\x84\xff\xff\xff\xff"),
+    "answer to nothing": tricked(garbage=b"\x30\x0c\x02\x01\x63\x61\x07\x0a\x01\x00\x04\x00\x04\x00"),
+    "all bytes": tricked(garbage=bytes(range(256))),
+}
+
+
+@pytest.mark.parametrize("kind", TROUBLES)
+def test_failover__within_the_timeout(daemon, pair, kind):
+    first, second = pair
+    with Relay(first.port) as relay:
+        preferred = first if kind in ("stopped", "frozen") else relay
+        start(daemon, [preferred, second])
+        with Questions() as ask:
+            before = first.binds(), second.binds()
+            assert ask.validate("alice", "correct horse") is True
+            assert (first.binds(), second.binds()) == (before[0] + 1, before[1])
+            with TROUBLES[kind](first, relay):
+                expect_lookups_at_once(ask)
+                with within(TIMEOUT + SLACK):
+                    assert ask.validate("alice", "correct horse") is True
+                # Now that it is known nobody waits for it, and a wrong password still costs one bind.
+                with within(AT_ONCE):
+                    assert ask.validate("bob", "bob's own") is True
+                    assert ask.validate("bob", "wrong") is False
+                    assert ask.user("nobody") == 32
+                assert second.binds() == before[1] + 3
+                daemon.wait_line(re.compile(f"server put aside: .*{preferred.url}"), level="ERR")
+    assert daemon.stop() == 0
+
+
+def test_return__the_preferred_server_is_used_again(daemon, pair):
+    """Four servers fail at the same time, each in its own way, and come back."""
+    first, last = pair
+    with Slapd(people.content(range(100))) as second, Relay(last.port) as third, Relay(last.port) as fourth:
+        failing = [first, second, third, fourth]
+        start(daemon, [*failing, last])
+        kinds = ["frozen", "stopped", "closes half-way", "all bytes"]
+        with Questions() as ask:
+            assert ask.validate("alice", "correct horse") is True
+            with contextlib.ExitStack() as troubles:
+                for kind, server in zip(kinds, failing):
+                    troubles.enter_context(TROUBLES[kind](server, server))
+                assert ask.validate("alice", "correct horse") is True
+                for server in failing:
+                    daemon.wait_line(re.compile(f"server put aside: .*{server.url}"), level="ERR")
+                with within(AT_ONCE):
+                    assert ask.validate("alice", "correct horse") is True
+            for server in failing:
+                daemon.wait_line(re.compile(f"server is back: {server.url}"), level="INF")
+            before = first.binds(), last.binds()
+            assert ask.validate("alice", "correct horse") is True
+            assert (first.binds(), last.binds()) == (before[0] + 1, before[1])
+    assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("kind", ["stopped", "frozen"])
+def test_only_server__is_missed_no_longer_than_it_is_away(daemon, pair, kind):
+    server = pair[0]
+    start(daemon, [server])
+    with Questions() as ask:
+        assert ask.user("nobody here") == 32
+        with TROUBLES[kind](server, None):
+            with within(TIMEOUT + SLACK):
+                assert ask.validate("alice", "correct horse") is False
+            daemon.wait_line(re.compile("password of user alice refused: cannot tell"), level="INF")
+            with within(AT_ONCE):
+                assert ask.validate("alice", "correct horse") is False
+                assert ask.user("unknown now") == 32
+            expect_lookups_at_once(ask)
+        # "Cannot tell" is not "wrong": it is not remembered.
+        until(lambda: ask.validate("alice", "correct horse"), "the password to be proved again")
+        until(lambda: ask.user("c00099")[1] == "c00099", "look-ups")
+    assert daemon.stop() == 0
+
+
+@pytest.mark.parametrize("kind", ["passwords", "unknown names"])
+def test_frozen__threads_that_wait_do_not_stop_the_others(daemon, pair, kind):
+    """Many more requests than a worker has threads wait for the server; somebody else asks for what the snapshot
+    knows."""
+    server = pair[0]
+    start(daemon, [server])
+
+    def stuck(number):
+        with Questions() as ask:
+            if kind == "passwords":
+                return ask.validate(people.crowd_uid(number), f"pw {people.crowd_uid(number)}") is False
+            return ask.user(f"unknown {number}") == 32
+
+    with concurrent.futures.ThreadPoolExecutor(60) as pool, Questions() as ask:
+        expect_lookups_at_once(ask)
+        with server.frozen():
+            waiting = [pool.submit(stuck, number) for number in range(60)]
+            watch, longest = Stopwatch(), 0
+            while not all(one.done() for one in waiting):
+                begin = watch.seconds()
+                assert ask.user("bob")[1] == "bob"
+                longest = max(longest, watch.seconds() - begin)
+            assert all(one.result() for one in waiting)
+            assert longest < (TIMEOUT + SLACK if kind == "passwords" else AT_ONCE)
+            # A second row of requests does not wait a second time.
+            assert watch.seconds() < 2 * TIMEOUT + SLACK
+        until(lambda: ask.validate("alice", "correct horse"), "the server to be used again")
+    assert daemon.stop() == 0
+
+
+def test_start__needs_no_server(daemon, pair):
+    server = pair[0]
+    start(daemon, [server])
+    assert daemon.stop() == 0
+    with server.frozen():
+        with within(TIMEOUT):
+            daemon.start("--disable-reply-cache", keep=True)
+        with Questions() as ask:
+            expect_lookups_at_once(ask)
+    assert daemon.stop() == 0
+
+
+def test_start__without_server_and_snapshot(daemon, pair):
+    """Nothing can be answered, and that quickly; everything as soon as the server is there."""
+    server = pair[0]
+    with server.frozen():
+        with within(TIMEOUT):
+            start(daemon, [server], sync=False)
+        with Questions() as ask:
+            with within(TIMEOUT + SLACK):
+                assert ask.user("alice") in (81, 85)
+            with within(AT_ONCE):
+                assert ask.user("alice") in (81, 85)
+                assert ask.groups("") in (81, 85)
+                assert ask.validate("alice", "correct horse") is False
+    with Questions() as ask:
+        until(lambda: ask.user("alice") not in (81, 85), "look-ups")
+        assert ask.groups_of("alice") == people.GROUPS_OF["alice"]
+        assert ask.validate("alice", "correct horse") is True
+    assert daemon.stop() == 0
+
+
+def test_restarted_server__costs_no_request(daemon, pair):
+    """Connections that lay idle are noticed to be dead before a question is lost on them."""
+    server = pair[0]
+    start(daemon, [server], sync=False)
+    with Questions() as ask:
+        for _ in range(3):
+            assert ask.groups_of("alice") == people.GROUPS_OF["alice"]
+            server.stop()
+            server.start()
+        assert ask.user("bob")[1] == "bob"
+        assert ask.validate("bob", "bob's own") is True
+    assert daemon.count_lines(re.compile("put aside")) == 0
+    assert daemon.stop() == 0
