@@ -27,6 +27,7 @@ void take_recorded_time(uint32_t now) {
 }
 
 [[noreturn]] void run_script(time_t now) {
+  close(g_listen_socket);  // a script that outlives the daemon must not keep the port
   restore_default_signals();
   for (unsigned int left = kDelaySeconds; left > 0;) left = sleep(left);
   const std::string command = sync_command(g_workdir, g_verbose_log, sync_log_date(now));

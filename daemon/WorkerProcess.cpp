@@ -5,6 +5,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 
@@ -102,6 +103,14 @@ unsigned int sleep_once(unsigned int seconds) {
   if (g_signals_taken == taken_before) seconds = sleep(seconds);
   block_signals();
   return seconds;
+}
+
+// One sleep of several that make up a whole wait. What sleep() says is left after a signal is rounded down:
+// without the second that is added back, signals would make the wait shorter.
+unsigned int sleep_on(unsigned int seconds) {
+  const unsigned int taken_before = g_signals_taken;
+  const unsigned int left = sleep_once(seconds);
+  return g_signals_taken == taken_before ? left : std::min(left + 1, seconds);
 }
 
 void raise_core_limit() {
@@ -204,17 +213,17 @@ void loop_monitor() {
     restart_dead_workers();
     sync_ldap_server();
     // A worker that dies as soon as it starts must not make this a loop of forks and log lines. A sleep that
-    // is interrupted in its first second has one second less left: what remains is rounded down.
+    // is interrupted in its first second has one second less left.
     if (sleep_once(kRoundSeconds) >= kRoundSeconds - 1) sleep_through(kHastyRoundSeconds);
   }
   VRLOG(kLogInfo, "Receive exit signal, daemon will exit...");
   end_workers();
   // Not sleep_through, which an exit signal ends: the one that brought us here already came.
-  for (unsigned int left = kFarewellSeconds; left > 0;) left = sleep_once(left);
+  for (unsigned int left = kFarewellSeconds; left > 0;) left = sleep_on(left);
 }
 
 void sleep_through(unsigned int seconds) {
-  while (seconds > 0 && !g_exit_daemon) seconds = sleep_once(seconds);
+  while (seconds > 0 && !g_exit_daemon) seconds = sleep_on(seconds);
 }
 
 void restore_default_signals() {

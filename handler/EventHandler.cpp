@@ -1,5 +1,6 @@
 #include "handler/EventHandler.h"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -55,6 +56,25 @@ bool out_of_resources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
+// A descriptor kept in hand: out of descriptors the log could not open its file to say so.
+class SpareDescriptor {
+ public:
+  SpareDescriptor() { take_back(); }
+  void take_back() { fd_ = open("/dev/null", O_RDONLY | O_CLOEXEC); }
+  void give_up() const {
+    if (fd_ >= 0) close(fd_);
+  }
+
+ private:
+  int fd_ = -1;
+};
+
+// Made with the first connection. Only the thread that serves the listening socket touches it.
+SpareDescriptor& spare_descriptor() {
+  static SpareDescriptor the_descriptor;
+  return the_descriptor;
+}
+
 // True when the complaint is due: the first one, and then one in a while.
 bool complaint_due() {
   static std::atomic<time_t> next_complaint{0};
@@ -72,7 +92,11 @@ void report_failed_accept(int error) {
     VRLOG(kLogError, "fail to accept tcp connetion (%s)", strerror(error));  // sic
     return;
   }
-  if (complaint_due()) VRLOG(kLogError, "fail to accept tcp connetion (%s)", strerror(error));  // sic
+  if (complaint_due()) {
+    spare_descriptor().give_up();
+    VRLOG(kLogError, "fail to accept tcp connetion (%s)", strerror(error));  // sic
+    spare_descriptor().take_back();
+  }
   poll(nullptr, 0, kAcceptPauseMilliseconds);
 }
 
@@ -117,6 +141,7 @@ Outcome reply(const Frame& frame, const google::protobuf::Message& response) {
 // come with the following events of the persistent registration.
 void tcp_listen_socket_handler(int listen_fd, short /*events*/, void* /*arg*/) {
   VrLogContext::setCurrentThreadTag(listen_fd);
+  spare_descriptor();
   sockaddr_in peer{};
   socklen_t peer_length = sizeof(peer);
   const int fd =

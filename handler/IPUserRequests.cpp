@@ -36,7 +36,7 @@ bool answer_from_cache(const char* ip, const std::string& user, Velder::IPUserQu
 void answer_from_directory(const char* ip, std::string user, Velder::IPUserQueryResponse* response) {
   UserRecord record;
   int code = 0;
-  if (strcasecmp(user.c_str(), kGuestUser) == 0) {
+  if (strcasecmp(whole_text(user), kGuestUser) == 0) {
     user = kGuestUser;
     record.cn = record.upn = record.uid = user;
   } else {
@@ -44,7 +44,6 @@ void answer_from_directory(const char* ip, std::string user, Velder::IPUserQuery
   }
   fill_user_info(user, record, response->mutable_userinfo());
   if (code != 0) return;
-  response->set_result(0);  // a required field; the real value is set after the copy was stored
   if (Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, response, kQueryLifetime) != 0) {
     VRLOG(kLogInfo, "Error: fail to update reply cache");
   }
@@ -74,7 +73,7 @@ wmi_auth_task* new_wmi_task(const Velder::IPAuthRequest& request, int client_fd)
   task->stage = WmiStage::kConnect;
   task->client_fd = client_fd;
   task->agent_fd = -1;
-  strncpy(task->ip, request.ip().c_str(), sizeof(task->ip) - 1);
+  strncpy(task->ip, whole_text(request.ip()), sizeof(task->ip) - 1);
   return task;
 }
 

@@ -2,7 +2,7 @@
 
 #include <unistd.h>
 
-#include <cassert>
+#include <cassert>  // __assert_fail
 #include <cstring>
 #include <memory>
 
@@ -134,7 +134,8 @@ Outcome start_ntlm_exchange(Frame& frame) {
 void ntlm_authentication_handler(int fd, short /*events*/, void* arg) {
   VrLogContext::setCurrentThreadTag(fd);
   std::unique_ptr<ntlm_authenticaton_task> task(static_cast<ntlm_authenticaton_task*>(arg));
-  assert(__null != task);
+  // Operators know this failure by its text.
+  if (task == nullptr) __assert_fail("__null != task", __FILE__, __LINE__, __PRETTY_FUNCTION__);
   const Next next = task->stage == kNtlmFirstRequest ? answer_first(fd, *task) : gather_second(fd, *task);
   switch (next) {
     case Next::kStay: wait_for(fd, EVENT_READ, ntlm_authentication_handler, task.release()); return;

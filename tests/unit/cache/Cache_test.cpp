@@ -24,7 +24,6 @@ extern "C" time_t __wrap_time(time_t* out) {
 
 namespace {
 
-using Velder::IPAuthResponse;
 using Velder::UserInfoQueryResponse;
 
 const uint32_t g_bound_at_start = Velder::reply_cache_max_size;
@@ -231,6 +230,7 @@ TEST_F(CacheTest, CountersFollowAFullSweepAtEveryUpdate) {
 
 TEST_F(CacheTest, SearchesUpdatesAndResetsRunAtOnce) {
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([thread] {
       for (int i = 0; i < 3000; ++i) {

@@ -24,6 +24,7 @@ class BootParameterTest : public testing::Test {
   static void parse(std::vector<std::string> words) {
     words.insert(words.begin(), "AuthDaemon");
     std::vector<char*> argv;
+    argv.reserve(words.size());
     for (std::string& word : words) argv.push_back(word.data());
     parse_boot_parameter(static_cast<int>(argv.size()), argv.data());
   }
