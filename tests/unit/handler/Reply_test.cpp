@@ -10,11 +10,13 @@
 
 #include "handler/Velder.pb.h"
 
+// What the sends were given; the tests of requests look at it, too.
+std::vector<std::string> g_given;
+
 namespace {
 
-// What the next sends take (negative: fail with that errno), and what they were given.
+// What the next sends take; negative: fail with that errno.
 std::vector<int> g_takes;
-std::vector<std::string> g_given;
 std::vector<event> g_registered;
 
 }  // namespace
