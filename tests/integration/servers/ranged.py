@@ -26,15 +26,20 @@ def normal_dn(dn):
 
 
 class RangedServer:
-    """`entries`: DN -> {attribute: [values]}. `account`: (DN, password) who alone may search. `binds` are the names
-    that were tried, `ranges` the ranges that were asked for."""
+    """`entries`: DN -> {attribute: [values]}; memberOf is made from member, as the original does. `account`: (DN,
+    password) who alone may search. `hidden` attributes exist for nobody who searches. `binds` are the names that were
+    tried, `ranges` the ranges that were asked for."""
 
     def __init__(self, base, entries, account):
         self.base, self.account = base, account
         self.entries = {normal_dn(dn): (dn, attributes) for dn, attributes in entries.items()}
+        for dn, attributes in entries.items():
+            for member in attributes.get("member", []):
+                self.entries[normal_dn(member)][1].setdefault("memberOf", []).append(dn)
         self.port = next(_ports)
         self.url = f"ldap://127.0.0.1:{self.port}"
         self.binds, self.ranges = [], []
+        self.hidden = {"password"}
         self._listener = None
 
     def __enter__(self):
@@ -133,7 +138,7 @@ class _Session:
         if cookie:
             hits = self.pages.pop(cookie)
         else:
-            hits = [one for one in found if matches(parts[6], one[1])]
+            hits = [one for one in found if matches(parts[6], self.visible(one[1]))]
         limit = MOST_ENTRIES if size is None else min(size, MOST_ENTRIES)
         for dn, attributes in hits[:limit]:
             self.send_entry(number, dn, attributes, wanted)
@@ -149,6 +154,9 @@ class _Session:
         control = ber.sequence(ber.sequence(ber.octets(PAGED_RESULTS), ber.octets(answer)), tag=0xA0)
         return self.result(number, _SEARCH_DONE, _SUCCESS, controls=control)
 
+    def visible(self, attributes):
+        return {name: values for name, values in attributes.items() if name not in self.server.hidden}
+
     def send_entry(self, number, dn, attributes, wanted):
         listed = [name for name in wanted if name not in ("*", "1.1")] or list(attributes)
         parts = []
@@ -156,7 +164,7 @@ class _Session:
             name, _, option = description.partition(";")
             name = next((own for own in attributes if own.lower() == name.lower()), name)
             values = attributes.get(name, [])
-            if name == "password" or not values:
+            if name in self.server.hidden or not values:
                 continue
             parts += self.in_ranges(name, values, option)
         self.send(number, _ENTRY, ber.octets(dn), ber.sequence(*parts))
@@ -206,6 +214,6 @@ def matches(condition, attributes):
 
 def values_of(attributes, name):
     for own, values in attributes.items():
-        if own.lower() == name.decode().lower() and own != "password":
+        if own.lower() == name.decode().lower():
             return values
     return []

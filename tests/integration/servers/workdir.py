@@ -18,7 +18,7 @@ SNAPSHOT = f"{sandbox.WORKDIR}/directory.db"
 EXAMPLES = pathlib.Path(__file__).resolve().parents[3] / "examples"
 PASSWORD_FILE = "reader.password"
 
-Outcome = namedtuple("Outcome", "status output errors seconds peak_kilobytes")
+Outcome = namedtuple("Outcome", "status output errors seconds")
 
 
 def settings(servers, reader, base=None, search_limit=0, general=(), **keys):
@@ -57,18 +57,25 @@ def start_sync(*options, as_root=False, **more):
 
 
 def finish(process, begin=None):
-    output, errors = process.stdout.read(), process.stderr.read()
-    _, status, usage = os.wait4(process.pid, 0)
-    process.returncode = os.waitstatus_to_exitcode(status)
-    process.stdout.close()
-    process.stderr.close()
-    seconds = time.monotonic() - begin if begin else 0
-    return Outcome(process.returncode, output, errors, seconds, usage.ru_maxrss)
+    output, errors = process.communicate(timeout=600)
+    return Outcome(process.returncode, output, errors, time.monotonic() - begin if begin else 0)
 
 
 def ldap_sync(*options, **more):
     begin = time.monotonic()
     return finish(start_sync(*options, **more), begin)
+
+
+def measure(process):
+    """Waits for the end of a process; (seconds, peak memory in MB). What the system tells afterwards would count
+    the process that started it, too."""
+    begin, peak = time.monotonic(), 0
+    while process.poll() is None:
+        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
+            with open(f"/proc/{process.pid}/status", encoding="ascii") as file:
+                peak = max([peak] + [int(line.split()[1]) for line in file if line.startswith("VmHWM:")])
+        time.sleep(0.005)
+    return time.monotonic() - begin, peak / 1024
 
 
 def good_sync(*options, **more):
