@@ -3,12 +3,13 @@
 import glob
 import os
 import re
+import socket
 import time
 
 import pytest
 
-from harness import directory, sandbox
-from harness.daemon import seconds_between, until, write_file
+from harness import directory, sandbox, wire
+from harness.daemon import processes, seconds_between, until, write_file
 
 FACTOR = 60
 SCRIPT = """#!/bin/sh
@@ -121,6 +122,10 @@ def test_script__is_not_told_to_end_with_the_daemon(daemon):
     until(lambda: "begun" in sync_log(), "the script to begin")
     os.kill(daemon.pid, 15)
     assert daemon.status() == 0
+    # Nor does it keep what the daemon had: the port is free.
+    until(lambda: len(processes()) == 1, "the workers' end")
+    with socket.create_server(("0.0.0.0", wire.ADDRESS[1])):
+        pass
     with open(f"{sandbox.OUTSIDE}/go", "w", encoding="ascii"):
         pass
     until(lambda: "done" in sync_log(), "the script to end")

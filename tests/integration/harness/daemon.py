@@ -60,6 +60,15 @@ def processes(name="AuthDaemon"):
     return found
 
 
+def has_event_loop(pid):
+    """What tells a worker from the child that synchronises, and from one that is just dying."""
+    with contextlib.suppress(OSError):
+        for fd in sorted(os.listdir(f"/proc/{pid}/fd"), key=int):
+            if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:[eventpoll]":
+                return True
+    return False
+
+
 def collect(pid, timeout=LONG_WAIT):
     """The wait status of one of our children."""
     def ended():
@@ -100,17 +109,15 @@ def seconds_between(first, second):
     return (seconds_of_day(second) - seconds_of_day(first)) % 86400
 
 
-def environment(binary, factor):
-    """The sanitizers' runtime has to stand before our library in the list of preloaded ones."""
-    libraries = subprocess.run(["ldd", binary], capture_output=True, text=True, check=True).stdout
-    runtimes = re.findall(r"=> (\S*/lib(?:asan|tsan)\.so\S*)", libraries)
-    result = dict(os.environ, SHORTSLEEP_FACTOR=str(factor),
-                  LD_PRELOAD=" ".join(runtimes + [os.environ["AUTHD_SHORTSLEEP"]]))
-    for name, own in (("ASAN", "detect_leaks=0:abort_on_error=0"), ("UBSAN", "print_stacktrace=1"),
-                      ("TSAN", "second_deadlock_stack=1")):
-        # A worker that dies of a finding must leave the finding where we look for it.
+def environment(factor):
+    """Of the daemon: shorter sleeps, and sanitizers that leave what they find where we look for it."""
+    result = dict(os.environ, SHORTSLEEP_FACTOR=str(factor), LD_PRELOAD=os.environ["AUTHD_SHORTSLEEP"])
+    own = {"ASAN": "detect_leaks=0:verify_asan_link_order=0",  # the preloaded library allocates nothing
+           "UBSAN": "print_stacktrace=1",
+           "TSAN": "report_signal_unsafe=0"}  # the signal handler logs, and interrupts nothing but sleep
+    for name, options in own.items():
         given = os.environ.get(f"{name}_OPTIONS", "")
-        result[f"{name}_OPTIONS"] = ":".join(filter(None, [given, own, f"log_path={sandbox.REPORTS}/{name}"]))
+        result[f"{name}_OPTIONS"] = ":".join(filter(None, [given, options, f"log_path={sandbox.REPORTS}/{name}"]))
     return result
 
 
@@ -136,7 +143,7 @@ class Daemon:
             limits = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, open_files)  # noqa: E731
         else:
             limits = None
-        foreground = subprocess.run(arguments, env=environment(binary, factor), stdin=subprocess.DEVNULL,
+        foreground = subprocess.run(arguments, env=environment(factor), stdin=subprocess.DEVNULL,
                                     capture_output=True, timeout=LONG_WAIT, check=False, preexec_fn=limits, pass_fds=inherit)
         assert (foreground.returncode, foreground.stdout, foreground.stderr) == (0, b"", b"")
         # The foreground process has ended, so the daemon is our child now, even when it has ended, too.
@@ -183,13 +190,9 @@ class Daemon:
     # Looking at it.
 
     def workers(self):
-        """Pids of the live workers, the oldest first: the children that have started threads of their own. The
-        child that synchronises has none."""
-        born = {}
-        for pid, (parent, _) in processes().items():
-            fields = stat_fields(pid)
-            if parent == self.pid and fields and fields[1] != "Z" and int(fields[18]) > 1:
-                born[pid] = int(fields[20])
+        """Pids of the live workers, the oldest first."""
+        children = {pid: stat_fields(pid) for pid, (parent, _) in processes().items() if parent == self.pid}
+        born = {pid: int(fields[20]) for pid, fields in children.items() if fields and has_event_loop(pid)}
         return sorted(born, key=lambda pid: (born[pid], pid))
 
     def wait_workers(self, count):
