@@ -85,6 +85,12 @@ const char* describe(CredentialVerdict verdict) {
   return "cannot tell";
 }
 
+void log_refusal(const char* user, const CredentialResult& result) {
+  VRLOG(kLogInfo, "Directory: password of user %s refused: %s%s%s", velder::printable(user).c_str(),
+        describe(result.verdict), result.why.empty() ? "" : ", ",
+        velder::printable(result.why, kErrorTextLimit).c_str());
+}
+
 }  // namespace
 
 // No acceptor is configured, so an exchange has nothing to keep.
@@ -155,9 +161,7 @@ bool LdapModule::validate_credential(const char* user, const char* password, voi
   });
   if (result.verdict == CredentialVerdict::kProven) return true;
   const auto log = [&]() -> bool {
-    VRLOG(kLogInfo, "Directory: password of user %s refused: %s%s%s", velder::printable(user).c_str(),
-          describe(result.verdict), result.why.empty() ? "" : ", ",
-          velder::printable(result.why, kErrorTextLimit).c_str());
+    log_refusal(user, result);
     return false;
   };
   return guarded(log, false);

@@ -11,6 +11,7 @@
 #include <memory>
 #include <thread>
 
+#include "brellog/VrLog.h"
 #include "libvelder/LdapSource.h"
 #include "libvelder/Settings.h"
 #include "tests/unit/libvelder/LiveDirectoryData.h"
@@ -283,6 +284,37 @@ TEST_F(LiveLookupTest, PasswordsAreProvedByOneBindEach) {
   const size_t refused = refused_binds();
   EXPECT_FALSE(proves("anna", "wrong again"));
   EXPECT_EQ(refused_binds(), refused) << "a reload forgets nothing that protects the account";
+}
+
+TEST_F(LiveLookupTest, RefusalsAreToldApartInTheLogAndHoldNoPassword) {
+  struct Row {
+    const char* user;
+    std::string line;
+  };
+  const std::string at_server = ", " + server_->url() + ": ";
+  const Row rows[] = {
+      {"anna", "user anna refused: wrong" + at_server},
+      {"nobody\n<INF> x", "user nobody\\x0a<INF> x refused: no such user"},
+      {"off", "user off refused: disabled or locked, says the entry itself"},
+      {"HQ\\shared", "user HQ\\shared refused: wrong" + at_server},
+      {"carla", "user carla refused: cannot tell" + at_server},  // the server is gone by then
+  };
+  VrLog::setConfig(nullptr, nullptr);  // standard output
+  VrLog::setLogVerbose(true);
+  for (const Row& row : rows) {
+    if (row.user == std::string("carla")) {
+      ASSERT_EQ(who_is("carla"), "0: carla@corp.example.com");
+      ASSERT_NO_FATAL_FAILURE(synchronise());
+      server_->stop();
+    }
+    testing::internal::CaptureStdout();
+    EXPECT_FALSE(proves(row.user, "5ecret-of-mine")) << row.user;
+    const std::string log = testing::internal::GetCapturedStdout();
+    EXPECT_NE(log.find("<INF>"), std::string::npos) << log;
+    EXPECT_NE(log.find("password of " + row.line), std::string::npos) << row.line << " in " << log;
+    EXPECT_EQ(log.find("5ecret"), std::string::npos) << log;
+  }
+  VrLog::setLogVerbose(false);
 }
 
 TEST_F(LiveLookupTest, StaleSnapshotDoesNotKeepPeopleOut) {
