@@ -266,11 +266,13 @@ Result<void> shake_hands(LdapConnection::Session& session, const Domain& domain,
   const std::string reason = diagnostic_of(session.ld);
   if (!reason.empty() && reason.find("unknown error") == std::string::npos)
     return session.lose(kDirectoryServerDown, "no TLS: " + printable(reason, kServerTextLimit));
-  // The library has no words for a certificate that no trusted CA has signed.
+  // The library tells these apart in a trace only.
   const std::string trusted =
       domain.ca_cert_file.empty() ? "the system trusts" : printable(domain.ca_cert_file, 200) + " holds";
-  return session.lose(kDirectoryServerDown, "no TLS: no TLS server, or its certificate is of no CA that " +
-                                                trusted + ", or has expired");
+  return session.lose(kDirectoryServerDown,
+                      "no TLS: the server speaks none, or its certificate has expired, is for "
+                      "another name, or is of no CA that " +
+                          trusted);
 }
 
 milliseconds slice_until(Deadline until) {

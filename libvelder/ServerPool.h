@@ -55,7 +55,7 @@ class ServerPool {
   static constexpr std::chrono::seconds kIdleMost{60};
 
   // kNone: no thread is ever started; a server that was put aside is tried again by the caller that comes
-  // when its next probe would be due. For short-lived programs and before a fork.
+  // when its next probe would be due. For programs that end by returning from main, and before a fork.
   enum class Probes { kBackground, kNone };
 
   explicit ServerPool(const Domain& domain, Probes probes = Probes::kBackground);
