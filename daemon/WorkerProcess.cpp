@@ -46,6 +46,7 @@ sigset_t handled_signals() {
   sigemptyset(&signals);
   for (int signal_number : kExitSignals) sigaddset(&signals, signal_number);
   for (int signal_number : kOtherSignals) sigaddset(&signals, signal_number);
+  sigaddset(&signals, SIGALRM);
   return signals;
 }
 
@@ -80,11 +81,29 @@ void handle_child() {
   }
 }
 
+// A signal that comes between the last look at it and the sleep itself would be noticed when the sleep ends,
+// half an hour later. So every signal sets an alarm, which ends the sleep a second later and comes again
+// until the sleep is over.
+void wake_again(int /*signal_number*/) {
+  alarm(1);
+}
+
+// No alarm is left, neither set nor on its way.
+void forget_alarm() {
+  alarm(0);
+  sigset_t alarms;
+  sigemptyset(&alarms);
+  sigaddset(&alarms, SIGALRM);
+  const timespec at_once{};
+  sigtimedwait(&alarms, nullptr, &at_once);
+}
+
 // Installed for all six signals in every process. Runs only inside the main thread's sleeps; the other
 // signals are shut out first, so that it never interrupts itself in the middle of a log line.
 void handle_signal(int signal_number) {
   block_signals();
   ++g_signals_taken;
+  wake_again(signal_number);
   switch (signal_number) {
     case SIGCHLD: handle_child(); break;
     case SIGUSR1:
@@ -102,6 +121,7 @@ unsigned int sleep_once(unsigned int seconds) {
   unblock_signals();
   if (g_signals_taken == taken_before) seconds = sleep(seconds);
   block_signals();
+  forget_alarm();
   return seconds;
 }
 
@@ -187,6 +207,7 @@ void end_workers() {
 void set_signal_handler() {
   for (int signal_number : kExitSignals) signal(signal_number, handle_signal);
   for (int signal_number : kOtherSignals) signal(signal_number, handle_signal);
+  signal(SIGALRM, wake_again);
   signal(SIGPIPE, SIG_IGN);  // a client that closes early is a failed send, not the end of a worker
   block_signals();
 }
@@ -230,6 +251,7 @@ void restore_default_signals() {
   for (int signal_number : kExitSignals) signal(signal_number, SIG_DFL);
   signal(SIGCHLD, SIG_DFL);
   signal(SIGPIPE, SIG_DFL);
+  signal(SIGALRM, SIG_DFL);
   signal(SIGUSR1, SIG_IGN);
   signal(SIGUSR2, SIG_IGN);
   unblock_signals();

@@ -1,5 +1,8 @@
 // Preloaded into the daemon by the tests: sleep() waits a fraction of the time. The daemon counts its long
 // waits by what sleep() returns, so what is left after a signal is given in the caller's seconds.
+//
+// SHORTSLEEP_GAP_MS makes the moment longer that lies between the caller's last look at its flags and the
+// wait itself: a signal in that gap is handled, and the wait begins all the same.
 #include <time.h>
 
 #include <cerrno>
@@ -15,6 +18,14 @@ double factor() {
   return value >= 1 ? value : 1;
 }
 
+void linger_in_the_gap() {
+  const char* text = getenv("SHORTSLEEP_GAP_MS");
+  if (text == nullptr) return;
+  timespec left{0, strtol(text, nullptr, 10) * 1'000'000};
+  while (nanosleep(&left, &left) != 0) {
+  }
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned int seconds) {
@@ -22,6 +33,7 @@ extern "C" __attribute__((visibility("default"))) unsigned int sleep(unsigned in
   const auto whole = static_cast<time_t>(shortened);
   timespec left{whole, static_cast<long>((shortened - static_cast<double>(whole)) * kNanoseconds)};
   const int saved_errno = errno;
+  linger_in_the_gap();
   if (nanosleep(&left, &left) == 0) {
     errno = saved_errno;
     return 0;
