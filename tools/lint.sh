@@ -29,7 +29,7 @@ layout() {
 bugs() {
   # The database also holds generated sources; the pattern, a regular expression, takes ours only.
   local prefix
-  prefix=$(printf '%s' "$root" | sed 's/[][.*^$+?(){}|\\]/\\&/g')
+  prefix=$(printf '%s' "$root" | sed 's/[^A-Za-z0-9_/-]/\\&/g')
   if [ ! -f "$build/compile_commands.json" ]; then
     echo "no compile database in $build"
     return 1
