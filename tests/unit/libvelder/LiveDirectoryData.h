@@ -1,4 +1,6 @@
-// Two domains on one directory server: corp as RFC 2307 has it, lab as Active Directory does.
+// Two domains on one directory server: corp as RFC 2307 has it, lab as Active Directory does. Entries of corp
+// are found by their DN in one search for many; those of lab, where no entry has a distinguishedName, one by
+// one.
 #pragma once
 
 #include <string>
@@ -152,14 +154,12 @@ member: uid=shared,ou=people,dc=corp,dc=example,dc=com
 dn: dc=lab,dc=example,dc=com
 objectClass: domain
 dc: lab
-distinguishedName: dc=lab,dc=example,dc=com
 
 dn: cn=Lena Meyer,dc=lab,dc=example,dc=com
 objectClass: user
 cn: Lena Meyer
 sAMAccountName: lena
 userPrincipalName: l.meyer@example.com
-distinguishedName: cn=Lena Meyer,dc=lab,dc=example,dc=com
 objectSid: S-1-5-21-1-2-3-1105
 primaryGroupID: 513
 userPassword: lena-secret
@@ -168,7 +168,6 @@ dn: cn=Shared,dc=lab,dc=example,dc=com
 objectClass: user
 cn: Shared
 sAMAccountName: shared
-distinguishedName: cn=Shared,dc=lab,dc=example,dc=com
 objectSid: S-1-5-21-9-9-9-1106
 primaryGroupID: 513
 userPassword: lab-secret
@@ -178,37 +177,33 @@ objectClass: user
 objectClass: computer
 cn: PC1
 sAMAccountName: PC1$
-distinguishedName: cn=PC1,dc=lab,dc=example,dc=com
 
 dn: cn=Contact,dc=lab,dc=example,dc=com
 objectClass: person
 cn: Contact
 sn: C
-distinguishedName: cn=Contact,dc=lab,dc=example,dc=com
 
 dn: cn=Domain Users,dc=lab,dc=example,dc=com
 objectClass: group
 cn: Domain Users
-distinguishedName: cn=Domain Users,dc=lab,dc=example,dc=com
 objectSid:: AQUAAAAAAAUVAAAAAQAAAAIAAAADAAAAAQIAAA==
 
 dn: cn=Staff,dc=lab,dc=example,dc=com
 objectClass: group
 cn: Staff
-distinguishedName: cn=Staff,dc=lab,dc=example,dc=com
+member: cn=PC1,dc=lab,dc=example,dc=com
 member: cn=Domain Users,dc=lab,dc=example,dc=com
+member: cn=Contact,dc=lab,dc=example,dc=com
 
-dn: cn=Many,dc=lab,dc=example,dc=com
-objectClass: group
+dn: cn=Many,dc=corp,dc=example,dc=com
+objectClass: groupOfNames
 cn: Many
-distinguishedName: cn=Many,dc=lab,dc=example,dc=com
 )";
   std::string users;
   for (int number = 100; number < 100 + kManyUsers; ++number) {
-    const std::string name = "m" + std::to_string(number), dn = "cn=" + name + ",dc=lab,dc=example,dc=com";
+    const std::string name = "m" + std::to_string(number), dn = "uid=" + name + ",dc=corp,dc=example,dc=com";
     ldif += "member: " + dn + "\n";
-    users += "\ndn: " + dn + "\nobjectClass: user\ncn: " + name + "\nsAMAccountName: " + name +
-             "\ndistinguishedName: " + dn + "\n";
+    users += "\ndn: " + dn + "\nobjectClass: inetOrgPerson\ncn: " + name + "\nsn: M\nuid: " + name + "\n";
   }
   return ldif + users;
 }

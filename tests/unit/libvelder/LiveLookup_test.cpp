@@ -14,6 +14,7 @@
 #include "brellog/VrLog.h"
 #include "libvelder/LdapSource.h"
 #include "libvelder/Settings.h"
+#include "libvelder/UnknownNames.h"
 #include "tests/unit/libvelder/LiveDirectoryData.h"
 #include "tests/unit/libvelder/SampleDirectory.h"
 #include "tests/unit/libvelder/Slapd.h"
@@ -86,7 +87,7 @@ struct Case {
 std::string addresses_of_many() {
   std::string text;
   for (int number = 100; number < 100 + kManyUsers; ++number) {
-    text += " m" + std::to_string(number) + "@lab.example.com";
+    text += " m" + std::to_string(number) + "@corp.example.com";
   }
   return text;
 }
@@ -180,6 +181,11 @@ TEST_F(LiveAnswersTest, ServersAndTheirSnapshotGiveTheSameAnswers) {
   for (const Case& row : cases()) EXPECT_EQ(row.ask(), row.expected) << "snapshot: " << row.what;
 }
 
+TEST_F(LiveLookupTest, ManyMembersTakeFewQuestions) {
+  EXPECT_EQ(users_of({"Many"}, 0), "0: [Many" + addresses_of_many() + "]");
+  EXPECT_LE(searches(), 12U);
+}
+
 TEST_F(LiveLookupTest, SearchLimitCutsTheListAndSaysSo) {
   write_settings("SearchLimit=5");
   ASSERT_EQ(LdapModule::load_db_cache(), 0);
@@ -263,6 +269,7 @@ TEST_F(LiveLookupTest, PasswordsAreProvedByOneBindEach) {
       {"inner", "x", false, 0, 0},
       {"nobody", "x", false, 0, 0},
   };
+  size_t refused = 0;
   for (const bool with_snapshot : {false, true}) {
     if (with_snapshot) {
       ASSERT_NO_FATAL_FAILURE(synchronise());
@@ -272,18 +279,21 @@ TEST_F(LiveLookupTest, PasswordsAreProvedByOneBindEach) {
     }
     ASSERT_EQ(who_is("anna"), "0: anna@corp.example.com");
     for (const Row& row : rows) {
-      const size_t anonymous = binds_as(""), all = binds(), refused = refused_binds();
+      const size_t anonymous = binds_as(""), all = binds();
       EXPECT_EQ(proves(row.user, row.password), row.proven) << row.user << " " << row.password;
       EXPECT_EQ(binds() - all - (binds_as("") - anonymous), row.binds) << row.user << " " << row.password;
-      EXPECT_EQ(refused_binds() - refused, row.refused) << row.user << " " << row.password;
+      refused += row.refused;
     }
     EXPECT_FALSE(proves("off", "off-secret")) << "disabled, which this server does not mind";
+    // A result is logged only after it was sent.
+    EXPECT_TRUE(comes_true([&] { return refused_binds() == refused; })) << refused_binds() << " " << refused;
   }
   write_settings("RefusedPasswordMemory=61\nSearchLimit=7");
   ASSERT_EQ(LdapModule::load_db_cache(), 0);
-  const size_t refused = refused_binds();
+  const std::string anna = "uid=anna,ou=people,dc=corp,dc=example,dc=com";
+  const size_t before = binds_as(anna);
   EXPECT_FALSE(proves("anna", "wrong again"));
-  EXPECT_EQ(refused_binds(), refused) << "a reload forgets nothing that protects the account";
+  EXPECT_EQ(binds_as(anna), before) << "a reload forgets nothing that protects the account";
 }
 
 TEST_F(LiveLookupTest, RefusalsAreToldApartInTheLogAndHoldNoPassword) {
@@ -432,16 +442,20 @@ TEST_F(HalfSnapshotTest, FrozenServerIsNoticedByAFewAndUsedAgainLater) {
   ASSERT_EQ(who_is("lena"), "0: lena@lab.example.com");
   server_->freeze();
   std::vector<std::thread> stuck;
+  std::atomic<size_t> not_stuck{0};
   for (int client = 0; client < 12; ++client) {
-    stuck.emplace_back([client] {
+    stuck.emplace_back([client, &not_stuck] {
       const std::string name = "unknown" + std::to_string(client);
-      EXPECT_LT(time_of([&] { EXPECT_EQ(who_is(name), "32"); }), milliseconds(8000));
+      const milliseconds took = time_of([&] { EXPECT_EQ(who_is(name), "32"); });
+      EXPECT_LT(took, milliseconds(8000));
+      if (took < milliseconds(900)) ++not_stuck;  // OperationTimeout is a second
     });
   }
   for (int round = 0; round < 50; ++round) {
     EXPECT_LT(time_of([] { EXPECT_EQ(who_is("anna"), "0: anna@corp.example.com"); }), milliseconds(500));
   }
   for (std::thread& client : stuck) client.join();
+  EXPECT_GE(not_stuck, 12 - velder::UnknownNames::kMostQuestions);
   EXPECT_LT(time_of([] { EXPECT_EQ(who_is("lena"), "32"); }), milliseconds(500));
   EXPECT_LT(time_of([] { EXPECT_FALSE(proves("anna", "anna-secret")); }), milliseconds(8000));
   server_->thaw();
