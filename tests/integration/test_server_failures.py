@@ -106,7 +106,6 @@ def test_failover__within_the_timeout(daemon, pair, kind):
                     assert ask.user("nobody") == 32
                 assert second.binds() == before[1] + 3
                 daemon.wait_line(re.compile(f"server put aside: .*{preferred.url}"), level="ERR")
-    assert daemon.stop() == 0
 
 
 def test_return__the_preferred_server_is_used_again(daemon, pair):
@@ -217,7 +216,6 @@ def test_start__without_server_and_snapshot(daemon, pair):
         until(lambda: ask.user("alice") not in (81, 85), "look-ups")
         assert ask.groups_of("alice") == people.GROUPS_OF["alice"]
         assert ask.validate("alice", "correct horse") is True
-    assert daemon.stop() == 0
 
 
 def test_restarted_server__costs_no_request(daemon, pair):
@@ -232,4 +230,3 @@ def test_restarted_server__costs_no_request(daemon, pair):
         assert ask.user("bob")[1] == "bob"
         assert ask.validate("bob", "bob's own") is True
     assert daemon.count_lines(re.compile("put aside")) == 0
-    assert daemon.stop() == 0

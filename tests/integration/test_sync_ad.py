@@ -139,7 +139,6 @@ def test_live__answers_are_those_of_the_snapshot(daemon, domain):
     daemon.wait_line(re.compile("snapshot of the servers"), count=2)
     stored = answers()
     assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
-    assert daemon.stop() == 0
 
 
 # Passwords.
@@ -168,7 +167,6 @@ def test_validate__right_and_wrong(daemon, domain, synchronised):
         assert domain.wrong_passwords(user_dn("alice")) == 2
         assert ask.validate("alice", PEOPLE_OF_NOTE["alice"][1]) is True
         assert domain.wrong_passwords(user_dn("alice")) == 0
-    assert daemon.stop() == 0
 
 
 def test_validate__disabled_and_locked_are_told_apart_from_wrong(daemon, domain):
@@ -194,7 +192,6 @@ def test_validate__disabled_and_locked_are_told_apart_from_wrong(daemon, domain)
         assert ask.validate("lou", PEOPLE_OF_NOTE["lou"][1]) is True
     for uid in ("gone", "lou"):
         assert PEOPLE_OF_NOTE[uid][1] not in log_text()
-    assert daemon.stop() == 0
 
 
 def test_frozen_controller__is_missed_for_its_timeout_only(daemon, domain):
@@ -257,7 +254,6 @@ def test_ranges__come_complete(daemon):
             assert server.ranges
             daemon.wait_line(re.compile("snapshot of the servers"), count=2)
             expect_ranges_complete(ask)
-    assert daemon.stop() == 0
 
 
 def test_ranges__half_a_group_is_no_group():

@@ -88,4 +88,3 @@ def test_everything__in_reasonable_time_and_memory(daemon, slapd, capsys):
         last = GROUP_COUNT - 1
         assert sorted(ask.members(group(last))[f"cn={group(last)},{GROUPS}"]) == sorted(
             f"{uid(member)}@corp.test" for member in members(last))
-    assert daemon.stop() == 0

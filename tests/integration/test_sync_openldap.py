@@ -1,6 +1,8 @@
 """Synchronisation with OpenLDAP: trying the settings, reading everything, and never losing what there was."""
 
+import contextlib
 import os
+import pty
 import random
 import re
 import signal
@@ -13,6 +15,7 @@ from harness import sandbox
 from harness.daemon import program, until
 from servers import people, workdir
 from servers.process import Stopwatch
+from servers.ranged import RangedServer
 from servers.relay import Relay
 from servers.slapd import PEOPLE, READER, READER_PASSWORD, SUFFIX, Slapd
 from servers.workdir import Questions
@@ -180,7 +183,6 @@ def test_live__answers_are_those_of_the_snapshot(daemon, slapd):
     daemon.wait_line(re.compile("snapshot of the servers"), count=2)
     stored = answers()
     assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
-    assert daemon.stop() == 0
 
 
 def test_unknown_name__is_asked_of_the_server(daemon, slapd):
@@ -200,7 +202,56 @@ def test_unknown_name__is_asked_of_the_server(daemon, slapd):
             assert ask.users("c08888") == []  # searches are the snapshot's
         finally:
             slapd.change(f"dn: {people.user_dn('c08888')}\nchangetype: delete\n")
-    assert daemon.stop() == 0
+
+
+LAB = "DC=lab,DC=test"
+LAB_ALICE = f"CN=Alice of the Lab,{LAB}"
+
+
+def test_two_domains__all_or_nothing(daemon, slapd):
+    """The same uid in both; what one domain has is never published without the other."""
+    entries = {LAB: {"objectClass": ["top", "domain"]},
+               LAB_ALICE: {"objectClass": ["top", "user"], "cn": ["Alice of the Lab"], "sAMAccountName": ["alice"],
+                           "password": ["in the lab"]},
+               f"CN=Lab Rats,{LAB}": {"objectClass": ["group"], "cn": ["Lab Rats"],
+                                      "member": [LAB_ALICE, people.user_dn("bob")]}}
+    with RangedServer(LAB, entries, (f"CN=reader,{LAB}", READER_PASSWORD)) as lab:
+        text = settings(slapd) + "\n".join(["[Domain_2]", "DnsName=lab.test", f"Servers={lab.url}", f"BindDN=CN=reader,{LAB}",
+                                            f"BindPasswordFile={workdir.PASSWORD_FILE}", "OperationTimeout=1", ""])
+        workdir.place(text, READER_PASSWORD)
+        workdir.good_sync()
+        old = workdir.snapshot()
+        daemon.start("--disable-reply-cache", keep=True)
+        with Questions() as ask:
+            assert ask.user("alice") == 32
+            assert ask.user("LAB\\alice")[0] == ask.user("alice@lab.test")[0] == "lab.test"
+            assert ask.user("CORP\\alice")[0] == "corp.test"
+            assert ask.groups_of("bob") == sorted([*people.GROUPS_OF["bob"], "Lab Rats"], key=str.lower)
+            assert ask.validate("LAB\\alice", "in the lab") is True and ask.validate("CORP\\alice", "in the lab") is False
+            assert ask.validate("alice@corp.test", "correct horse") is True and ask.validate("alice", "in the lab") is False
+            lab.close()
+            one_line(workdir.ldap_sync(), lab.url)
+            assert workdir.snapshot() == old
+            assert ask.validate("LAB\\alice", "in the lab") is False
+            assert ask.validate("CORP\\alice", "correct horse") is True
+            assert ask.user("LAB\\alice")[2] == "Alice of the Lab"
+
+
+def test_terminal__shows_how_far_it_is(slapd):
+    """A bar that ends with the run; nothing of it where nobody looks."""
+    place_with_snapshot(slapd)
+    own, other = pty.openpty()
+    process = workdir.start_sync(stderr=other)
+    os.close(other)
+    shown = b""
+    with contextlib.suppress(OSError):  # the end of the terminal
+        while piece := os.read(own, 65536):
+            shown += piece
+    os.close(own)
+    assert process.wait(10) == 0 and len(process.stdout.read().splitlines()) == 1
+    assert re.search(rb"\[#*\.*\] \d+ entries, reading corp.test", shown), shown
+    assert shown.endswith(b"\r\x1b[K"), shown
+    process.stdout.close()
 
 
 # Reload and schedule.
@@ -222,7 +273,6 @@ def test_script__brings_changes_to_the_workers(daemon, slapd, as_root):
                       f"worker {worker} to use the new snapshot")
     finally:
         slapd.change(f"dn: {people.user_dn('c07777')}\nchangetype: delete\n")
-    assert daemon.stop() == 0
 
 
 def test_schedule__the_daemon_synchronises_by_itself(daemon, slapd, monkeypatch):
@@ -280,7 +330,6 @@ def test_shrunk__the_old_snapshot_stays_until_forced(daemon):
         assert "998 users" in workdir.good_sync().output
         slapd.refill("")
         assert "0 users" in workdir.good_sync("--force").output
-        assert daemon.stop() == 0
 
 
 @pytest.mark.parametrize("trick, words", [
@@ -312,7 +361,6 @@ def test_failed__neither_recorded_nor_told(daemon, slapd):
     assert done.returncode == 1 and "refused" in done.stdout.lower(), done
     assert not os.path.exists(f"{sandbox.WORKDIR}/.LastSyncTime.ini")
     assert daemon.count_lines(re.compile("snapshot of the servers")) == 1
-    assert daemon.stop() == 0
 
 
 def test_killed__at_any_moment(daemon):
@@ -341,7 +389,6 @@ def test_killed__at_any_moment(daemon):
         assert killed > 0
         workdir.good_sync()
         assert (workdir.stored_users(), workdir.leftovers()) == (present, [])
-        assert daemon.stop() == 0
 
 
 def test_disk_full__the_old_snapshot_stays(slapd):
@@ -371,4 +418,3 @@ def test_root_by_hand__does_not_lock_the_account_out(daemon, slapd):
     with Questions() as ask, slapd.frozen():
         assert ask.groups_of("bob") == people.GROUPS_OF["bob"]
     workdir.good_sync()
-    assert daemon.stop() == 0

@@ -3,6 +3,7 @@ of an attribute, unasked, as "member;range=0-1499", and the rest only range by r
 the plain one, empty. Pages, filters and binds work; unpaged searches end after 1,000 entries; search references that
 nobody can follow come with every search of the whole tree."""
 
+import contextlib
 import itertools
 import re
 import socket
@@ -34,13 +35,15 @@ class RangedServer:
         self.base, self.account = base, account
         self.entries = {normal_dn(dn): (dn, attributes) for dn, attributes in entries.items()}
         for dn, attributes in entries.items():
-            for member in attributes.get("member", []):
-                self.entries[normal_dn(member)][1].setdefault("memberOf", []).append(dn)
+            for member in map(normal_dn, attributes.get("member", [])):
+                if member in self.entries:  # not one of another domain
+                    self.entries[member][1].setdefault("memberOf", []).append(dn)
         self.port = next(_ports)
         self.url = f"ldap://127.0.0.1:{self.port}"
         self.binds, self.ranges = [], []
         self.hidden = {"password"}
         self._listener = None
+        self._open = set()
 
     def __enter__(self):
         self._listener = socket.create_server(("127.0.0.1", self.port), backlog=128)
@@ -48,8 +51,16 @@ class RangedServer:
         return self
 
     def __exit__(self, *_):
-        self._listener.shutdown(socket.SHUT_RDWR)
+        self.close()
+
+    def close(self):
+        """Ends everything at once, as a killed server would."""
+        with contextlib.suppress(OSError):
+            self._listener.shutdown(socket.SHUT_RDWR)
         self._listener.close()
+        for peer in list(self._open):
+            with contextlib.suppress(OSError):
+                peer.shutdown(socket.SHUT_RDWR)
 
     def _accept(self):
         while True:
@@ -57,7 +68,12 @@ class RangedServer:
                 peer, _ = self._listener.accept()
             except OSError:
                 return
-            threading.Thread(target=_Session(self, peer).run, daemon=True).start()
+            self._open.add(peer)
+            threading.Thread(target=self._serve, args=(peer,), daemon=True).start()
+
+    def _serve(self, peer):
+        _Session(self, peer).run()
+        self._open.discard(peer)
 
 
 class _Session:

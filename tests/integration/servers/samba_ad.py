@@ -1,9 +1,9 @@
 """A Samba domain controller of the tests' own. Setting the domain up and filling it takes a while, so that is done
 once for each build directory; later runs start from a copy."""
 
+import glob
 import hashlib
 import os
-import shutil
 import subprocess
 
 from harness import sandbox
@@ -158,9 +158,9 @@ class SambaDomain(ServerProcess):
             run("tar", "--extract", "--file", copy, "--directory", self.folder)
             return
         self._provision()
-        for name in ("private", "state"):
-            assert os.path.isdir(os.path.join(self.folder, name))
-        draft = f"{copy}.{os.getpid()}"
+        for old in glob.glob(os.path.join(os.path.dirname(PROGRAMS), "test-domain-*")):
+            os.unlink(old)
+        draft = f"{copy}.new"
         run("tar", "--create", "--file", draft, "--directory", self.folder, "private", "state")
         os.rename(draft, copy)
 

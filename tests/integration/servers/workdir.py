@@ -52,8 +52,8 @@ def place_script():
 def start_sync(*options, as_root=False, **more):
     identity = {} if as_root else {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": []}
     return subprocess.Popen([program("ldap_sync"), "--workdir", sandbox.WORKDIR, *options], text=True,
-                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                            **identity, **more)
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            **{"stderr": subprocess.PIPE, **identity, **more})
 
 
 def finish(process, begin=None):
