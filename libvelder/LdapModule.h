@@ -54,9 +54,10 @@ class LdapModule {
   LdapModule& operator=(const LdapModule&) = delete;
 
   // Reads LdapSetting.ini in `workdir` and, for the ldif source, brings the snapshot up to date with
-  // the LDIF file. Called once in the parent before any fork; leaves nothing open. 0, or a result code
-  // after one log line that names the file, the line or key, and what was expected. An empty `workdir`
-  // means the root directory. `flag` is accepted and not used.
+  // the LDIF file; for the ldap source neither a server nor a snapshot is needed. Called once in the parent
+  // before any fork; leaves nothing open. 0, or a result code after one log line that names the file, the
+  // line or key, and what was expected. An empty `workdir` means the root directory. `flag` is accepted and
+  // not used.
   static int initialize(const char* workdir, bool flag);
 
   // Makes the next look-ups use the newest snapshot (for the ldif source after bringing it up to date);
