@@ -74,7 +74,17 @@ def collect(pid, timeout=LONG_WAIT):
     def ended():
         done, status = os.waitpid(pid, os.WNOHANG)
         return (status,) if done else None
-    return until(ended, f"the end of process {pid}", timeout)[0]
+    return until(ended, lambda: f"the end of process {pid}\n{describe(pid)}", timeout)[0]
+
+
+def describe(pid):
+    """What a process that hangs is at."""
+    with contextlib.suppress(OSError):
+        with open(f"/proc/{pid}/wchan", encoding="ascii") as wait, open(f"/proc/{pid}/status", encoding="utf-8") as status:
+            masks = [line.strip() for line in status if line.startswith(("State", "PPid", "Sig", "Shd"))]
+            own = [line.text for line in log_lines() if line.pid == pid][-12:]
+            return f"waits in {wait.read()}, {masks}, said last: {own}"
+    return "it is gone"
 
 
 def log_text():
