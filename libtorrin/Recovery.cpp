@@ -15,6 +15,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 
 #include "brellog/VrLog.h"
 #include "libtorrin/StoreFile.h"
@@ -48,6 +49,11 @@ std::string read_line(const std::string& path) {
   std::string line;
   std::getline(file, line);
   return line;
+}
+
+std::string read_all(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
 }
 
 Result sync_folder(const std::string& folder) {
@@ -195,6 +201,9 @@ Result Recovery::finish() {
   const bool durable = durable_ && !shared_;
   const std::string text = "boot_id=" + boot_id_ + "\ndurable=" + (durable ? "yes" : "no") + "\n";
   const std::string target = path(kStateFile);
+  // Most starts change nothing; those need no space on the disk. The folder is flushed all the same: the
+  // process that gave the file its name may not have come that far.
+  if (read_all(target) == text) return sync_folder(folder_);
   const std::string unfinished = target + ".new";
   const UniqueFd fd(
       open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode));

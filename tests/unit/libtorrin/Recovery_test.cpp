@@ -67,6 +67,19 @@ TEST_F(RecoveryTest, TheCopyAtACleanEndHoldsEverything) {
   EXPECT_EQ(lookup("10.0.0.1"), "u");
 }
 
+TEST_F(RecoveryTest, AStartThatChangesNothingWritesNoState) {
+  ASSERT_EQ(start(), 0);
+  bind("10.0.0.1", "u");
+  cache_.reset();
+  // Stands for a disk on which nothing can be written any more.
+  std::filesystem::create_directory(file("state.new"));
+  EXPECT_EQ(start(), 0);
+  EXPECT_EQ(lookup("10.0.0.1"), "u");
+  cache_.reset();
+  settings("Durable=yes\n");
+  EXPECT_NE(start(), 0) << "what must be told to the next start has to be on the disk";
+}
+
 TEST_F(RecoveryTest, ADamagedFileIsPutAsideAndTheCopyTakesItsPlace) {
   struct Row {
     const char* name;
