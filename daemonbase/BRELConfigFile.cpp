@@ -25,6 +25,12 @@ struct CloseFile {
 };
 using FilePtr = std::unique_ptr<FILE, CloseFile>;
 
+// For reading. A pipe under the name of a settings file is an empty file, not a wait for its writer.
+FILE* open_text(const char* path) {
+  const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  return descriptor < 0 ? nullptr : fdopen(descriptor, "r");
+}
+
 const char* or_empty(const char* text) {
   return text == nullptr ? "" : text;
 }
@@ -187,10 +193,18 @@ class ConfigFileImpl {
     return settings_;
   }
 
+  std::string first_syntax_error() const {
+    BRELLock guard(mutex_);
+    return first_error_;
+  }
+
  private:
   int read(const char* path) REQUIRES(mutex_);
   void parse_line(const char* line, int number, std::string* section) REQUIRES(mutex_);
-  static void parse_section(const char* text, int number, std::string* section);
+  void parse_section(const char* text, int number, std::string* section) REQUIRES(mutex_);
+  void remember_error(int number, const char* what) REQUIRES(mutex_) {
+    if (first_error_.empty()) first_error_ = "line " + std::to_string(number) + ": " + what;
+  }
   const std::string* find(const char* section, const char* key) const REQUIRES(mutex_);
   int write(const char* path) const REQUIRES(mutex_);
   int write_to(FILE* stream) const REQUIRES(mutex_);
@@ -204,14 +218,16 @@ class ConfigFileImpl {
   std::string file_name_ GUARDED_BY(mutex_);    // of the last successful read
   struct stat status_ GUARDED_BY(mutex_) = {};  // of that file, taken right after the read
   bool ok_ GUARDED_BY(mutex_) = false;
+  std::string first_error_ GUARDED_BY(mutex_);
 };
 
 int ConfigFileImpl::read(const char* path) {
   settings_.clear();
+  first_error_.clear();
   ok_ = false;
   status_ = {};
   VRLOG(kLogDebug, "Read .ini file %s\n", path);
-  FilePtr file(fopen(path, "re"));
+  FilePtr file(open_text(path));
   if (file == nullptr) {
     VRLOG(kLogDebug, "Failed to open %s\n", path);
     return -1;
@@ -245,10 +261,12 @@ void ConfigFileImpl::parse_line(const char* line, int number, std::string* secti
   const char* const rest = skip_space(text + key.size());
   if (*rest != '=') {
     VRLOG(kLogInfo, "ERROR: Syntax error at line %d : '=' missing\n", number);
+    remember_error(number, "'=' missing");
     return;
   }
   if (section->empty()) {
     VRLOG(kLogInfo, "ERROR: Section not defined at line %d\n", number);
+    remember_error(number, "no section before it");
     return;
   }
   settings_[*section][std::string(key)] = skip_space(rest + 1);
@@ -260,6 +278,7 @@ void ConfigFileImpl::parse_section(const char* text, int number, std::string* se
   const std::string_view name = take_name(text);
   if (name.empty() || strchr(text + name.size(), ']') == nullptr) {
     VRLOG(kLogInfo, "ERROR: Syntax error at line %d : closing ']' missing\n", number);
+    remember_error(number, "closing ']' missing");
     return;
   }
   section->assign(name);
@@ -360,11 +379,14 @@ std::string ConfigFile::GetFilename() const {
 ConfigFile::SectionMap ConfigFile::GetRawData() const {
   return impl_->GetRawData();
 }
+std::string ConfigFile::first_syntax_error() const {
+  return impl_->first_syntax_error();
+}
 
 char* ConfigFile::ReadWarnMsg(const char* path) const {
   path = or_empty(path);
   VRLOG(kLogDebug, "ReadWarnMsg: load warning message file %s.", path);
-  const FilePtr file(fopen(path, "re"));
+  const FilePtr file(open_text(path));
   if (file == nullptr) {
     VRLOG(kLogDebug, "ReadWarnMsg: could not open file.");
     return nullptr;

@@ -69,6 +69,9 @@ class ConfigFile {
   time_t GetFileMTime() const;      // seconds, as of the last read; 0 before
   std::string GetFilename() const;  // of the last successful read; empty before
   SectionMap GetRawData() const;
+  // The first line of the last read that was passed over as no ini syntax, such as "line 3: '=' missing";
+  // empty when there was none. For readers that are stricter than this class.
+  std::string first_syntax_error() const;
 
   // A whole file as NUL-terminated text without byte-order mark, or null. The caller frees it (delete[]).
   char* ReadWarnMsg(const char* path) const;

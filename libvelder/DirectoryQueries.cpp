@@ -12,6 +12,11 @@ namespace {
 // Checked, and ignored, for users that do not exist, so that the time of an answer does not tell who does.
 constexpr std::string_view kNobodysPassword = "{SSHA}2vFJ1bWpXKXMvCDZ1VnBmGXgIzlxdmVsZGVyLW5v";
 
+// A text of nothing but characters that folding ignores. It is in no name, while the empty text is in all.
+bool vanishes(std::string_view name) {
+  return !name.empty() && search_text(name).empty();
+}
+
 // The search limit is over when one more than it allows is found.
 size_t probe_limit(uint32_t limit) {
   return limit == 0 ? 0 : size_t{limit} + 1;
@@ -43,7 +48,7 @@ int DirectoryQueries::search_users(std::string_view name, Match match, std::list
   if (match == Match::kWhole) {
     reader_.users_named(fold_text(name), NameUse::kSearch, ids);
     sort_unique(ids);
-  } else {
+  } else if (!vanishes(name)) {
     reader_.users_containing(search_text(name), limit, ids);
   }
   const bool more = cut(ids, search_limit_);
@@ -59,7 +64,7 @@ int DirectoryQueries::search_groups(std::string_view name, Match match, std::lis
   const size_t limit = probe_limit(search_limit_);
   if (match == Match::kWhole)
     reader_.groups_with_cn(fold_text(name), limit, ids);
-  else
+  else if (!vanishes(name))
     reader_.groups_containing(search_text(name), limit, ids);
   const bool more = cut(ids, search_limit_);
   list_groups(ids, groups);
@@ -83,7 +88,7 @@ int DirectoryQueries::group_groups(std::string_view group, Match match, std::lis
   std::vector<EntryId> tops;
   if (match == Match::kWhole) {
     if (const auto id = find_group(group, true, true)) tops.push_back(*id);
-  } else {
+  } else if (!vanishes(group)) {
     reader_.groups_containing(search_text(group), 0, tops);
   }
   if (tops.empty()) return code(kDirectoryNoSuchObject);

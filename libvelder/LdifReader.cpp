@@ -234,11 +234,12 @@ Result<LdifReader::LineKind> LdifReader::split_line(std::string_view text, Line&
   if (contains(text, '\0')) return fail("a NUL byte, expected text (binary values in base64)");
   if (contains(text, '\r')) return fail("a carriage return inside a line, expected LF or CR LF line ends");
   const size_t colon = text.find(':');
-  if (colon == std::string_view::npos) return fail("no colon in " + quoted(text) + ", expected name: value");
+  // Not quoted: it may be the rest of a password that lost the blank of its folding.
+  if (colon == std::string_view::npos) return fail("no colon in the line, expected name: value");
   line.name = text.substr(0, colon);
   const std::string_view name = without_options(line.name);
   if (name.empty() || !all_of(name, kNameLetter) || !all_of(line.name.substr(name.size()), kOptionLetter)) {
-    return fail(quoted(line.name) + " is no attribute name");
+    return fail("no attribute name before the colon");
   }
   std::string_view value = text.substr(colon + 1);
   if (value.starts_with('<')) return fail("a value from a URL, expected the value itself");

@@ -118,7 +118,10 @@ Result<void> add_records(const std::string& path, std::string_view content, Snap
   LdifRecord record;
   for (;;) {
     auto more = reader.next(record);
-    if (!more) return tl::make_unexpected(more.error());
+    if (!more) {
+      wipe_values(record);
+      return tl::make_unexpected(more.error());
+    }
     if (!*more) return {};
     auto added = builder.add(record);
     wipe_values(record);
@@ -188,6 +191,11 @@ Result<LdifUpdate> update_from_ldif(const std::string& workdir, const Settings& 
   if (!identity) return tl::make_unexpected(identity.error());
   const std::string origin = describe_origin(settings, *identity);
   if (is_current(origin)) return update;
+  // Settings that were cut short say "ldif" without meaning it.
+  if (!*identity && update.file && update.file->meta().source != kSourceName) {
+    return failed(settings.ldif_file + ": missing, while " + path +
+                  " is the snapshot of directory servers; expected the LDIF file, or no snapshot");
+  }
 
   const auto begin = std::chrono::steady_clock::now();
   if (auto built = build(workdir, settings, ldif, *identity, origin); !built) {

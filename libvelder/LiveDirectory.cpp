@@ -217,8 +217,11 @@ std::shared_ptr<const InForce> with_servers(SharedSnapshot file, const Settings&
 // With the mutex held. The first look-up of a process, or the first after a failure.
 Result<std::shared_ptr<const InForce>> open_snapshot(State& s) {
   if (!s.workdir) return tl::make_unexpected(Error{kDirectoryOther, "the directory is not initialised"});
-  // A worker that was forked late takes today's settings; the parent's do when they are broken.
-  if (auto settings = load_settings(*s.workdir); settings) s.settings = std::move(*settings);
+  // A worker that was forked late takes today's settings; the parent's do when they are broken, or when they
+  // name another source, to which only a reload turns.
+  if (auto settings = load_settings(*s.workdir); settings && settings->source == s.settings.source) {
+    s.settings = std::move(*settings);
+  }
   if (s.settings.source == Source::kLdap) {
     SharedSnapshot file = usable_ldap_snapshot(*s.workdir, s.verified);
     s.verified = identity_of(file);
@@ -286,8 +289,23 @@ Result<void> reload_from_servers(State& s, const std::string& workdir, Settings 
   return {};
 }
 
+bool is_missing(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) != 0 && errno == ENOENT;
+}
+
+bool holds_entries(const std::string& workdir, const std::optional<FileIdentity>& verified) {
+  const auto file = SnapshotFile::open(path_in(workdir, kSnapshotName), verified);
+  return file && (*file)->meta().users + (*file)->meta().groups > 0;
+}
+
+// A file that is away for a moment must not empty a directory in use; at a start it means an empty one.
 Result<void> reload_from_ldif(State& s, const std::string& workdir, Settings settings,
                               const std::optional<FileIdentity>& verified) {
+  if (is_missing(settings.ldif_file) && holds_entries(workdir, verified)) {
+    return tl::make_unexpected(
+        Error{kDirectoryOther, settings.ldif_file + ": missing, the directory in use stays in use"});
+  }
   auto update = update_from_ldif(workdir, settings, verified);
   if (!update) return tl::make_unexpected(update.error());
   log_update(*update, settings);

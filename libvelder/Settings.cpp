@@ -376,8 +376,12 @@ Result<Settings> load_settings(const std::string& workdir) {
   struct stat status {};
   if (stat(path.c_str(), &status) != 0 && errno == ENOENT) return Loader(workdir, path, {}).load();
   const ConfigFile file(path);
-  if (!file.ok())
+  if (!file.ok() || !S_ISREG(status.st_mode)) {
     return tl::unexpected(Error{1, path + ": cannot be read, expected a readable file or none"});
+  }
+  if (const std::string wrong = file.first_syntax_error(); !wrong.empty()) {
+    return tl::unexpected(Error{1, path + ": " + wrong + ", expected a [section], then key = value lines"});
+  }
   return Loader(workdir, path, file.GetRawData()).load();
 }
 

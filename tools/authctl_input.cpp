@@ -74,7 +74,10 @@ tl::expected<std::string, std::string> read_line(int fd) {
   for (;;) {
     char byte = 0;
     const ssize_t got = read(fd, &byte, 1);
-    if (got == 1 && byte == '\n') return line;
+    if (got == 1 && byte == '\n') {
+      if (line.ends_with('\r')) line.pop_back();
+      return line;
+    }
     if (got == 1 && line.size() < kMaxLine) {
       line.push_back(byte);
       continue;

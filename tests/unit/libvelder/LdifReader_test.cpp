@@ -102,7 +102,7 @@ TEST(LdifReader, RefusesWithFileLineAndReason) {
       {"dn: a=1\ncn: x\ndn: a=2\n", ":3: ", "second dn in the record of line 1"},
       {"dn: a=1\nno colon here\n", ":2: ", "no colon"},
       {"dn: a=1\n: x\n", ":2: ", "no attribute name"},
-      {"dn: a=1\nc n: x\n", ":2: ", "\"c n\" is no attribute name"},
+      {"dn: a=1\nc n: x\n", ":2: ", "no attribute name before the colon"},
       {"dn: a=1\n\tcn: x\n", ":2: ", "no attribute name"},
       {"dn: a=1\nphoto:< file:///etc/shadow\n", ":2: ", "URL"},
       {"dn:< file:///etc/shadow\n", ":1: ", "URL"},

@@ -132,6 +132,9 @@ TEST_F(SettingsTest, WrongValuesAreNamed) {
   const std::string general = "[LDAP_Setting]\n";
   const std::string domain = "[Domain_1]\nDnsName=a.b\nServers=ldap://x\n";
   const std::vector<Wrong> cases = {
+      {general + "Source ldap\n", "line 2: '=' missing", "key = value"},
+      {"[LDAP_Setting\n", "line 1: closing ']' missing", "[section]"},
+      {"Source=ldif\n", "line 1: no section before it", "[section]"},
       {general + "Source=file\n", "[LDAP_Setting] Source is \"file\"", "ldif, ldap"},
       {general + "Source=ldap\n", "[LDAP_Setting] Source is \"ldap\"", "[Domain_1]"},
       {general + "SearchLimit=\n", "SearchLimit is \"\"", "a number from 0"},
