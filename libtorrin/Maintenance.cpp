@@ -30,8 +30,8 @@ constexpr size_t kRemoveChunk = 500;
 // After each write transaction: the lock is not fair, a waiting bind needs time to wake up and take it.
 constexpr long kYieldNanoseconds = 1'000'000;
 constexpr int kReaderCheckSeconds = 10;
-// What a loss of power may cost.
-constexpr int kCopySeconds = 60;
+// A loss of power may cost 60 seconds. The age is looked at every ten, and sweep and copy take their time.
+constexpr time_t kCopyAge = 40;
 // A copy takes far less; a process that was stopped in the middle of one must not hold up the others.
 constexpr int kCopyLockAttempts = 50;
 constexpr long kCopyLockPauseNanoseconds = 100'000'000;
@@ -50,13 +50,32 @@ bool copy_failed(const std::string& what, const std::string& why) {
   return false;
 }
 
+time_t seconds_of(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return now.tv_sec;
+}
+
+// Seconds since the moment that the compact copy shows. A missing one is old enough, and so is one from the
+// future, since the clock was set back meanwhile and nobody knows.
+time_t compact_copy_age(const std::string& folder) {
+  struct stat status {};
+  if (stat((folder + "/" + kCompactFile).c_str(), &status) != 0) return kCopyAge;
+  const time_t age = seconds_of(CLOCK_REALTIME) - status.st_mtime;
+  return age < 0 ? kCopyAge : age;
+}
+
 // The copy is read back before it takes the place of an older one: a live file that was damaged meanwhile
 // must not take the copy along.
 bool finish_copy(Store& store, int fd, const std::string& unfinished, const std::string& target) {
+  timespec times[2];  // access and change
+  clock_gettime(CLOCK_REALTIME, &times[0]);
+  times[1] = times[0];
   if (const int error = store.copy_to(fd); error != 0) {
     return copy_failed(unfinished, Store::error_text(error));
   }
-  if (fsync(fd) != 0) return copy_failed(unfinished, std::strerror(errno));
+  // The time of what it shows, not of its last byte: the age counts from there.
+  if (futimens(fd, times) != 0 || fsync(fd) != 0) return copy_failed(unfinished, std::strerror(errno));
   if (const auto header = check_store_file(fd); !header) return copy_failed(unfinished, header.error());
   if (rename(unfinished.c_str(), target.c_str()) != 0) return copy_failed(target, std::strerror(errno));
   return true;
@@ -82,9 +101,13 @@ struct Worker {
 void lead(const Worker& worker) {
   uint64_t copied = worker.store.last_transaction();
   bool copy_known = false;  // nobody knows whether the leader before had copied its last changes
-  for (int seconds = 0;; seconds += kReaderCheckSeconds) {
+  // Leaders may come and go faster than copies are due, or be missing for hours: the copy's own age counts.
+  time_t last = seconds_of(CLOCK_BOOTTIME) - compact_copy_age(worker.folder);
+  for (;;) {
     worker.store.free_dead_readers();
-    if (seconds > 0 && seconds % kCopySeconds == 0) {
+    const time_t now = seconds_of(CLOCK_BOOTTIME);
+    if (now - last >= kCopyAge) {
+      last = now;
       sweep_expired(worker.store, worker.clock);
       // Taken before the copy: what comes in while it is made is for the next one.
       const uint64_t transaction = worker.store.last_transaction();

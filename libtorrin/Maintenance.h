@@ -19,7 +19,8 @@ long sweep_expired(Store& store, Clock clock);
 bool make_compact_copy(Store& store, const std::string& folder);
 
 // Starts the maintenance thread of a worker: it waits until no other process leads, then frees the slots of
-// dead readers, sweeps and copies until the process ends. `store` must live as long as the process.
+// dead readers, sweeps and copies until the process ends, at once when the copy is old. `store` must live as
+// long as the process.
 void start_maintenance(Store& store, const std::string& folder, Clock clock);
 
 }  // namespace torrin

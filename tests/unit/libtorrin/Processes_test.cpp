@@ -62,6 +62,39 @@ TEST_F(ProcessesTest, TheParentStaysSingleThreadedAndAChildStartsMaintenanceWith
   EXPECT_EQ(lookup("::2"), "child");
 }
 
+TEST_F(ProcessesTest, ANewLeaderReplacesAnOldOrMissingCompactCopyAtOnce) {
+  ASSERT_EQ(start(), 0);
+  bind("::1", "u");
+  const std::string copy = file("bindings.compact.mdb");
+  // Whether a worker that takes over from a dead leader, whose copy this is, makes its own.
+  const auto replaced = [&](int attempts) {
+    return in_child([&] {
+             struct stat before {};
+             stat(copy.c_str(), &before);
+             lookup("::1");
+             for (int i = 0; i < attempts; ++i) {
+               struct stat now {};
+               if (stat(copy.c_str(), &now) == 0 && now.st_ino != before.st_ino) return true;
+               usleep(10 * 1000);
+             }
+             return false;
+           }) == 0;
+  };
+  const auto set_age = [&](int seconds) {
+    timespec times[2]{};
+    clock_gettime(CLOCK_REALTIME, &times[0]);
+    times[0].tv_sec -= seconds;
+    times[1] = times[0];
+    ASSERT_EQ(utimensat(AT_FDCWD, copy.c_str(), times, 0), 0);
+  };
+  EXPECT_TRUE(replaced(500)) << "there was none";
+  EXPECT_FALSE(replaced(20)) << "it is fresh, leaders may change often";
+  set_age(60);
+  EXPECT_TRUE(replaced(500));
+  set_age(-3600);
+  EXPECT_TRUE(replaced(500)) << "the clock was set back";
+}
+
 TEST_F(ProcessesTest, EveryGenerationOfForksSeesAndChangesTheSameBindings) {
   ASSERT_EQ(start(), 0);
   bind("::1", "0");
