@@ -162,7 +162,7 @@ int BindingCache::remove(const char* ip) {
 bool BindingCache::export_to(const std::string& path) {
   const Result exported = export_bindings(store_, path, settings_.export_directory, surroundings_.clock());
   if (!exported) {
-    VRLOG(kLogError, "IP-user cache: no export to %s: %s", printable(path).c_str(),
+    VRLOG(kLogError, "IP-user cache: no export to %s: %s", shortened(printable(path)).c_str(),
           printable(exported.error()).c_str());
   }
   return exported.has_value();

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "libtorrin/PathText.h"
+#include "libtorrin/Printable.h"
 #include "libtorrin/Store.h"
 #include "libtorrin/UniqueFd.h"
 
@@ -62,13 +63,14 @@ tl::expected<UniqueFd, std::string> open_folder(const std::vector<std::string>& 
     so_far += "/" + name;
     UniqueFd next(openat(folder.get(), name.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     if (!next.valid()) {
-      if (errno == ENOTDIR || errno == ELOOP) return tl::unexpected(so_far + " is a link or no folder");
-      return system_error(so_far);
+      if (errno == ENOTDIR || errno == ELOOP)
+        return tl::unexpected(shortened(so_far) + " is a link or no folder");
+      return system_error(shortened(so_far));
     }
     folder = std::move(next);
   }
   UniqueFd readable(openat(folder.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!readable.valid()) return system_error(so_far);
+  if (!readable.valid()) return system_error(shortened(so_far));
   return readable;
 }
 
@@ -82,7 +84,7 @@ tl::expected<bool, std::string> check_existing(int folder, const std::string& na
   struct stat status {};
   if (fstatat(folder, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
     if (errno == ENOENT) return false;
-    return system_error(name);
+    return system_error(shortened(name));
   }
   if (S_ISLNK(status.st_mode)) return tl::unexpected<std::string>("the file is a link");
   if (!S_ISREG(status.st_mode))

@@ -18,4 +18,10 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+std::string shortened(std::string text) {
+  constexpr size_t kMaxBytes = 300;
+  if (text.size() > kMaxBytes) text.replace(kMaxBytes, std::string::npos, "...");
+  return text;
+}
+
 }  // namespace torrin

@@ -10,4 +10,7 @@ namespace torrin {
 // is written as \x5c only where it would read as such an escape.
 std::string printable(std::string_view text);
 
+// At most 300 bytes and three dots, so that what stands behind it on the line is not lost.
+std::string shortened(std::string text);
+
 }  // namespace torrin

@@ -131,6 +131,17 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
   EXPECT_TRUE(cache_->export_to(out_ + "/" + std::string(255, 'n'))) << "the longest name that there can be";
 }
 
+TEST_F(BindingExportTest, ALongPathLeavesTheReasonOnTheLine) {
+  ASSERT_EQ(start(), 0);
+  EXPECT_FALSE(cache_->export_to("/" + std::string(5000, '\n')));
+  EXPECT_EQ(new_lines("ERR", "File name too long"), 1);
+  std::string deep = out_;
+  for (int i = 0; i < 13; ++i) deep += "/" + std::string(255, 'd');
+  std::filesystem::create_directories(deep);
+  EXPECT_FALSE(cache_->export_to(deep + "/missing/list.csv"));
+  EXPECT_EQ(new_lines("ERR", "No such file or directory"), 1);
+}
+
 TEST_F(BindingExportTest, ExportDirectoryKeepsExportsBelowIt) {
   std::filesystem::create_directories(out_ + "/allowed/deeper");
   std::filesystem::create_directory(out_ + "/allowed2");
