@@ -20,6 +20,7 @@ namespace torrin {
 namespace {
 
 constexpr mode_t kExportMode = 0640;
+constexpr int kDraftAttempts = 1000;
 // Records of one read transaction: short enough to pin next to nothing while the disk is slow.
 constexpr size_t kChunk = 2000;
 // A chunk of the longest quoted users is still only 4 MB.
@@ -103,10 +104,15 @@ class Draft {
  public:
   explicit Draft(int folder) : folder_(folder) {
     static std::atomic<unsigned> counter{0};
-    name_ = ".ip-user-export." + std::to_string(getpid()) + "." + std::to_string(counter++);
-    fd_.reset(
-        openat(folder_, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kExportMode));
-    exists_ = fd_.valid();
+    // A process of this number that was killed may have left its drafts. They stay: behind the boundary of a
+    // container another process of this number may be writing them.
+    for (int attempt = 0; attempt < kDraftAttempts && !exists_; ++attempt) {
+      name_ = ".ip-user-export." + std::to_string(getpid()) + "." + std::to_string(counter++);
+      fd_.reset(
+          openat(folder_, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kExportMode));
+      exists_ = fd_.valid();
+      if (!exists_ && errno != EEXIST) return;
+    }
   }
   Draft(const Draft&) = delete;
   Draft& operator=(const Draft&) = delete;

@@ -131,6 +131,17 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
   EXPECT_TRUE(cache_->export_to(out_ + "/" + std::string(255, 'n'))) << "the longest name that there can be";
 }
 
+TEST_F(BindingExportTest, DraftsThatAKilledProcessLeftDoNotHinder) {
+  ASSERT_EQ(start(), 0);
+  // Some of the numbers may have been used up by other exports of this process.
+  const std::string draft = out_ + "/.ip-user-export." + std::to_string(getpid()) + ".";
+  for (int i = 0; i < 100; ++i) write_text(draft + std::to_string(i), "left");
+  EXPECT_TRUE(cache_->export_to(out_ + "/list.csv"));
+  EXPECT_EQ(read_text(out_ + "/list.csv"), torrin::kExportHeader);
+  EXPECT_EQ(names_in(out_).size(), 101u);
+  EXPECT_EQ(read_text(draft + "99"), "left");
+}
+
 TEST_F(BindingExportTest, ALongPathLeavesTheReasonOnTheLine) {
   ASSERT_EQ(start(), 0);
   EXPECT_FALSE(cache_->export_to("/" + std::string(5000, '\n')));
