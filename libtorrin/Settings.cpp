@@ -104,8 +104,12 @@ tl::expected<Settings, std::string> read_settings(const std::string& workdir) {
     if (errno == ENOENT) return Settings{};
     return tl::unexpected(std::string(kSettingsFile) + ": " + std::strerror(errno));
   }
+  // Looked at first: opening a pipe would wait for a writer.
+  if (!S_ISREG(status.st_mode)) {
+    return tl::unexpected(std::string(kSettingsFile) + ": it is not a regular file, expected an ini file");
+  }
   const ConfigFile file(path);
-  if (!S_ISREG(status.st_mode) || !file.ok()) {
+  if (!file.ok()) {
     return tl::unexpected(std::string(kSettingsFile) + ": cannot be read, expected a readable ini file");
   }
   Settings settings;

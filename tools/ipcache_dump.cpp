@@ -4,6 +4,7 @@
 // well as at one that was put aside as damaged. Exit 0: the file is sound; 1: it is damaged or cannot be
 // read, what was found before the damage is printed; 2: usage.
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <CLI/CLI.hpp>
 #include <cerrno>
@@ -53,9 +54,14 @@ Dump read_bindings(int fd, int64_t now) {
 }
 
 int dump_file(const std::string& path, bool summary_only) {
-  const torrin::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!fd.valid()) {
+  const torrin::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (!fd.valid() || fstat(fd.get(), &status) != 0) {
     std::fprintf(stderr, "ipcache_dump: %s: %s\n", path.c_str(), std::strerror(errno));
+    return 1;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    std::fprintf(stderr, "ipcache_dump: %s: not a regular file\n", path.c_str());
     return 1;
   }
   Dump dump;

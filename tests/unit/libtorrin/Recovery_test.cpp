@@ -80,6 +80,23 @@ TEST_F(RecoveryTest, AStartThatChangesNothingWritesNoState) {
   EXPECT_NE(start(), 0) << "what must be told to the next start has to be on the disk";
 }
 
+TEST_F(RecoveryTest, TheDumperReadsAStoreAndRefusesAPipe) {
+  const auto dumper = std::filesystem::canonical("/proc/self/exe").parent_path() / "ipcache_dump";
+  if (!std::filesystem::exists(dumper)) GTEST_SKIP() << "the tools were not built";
+  const auto dump = [&](const std::string& path) {
+    return in_child([&] {
+      alarm(10);
+      return execl(dumper.c_str(), "ipcache_dump", "--summary", path.c_str(), nullptr) == 0;
+    });
+  };
+  ASSERT_EQ(start(), 0);
+  bind("10.0.0.1", "u");
+  EXPECT_EQ(dump(file("bindings.mdb")), 0);
+  ASSERT_EQ(mkfifo(file("pipe").c_str(), 0600), 0);
+  const int status = dump(file("pipe"));
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1) << status;
+}
+
 TEST_F(RecoveryTest, ADamagedFileIsPutAsideAndTheCopyTakesItsPlace) {
   struct Row {
     const char* name;

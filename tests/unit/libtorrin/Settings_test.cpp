@@ -67,7 +67,17 @@ TEST_F(SettingsTest, UnknownKeysAreToldButDoNotHurt) {
   EXPECT_EQ(new_lines("ERR"), 0);
 }
 
-TEST_F(SettingsTest, AFileThatCannotBeReadStopsTheStart) {
-  std::filesystem::create_directory(workdir_ + "/IPUserCache.ini");
-  EXPECT_FALSE(torrin::read_settings(workdir_));
+TEST_F(SettingsTest, WhatIsNoFileStopsTheStartWithOneLine) {
+  const std::string path = workdir_ + "/IPUserCache.ini";
+  std::filesystem::create_directory(path);
+  EXPECT_NE(start(), 0);
+  std::filesystem::remove(path);
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const auto refused = [&] {
+    alarm(5);
+    return start() != 0;
+  };
+  EXPECT_EQ(in_child(refused), 0) << "nobody writes to the pipe";
+  EXPECT_EQ(new_lines("ERR"), 2);
+  EXPECT_EQ(new_lines("ERR", "IPUserCache.ini: it is not a regular file"), 2);
 }
