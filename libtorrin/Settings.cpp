@@ -112,6 +112,10 @@ tl::expected<Settings, std::string> read_settings(const std::string& workdir) {
   if (!file.ok()) {
     return tl::unexpected(std::string(kSettingsFile) + ": cannot be read, expected a readable ini file");
   }
+  if (const std::string wrong = file.first_syntax_error(); !wrong.empty()) {
+    return tl::unexpected(std::string(kSettingsFile) + ": " + wrong +
+                          ", expected a [section], then key=value lines");
+  }
   Settings settings;
   for (const auto& [section, keys] : file.GetRawData()) {
     if (section != kSettingsSection) {

@@ -56,6 +56,24 @@ TEST_F(SettingsTest, AWrongValueStopsTheStartWithOneLine) {
   EXPECT_FALSE(std::filesystem::exists(workdir_ + "/ip_user_cache")) << "a refused start leaves nothing";
 }
 
+TEST_F(SettingsTest, ALineThatIsNoSyntaxStopsTheStartWithItsNumber) {
+  constexpr struct {
+    const char* text;
+    const char* line;
+  } kRows[] = {
+      {"[IPUserCache]\n# a comment\n\nDurable yes\n", "line 4: "},
+      {"[IPUserCache\nDurable=yes\n", "line 1: "},
+      {"Durable=yes\n[IPUserCache]\n", "line 1: "},
+  };
+  for (const auto& row : kRows) {
+    write_text(workdir_ + "/IPUserCache.ini", row.text);
+    forget_log();
+    EXPECT_NE(start(), 0) << row.text;
+    EXPECT_EQ(new_lines("ERR", std::string("IPUserCache.ini: ") + row.line), 1) << row.text;
+    EXPECT_EQ(new_lines("ERR"), 1) << row.text;
+  }
+}
+
 TEST_F(SettingsTest, UnknownKeysAreToldButDoNotHurt) {
   settings("lifetime=5\nColour=red\nServer=db:6379\n[Other]\nx=1\n");
   forget_log();
