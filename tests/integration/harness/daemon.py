@@ -140,7 +140,7 @@ class Daemon:
 
     # Start and end.
 
-    def start(self, *options, files=None, account=True, factor=1, workers=2, keep=False, workdir=None,
+    def start(self, *options, files=None, account=True, factor=4, workers=2, keep=False, workdir=None,
               open_files=None, inherit=(), wait=True):
         if not keep:
             sandbox.clean(account)
