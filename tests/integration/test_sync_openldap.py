@@ -65,7 +65,7 @@ CHECKS = {
     "ldap": ({}, GOOD, ""),
     "ldaps": ({"servers": "tls"}, {**GOOD, "TLS": "yes"}, ""),
     "StartTLS": ({"StartTLS": "yes"}, {**GOOD, "TLS": "yes"}, ""),
-    "wrong password": ({"password": "may not"}, {"connected": "yes", "bound": "no"}, "(?i)reading account.*wrong|password"),
+    "wrong password": ({"password": "may not"}, {"connected": "yes", "bound": "no"}, "reading account.*wrong user or password"),
     "unknown reader": ({"BindDN": f"cn=nobody,{SUFFIX}"}, {"connected": "yes", "bound": "no"}, "(?i)reading account"),
     "readable password": ({"mode": 0o640}, {"connected": "yes", "bound": "no"}, r"BindPasswordFile.*chmod 600"),
     "no password file": ({"BindPasswordFile": "absent"}, {"bound": "no"}, r"BindPasswordFile .*absent: No such file"),

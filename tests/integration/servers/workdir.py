@@ -66,6 +66,12 @@ def ldap_sync(*options, **more):
     return finish(start_sync(*options, **more), begin)
 
 
+def sanitized(name):
+    """Whether the program carries a sanitizer, which takes memory of its own."""
+    libraries = subprocess.run(["ldd", program(name)], capture_output=True, text=True, check=True).stdout
+    return "libasan" in libraries or "libtsan" in libraries
+
+
 def measure(process):
     """Waits for the end of a process; (seconds, peak memory in MB). What the system tells afterwards would count
     the process that started it, too."""
