@@ -238,16 +238,16 @@ TEST(Connection, RefusedFailsAtOnceUnlessTheListenerIsAwaited) {
   ASSERT_FALSE(refused);
   EXPECT_EQ(refused.error().kind, ErrorKind::kRefused) << refused.error().text;
   EXPECT_THAT(refused.error().text, HasSubstr(bound.address));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, 3s);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
 
   Options options = quick();
   options.wait_for_listener = true;
-  options.connect_timeout = 100ms;
+  options.connect_timeout = 1s;
   const auto given_up = Connection::open(bound.address, options);
   ASSERT_FALSE(given_up);
   EXPECT_EQ(given_up.error().kind, ErrorKind::kRefused);
 
-  options.connect_timeout = 5s;
+  options.connect_timeout = 30s;
   std::jthread later([&] {
     std::this_thread::sleep_for(50ms);
     listen(bound.fd.get(), 10);
