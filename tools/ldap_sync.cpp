@@ -1,6 +1,8 @@
 // Fills the directory snapshot of a working directory from its configured source. Run by LdapSyncTool.sh on
 // the daemon's schedule, and by hand to try settings.
-#include <sys/ioctl.h>
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -149,7 +151,19 @@ int try_ldif(const Settings& settings) {
   return kDone;
 }
 
+// Run by root it works as the owner of the folder: what root wrote there, nobody else could read, and the
+// daemon's account would be locked out.
+bool become_owner(const std::string& workdir) {
+  struct stat status {};
+  if (geteuid() != 0 || stat(workdir.c_str(), &status) != 0 || status.st_uid == 0) return true;
+  const passwd* owner = getpwuid(status.st_uid);
+  const bool groups_set =
+      owner != nullptr ? initgroups(owner->pw_name, status.st_gid) == 0 : setgroups(0, nullptr) == 0;
+  return groups_set && setgid(status.st_gid) == 0 && setuid(status.st_uid) == 0;
+}
+
 int run(const Options& options) {
+  if (!become_owner(options.workdir)) return fail({kFailed, options.workdir + ": cannot work as its owner"});
   if (options.verbose) {
     VrLog::setConfig(nullptr, nullptr);
     VrLog::setLogVerbose(true);

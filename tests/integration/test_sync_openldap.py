@@ -409,7 +409,6 @@ def test_two_at_once__take_turns(slapd):
     assert workdir.leftovers() == []
 
 
-@pytest.mark.xfail(strict=True, reason="the snapshot and its lock belong to root then, mode 0600")
 def test_root_by_hand__does_not_lock_the_account_out(daemon, slapd):
     """An administrator who runs ldap_sync as root leaves nothing that the daemon's account cannot use."""
     place(slapd)
