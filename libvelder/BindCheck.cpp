@@ -71,6 +71,9 @@ struct RefusedPasswords::Table {
     std::list<Digest>::iterator place;
   };
 
+  Table(std::chrono::seconds how_long, size_t how_many, Clock the_clock)
+      : lifetime(how_long), most_users(how_many), clock(std::move(the_clock)) {}
+
   const std::chrono::seconds lifetime;
   const size_t most_users;
   const Clock clock;

@@ -77,9 +77,9 @@ class Section {
     return &found->second;
   }
 
-  std::string text(std::string_view key, std::string otherwise = {}) {
+  std::string text(std::string_view key, const std::string& otherwise = {}) {
     const std::string* value = find(key);
-    return value == nullptr || value->empty() ? std::move(otherwise) : *value;
+    return value == nullptr || value->empty() ? otherwise : *value;
   }
 
   uint32_t number(std::string_view key, uint32_t otherwise, uint32_t lowest, uint32_t highest) {

@@ -2,7 +2,6 @@
 
 #include "tests/unit/libtorrin/CacheTest.h"
 
-using testing::HasSubstr;
 
 class SettingsTest : public CacheTest {};
 

@@ -11,7 +11,6 @@ namespace velder {
 namespace {
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::StartsWith;
 using namespace std::string_literals;
 
