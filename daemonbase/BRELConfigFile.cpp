@@ -11,6 +11,7 @@
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "brellog/VrLog.h"
 #include "daemonbase/BRELSync.h"
@@ -195,7 +196,24 @@ class ConfigFileImpl {
 
   std::string first_syntax_error() const {
     BRELLock guard(mutex_);
-    return first_error_;
+    if (syntax_errors_.empty()) return {};
+    return "line " + std::to_string(syntax_errors_.front().line) + ": " + syntax_errors_.front().text;
+  }
+
+  std::vector<ConfigFile::Remark> syntax_errors() const {
+    BRELLock guard(mutex_);
+    return syntax_errors_;
+  }
+
+  std::vector<ConfigFile::Remark> repeated_keys() const {
+    BRELLock guard(mutex_);
+    return repeated_keys_;
+  }
+
+  int line_of(std::string_view section, std::string_view key) const {
+    BRELLock guard(mutex_);
+    const auto found = lines_.find(std::pair(std::string(section), std::string(key)));
+    return found == lines_.end() ? 0 : found->second;
   }
 
  private:
@@ -203,8 +221,9 @@ class ConfigFileImpl {
   void parse_line(const char* line, int number, std::string* section) REQUIRES(mutex_);
   void parse_section(const char* text, int number, std::string* section) REQUIRES(mutex_);
   void remember_error(int number, const char* what) REQUIRES(mutex_) {
-    if (first_error_.empty()) first_error_ = "line " + std::to_string(number) + ": " + what;
+    syntax_errors_.push_back({number, what});
   }
+  void remember_line(const std::string& section, std::string_view key, int number) REQUIRES(mutex_);
   const std::string* find(const char* section, const char* key) const REQUIRES(mutex_);
   int write(const char* path) const REQUIRES(mutex_);
   int write_to(FILE* stream) const REQUIRES(mutex_);
@@ -218,12 +237,17 @@ class ConfigFileImpl {
   std::string file_name_ GUARDED_BY(mutex_);    // of the last successful read
   struct stat status_ GUARDED_BY(mutex_) = {};  // of that file, taken right after the read
   bool ok_ GUARDED_BY(mutex_) = false;
-  std::string first_error_ GUARDED_BY(mutex_);
+  std::vector<ConfigFile::Remark> syntax_errors_ GUARDED_BY(mutex_);
+  std::vector<ConfigFile::Remark> repeated_keys_ GUARDED_BY(mutex_);
+  // (section, key) -> line; with the empty key the line of the section
+  std::map<std::pair<std::string, std::string>, int> lines_ GUARDED_BY(mutex_);
 };
 
 int ConfigFileImpl::read(const char* path) {
   settings_.clear();
-  first_error_.clear();
+  syntax_errors_.clear();
+  repeated_keys_.clear();
+  lines_.clear();
   ok_ = false;
   status_ = {};
   VRLOG(kLogDebug, "Read .ini file %s\n", path);
@@ -270,6 +294,15 @@ void ConfigFileImpl::parse_line(const char* line, int number, std::string* secti
     return;
   }
   settings_[*section][std::string(key)] = skip_space(rest + 1);
+  remember_line(*section, key, number);
+}
+
+void ConfigFileImpl::remember_line(const std::string& section, std::string_view key, int number) {
+  const auto [at, first] = lines_.try_emplace(std::pair(section, std::string(key)), number);
+  if (first || key.empty()) return;
+  repeated_keys_.push_back({number, "[" + section + "] " + std::string(key) + " is given again, line " +
+                                        std::to_string(at->second) + " does not count"});
+  at->second = number;
 }
 
 // `text` begins after the opening bracket. What follows the name, also after the bracket, is ignored. A
@@ -282,6 +315,7 @@ void ConfigFileImpl::parse_section(const char* text, int number, std::string* se
     return;
   }
   section->assign(name);
+  remember_line(*section, "", number);
 }
 
 const std::string* ConfigFileImpl::find(const char* section, const char* key) const {
@@ -381,6 +415,15 @@ ConfigFile::SectionMap ConfigFile::GetRawData() const {
 }
 std::string ConfigFile::first_syntax_error() const {
   return impl_->first_syntax_error();
+}
+std::vector<ConfigFile::Remark> ConfigFile::syntax_errors() const {
+  return impl_->syntax_errors();
+}
+std::vector<ConfigFile::Remark> ConfigFile::repeated_keys() const {
+  return impl_->repeated_keys();
+}
+int ConfigFile::line_of(std::string_view section, std::string_view key) const {
+  return impl_->line_of(section, key);
 }
 
 char* ConfigFile::ReadWarnMsg(const char* path) const {

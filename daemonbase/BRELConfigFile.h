@@ -15,6 +15,8 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 class ConfigFileImpl;
 
@@ -72,6 +74,18 @@ class ConfigFile {
   // The first line of the last read that was passed over as no ini syntax, such as "line 3: '=' missing";
   // empty when there was none. For readers that are stricter than this class.
   std::string first_syntax_error() const;
+
+  // Something about a line of the file, for whoever tells an administrator.
+  struct Remark {
+    int line;
+    std::string text;
+  };
+  // All lines of the last read that were passed over, and those that replaced an earlier value.
+  std::vector<Remark> syntax_errors() const;
+  std::vector<Remark> repeated_keys() const;
+  // The line of the last read in which the value in force stands; for the empty key that in which the section
+  // begins. 0 when there is none.
+  int line_of(std::string_view section, std::string_view key) const;
 
   // A whole file as NUL-terminated text without byte-order mark, or null. The caller frees it (delete[]).
   char* ReadWarnMsg(const char* path) const;

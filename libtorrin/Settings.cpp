@@ -63,7 +63,6 @@ Expected read_backend(std::string_view value, Settings&) {
 }
 
 Expected read_server(std::string_view, Settings&) {
-  VRLOG(kLogInfo, "IP-user cache: %s: Server is not used with Backend=local", kSettingsFile);
   return std::nullopt;
 }
 
@@ -81,53 +80,98 @@ std::string_view trim(std::string_view text) {
   return text.substr(first, text.find_last_not_of(" \t") - first + 1);
 }
 
-Expected read_key(const std::string& key, const std::string& value, Settings& settings) {
+std::vector<std::string> known_keys() {
+  std::vector<std::string> names;
+  for (const auto& known : kKeys) names.emplace_back(known.key);
+  return names;
+}
+
+std::string hint(const std::string& meant) {
+  return meant.empty() ? "" : "; did you mean " + meant + "?";
+}
+
+SettingsProblem unknown_key(int line, const std::string& key) {
+  return {false, line,
+          "the key " + printable(key) + " is unknown and ignored" + hint(nearest_name(key, known_keys()))};
+}
+
+void read_key(int line, const std::string& key, const std::string& value, SettingsReport& report) {
   const auto known = std::find_if(std::begin(kKeys), std::end(kKeys),
                                   [&key](const auto& candidate) { return key == candidate.key; });
   if (known == std::end(kKeys)) {
-    VRLOG(kLogInfo, "IP-user cache: %s: the key %s is unknown and ignored", kSettingsFile,
-          printable(key).c_str());
-    return std::nullopt;
+    report.problems.push_back(unknown_key(line, key));
+    return;
   }
-  const Expected expected = known->read(trim(value), settings);
-  if (!expected) return std::nullopt;
-  return std::string(kSettingsFile) + ": section " + kSettingsSection + ", key " + key + ": \"" + value +
-         "\" found, expected " + *expected;
+  if (known->read == read_server) {
+    report.problems.push_back({false, line, "Server is not used with Backend=local"});
+  }
+  if (const Expected expected = known->read(trim(value), report.settings)) {
+    report.problems.push_back({true, line,
+                               std::string("section ") + kSettingsSection + ", key " + key + ": \"" + value +
+                                   "\" found, expected " + *expected});
+  }
+}
+
+void read_sections(const ConfigFile& file, SettingsReport& report) {
+  for (const auto& [section, keys] : file.GetRawData()) {
+    if (section != kSettingsSection) {
+      report.problems.push_back({false, file.line_of(section, ""),
+                                 "the section " + printable(section) + " is unknown and ignored" +
+                                     hint(nearest_name(section, {kSettingsSection}))});
+      continue;
+    }
+    for (const auto& [key, value] : keys) read_key(file.line_of(section, key), key, value, report);
+  }
+}
+
+void examine_file(SettingsReport& report) {
+  struct stat status {};
+  if (stat(report.file.c_str(), &status) != 0) {
+    report.missing = errno == ENOENT;
+    if (!report.missing) report.problems.push_back({true, 0, std::strerror(errno)});
+    return;
+  }
+  // Looked at first: opening a pipe would wait for a writer.
+  if (!S_ISREG(status.st_mode)) {
+    report.problems.push_back({true, 0, "it is not a regular file, expected an ini file"});
+    return;
+  }
+  const ConfigFile file(report.file);
+  if (!file.ok()) {
+    report.problems.push_back({true, 0, "cannot be read, expected a readable ini file"});
+    return;
+  }
+  for (const ConfigFile::Remark& wrong : file.syntax_errors()) {
+    report.problems.push_back(
+        {true, wrong.line, wrong.text + ", expected a [section], then key=value lines"});
+  }
+  read_sections(file, report);
+  for (const ConfigFile::Remark& again : file.repeated_keys()) {
+    report.problems.push_back({false, again.line, printable(again.text)});
+  }
 }
 
 }  // namespace
 
+SettingsReport examine_settings(const std::string& workdir) {
+  SettingsReport report;
+  report.file = workdir + "/" + kSettingsFile;
+  examine_file(report);
+  return report;
+}
+
 tl::expected<Settings, std::string> read_settings(const std::string& workdir) {
-  const std::string path = workdir + "/" + kSettingsFile;
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0) {
-    if (errno == ENOENT) return Settings{};
-    return tl::unexpected(std::string(kSettingsFile) + ": " + std::strerror(errno));
-  }
-  // Looked at first: opening a pipe would wait for a writer.
-  if (!S_ISREG(status.st_mode)) {
-    return tl::unexpected(std::string(kSettingsFile) + ": it is not a regular file, expected an ini file");
-  }
-  const ConfigFile file(path);
-  if (!file.ok()) {
-    return tl::unexpected(std::string(kSettingsFile) + ": cannot be read, expected a readable ini file");
-  }
-  if (const std::string wrong = file.first_syntax_error(); !wrong.empty()) {
-    return tl::unexpected(std::string(kSettingsFile) + ": " + wrong +
-                          ", expected a [section], then key=value lines");
-  }
-  Settings settings;
-  for (const auto& [section, keys] : file.GetRawData()) {
-    if (section != kSettingsSection) {
-      VRLOG(kLogInfo, "IP-user cache: %s: the section %s is unknown and ignored", kSettingsFile,
-            printable(section).c_str());
-      continue;
+  SettingsReport report = examine_settings(workdir);
+  for (const SettingsProblem& problem : report.problems) {
+    const bool names_a_key = problem.text.starts_with("section ") || problem.line == 0;
+    if (problem.fatal) {
+      return tl::unexpected(std::string(kSettingsFile) + ": " +
+                            (names_a_key ? "" : "line " + std::to_string(problem.line) + ": ") +
+                            problem.text);
     }
-    for (const auto& [key, value] : keys) {
-      if (Expected error = read_key(key, value, settings)) return tl::unexpected(std::move(*error));
-    }
+    VRLOG(kLogInfo, "IP-user cache: %s: %s", kSettingsFile, problem.text.c_str());
   }
-  return settings;
+  return std::move(report.settings);
 }
 
 }  // namespace torrin

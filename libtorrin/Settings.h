@@ -4,6 +4,9 @@
 #include <cstdint>
 #include <string>
 #include <tl/expected.hpp>
+#include <vector>
+
+#include "daemonbase/SettingsProblem.h"
 
 namespace torrin {
 
@@ -20,5 +23,16 @@ struct Settings {
 // Reads the file in `workdir`; without a file everything has its default. Keys that mean nothing are told
 // in one info line each. The error is a whole sentence with file, key and what was expected.
 tl::expected<Settings, std::string> read_settings(const std::string& workdir);
+
+struct SettingsReport {
+  std::string file;  // complete path
+  bool missing = false;
+  Settings settings;  // what could be read, defaults for the rest
+  std::vector<SettingsProblem> problems;
+};
+
+// The same for whoever wants all problems at once; logs nothing. read_settings fails with the first fatal
+// one.
+SettingsReport examine_settings(const std::string& workdir);
 
 }  // namespace torrin

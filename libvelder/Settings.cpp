@@ -20,6 +20,7 @@ namespace {
 
 constexpr std::string_view kFileName = "LdapSetting.ini";
 constexpr std::string_view kDomainPrefix = "Domain_";
+const std::vector<std::string> kSections = {"LDAP_Setting", "NTLM", "Negotiate"};
 constexpr uint32_t kMostSeconds = 3600;           // a worker thread waits that long for a server at most
 constexpr uint32_t kMostMemorySeconds = 86400;    // a day: longer, and a mistake hides what the server knows
 constexpr uint32_t kMostEntries = 1'000'000'000;  // fits the signed counts of the store
@@ -58,15 +59,14 @@ std::optional<Number> read_number(std::string_view text, Number lowest, Number h
   return number;
 }
 
-// The keys of one section. Every look-up is remembered: what nobody asked for is reported. The first wrong
-// value is kept as the error, later ones are not looked at.
+// The keys of one section. Every look-up is remembered: what nobody asked for is reported. A key is refused
+// once, for the first reason that was found.
 class Section {
  public:
-  Section(std::string path, std::string name, ConfigFile::KeyMap keys)
-      : path_(std::move(path)), name_(std::move(name)), keys_(std::move(keys)) {}
+  Section(const ConfigFile& file, std::string name, ConfigFile::KeyMap keys)
+      : file_(file), name_(std::move(name)), keys_(std::move(keys)) {}
 
   const std::string& name() const { return name_; }
-  const std::optional<Error>& error() const { return error_; }
 
   // Null when the key is not there.
   const std::string* find(std::string_view key) {
@@ -108,33 +108,43 @@ class Section {
     return choice(key, otherwise, {{"yes", true}, {"no", false}});
   }
 
-  void refuse(std::string_view key, const std::string& expected) {
-    if (error_) return;
-    const auto found = keys_.find(key);
-    const std::string given = found == keys_.end() ? "missing" : "\"" + printable(found->second) + "\"";
-    error_ = Error{1, where(key) + " is " + given + ", expected " + expected};
+  void refuse(std::string_view key, const std::string& expected) { complain(true, key, expected); }
+  void warn(std::string_view key, const std::string& expected) { complain(false, key, expected); }
+  bool refused(std::string_view key) const {
+    return std::find(complained_.begin(), complained_.end(), key) != complained_.end();
   }
 
-  void warn_of_unknown(std::vector<std::string>& warnings) const {
+  // What was found, and what nobody asked for.
+  std::vector<SettingsProblem> take_problems() {
     for (const auto& [key, value] : keys_) {
       if (std::find(asked_.begin(), asked_.end(), key) != asked_.end()) continue;
-      const auto meant = std::find_if(asked_.begin(), asked_.end(),
-                                      [&k = key](const auto& asked) { return ascii_iequals(asked, k); });
-      warnings.push_back(where(printable(key)) + " is not known" +
-                         (meant == asked_.end() ? "" : ", did you mean " + *meant + "?"));
+      const std::string meant = nearest_name(key, asked_);
+      problems_.push_back(
+          {false, file_.line_of(name_, key),
+           where(printable(key)) + " is not known" + (meant.empty() ? "" : ", did you mean " + meant + "?")});
     }
+    return std::move(problems_);
   }
 
  private:
-  std::string where(std::string_view key) const {
-    return path_ + ": [" + printable(name_) + "] " + std::string(key);
+  void complain(bool fatal, std::string_view key, const std::string& expected) {
+    if (refused(key)) return;
+    complained_.emplace_back(key);
+    const auto found = keys_.find(key);
+    const bool missing = found == keys_.end();
+    const std::string given = missing ? "missing" : "\"" + printable(found->second) + "\"";
+    problems_.push_back({fatal, file_.line_of(name_, missing ? "" : key),
+                         where(key) + " is " + given + ", expected " + expected});
   }
 
-  std::string path_;
+  std::string where(std::string_view key) const { return "[" + printable(name_) + "] " + std::string(key); }
+
+  const ConfigFile& file_;
   std::string name_;
   ConfigFile::KeyMap keys_;
   std::vector<std::string> asked_;
-  std::optional<Error> error_;
+  std::vector<std::string> complained_;
+  std::vector<SettingsProblem> problems_;
 };
 
 bool is_dns_name(std::string_view name) {
@@ -234,7 +244,7 @@ Domain read_domain(Section& section, const std::string& workdir, Source source) 
     section.refuse("NetbiosName", "a NetBIOS domain name such as CORP");
   read_servers(section, source, domain);
   domain.base_dn = section.text("BaseDN", base_dn_of(domain.dns_name));
-  if (!parse_dn(domain.base_dn))
+  if (!section.refused("DnsName") && !parse_dn(domain.base_dn))
     section.refuse("BaseDN", "a distinguished name such as DC=corp,DC=example,DC=com");
   read_account(section, workdir, domain);
   const std::string ca_cert_file = section.text("CACertFile");
@@ -257,32 +267,37 @@ int domain_number(std::string_view section) {
 
 class Loader {
  public:
-  Loader(std::string workdir, std::string path, ConfigFile::SectionMap sections)
-      : workdir_(std::move(workdir)), path_(std::move(path)), sections_(std::move(sections)) {}
+  Loader(std::string workdir, const ConfigFile& file, SettingsReport& report)
+      : workdir_(std::move(workdir)), file_(file), sections_(file.GetRawData()), report_(report) {}
 
-  Result<Settings> load() {
-    if (!sort_sections()) return tl::unexpected(*error_);
+  void load() {
+    sort_sections();
     read_general();
     for (const auto& [number, name] : domain_sections_) read_domain_section(name);
     read_authentication();
-    if (!error_) check_domains();
-    if (error_) return tl::unexpected(*error_);
-    return std::move(settings_);
+    check_domains();
   }
 
  private:
-  bool sort_sections() {
+  void add(bool fatal, int line, std::string text) {
+    report_.problems.push_back({fatal, line, std::move(text)});
+  }
+
+  void sort_sections() {
     for (const auto& [name, keys] : sections_) {
+      const int line = file_.line_of(name, "");
       if (const int number = domain_number(name); number > 0) {
         domain_sections_.emplace_back(number, name);
       } else if (ascii_iequals(std::string_view(name).substr(0, 6), "domain")) {
-        error_ = Error{1, path_ + ": [" + printable(name) + "], expected Domain_<number> such as [Domain_1]"};
-      } else if (name != "LDAP_Setting" && name != "NTLM" && name != "Negotiate") {
-        settings_.warnings.push_back(path_ + ": the section [" + printable(name) + "] is not known");
+        add(true, line, "[" + printable(name) + "], expected Domain_<number> such as [Domain_1]");
+      } else if (std::find(kSections.begin(), kSections.end(), name) == kSections.end()) {
+        const std::string meant = nearest_name(name, kSections);
+        add(false, line,
+            "the section [" + printable(name) + "] is not known" +
+                (meant.empty() ? "" : ", did you mean [" + meant + "]?"));
       }
     }
     std::sort(domain_sections_.begin(), domain_sections_.end());
-    return !error_;
   }
 
   void read_general() {
@@ -300,8 +315,7 @@ class Loader {
       // The daemon's own key, which it reads without a check: a strange value must not stop the start.
       const std::string* interval = section.find("SyncInterval");
       if (interval != nullptr && !read_number<uint32_t>(*interval, 1, kMostMinutes)) {
-        settings_.warnings.push_back(path_ + ": [LDAP_Setting] SyncInterval is \"" + printable(*interval) +
-                                     "\", expected minutes from 1 to " + std::to_string(kMostMinutes));
+        section.warn("SyncInterval", "minutes from 1 to " + std::to_string(kMostMinutes));
       }
     });
   }
@@ -342,28 +356,49 @@ class Loader {
         const Domain& one = settings_.domains[j];
         const Domain& other = settings_.domains[i];
         if (!ascii_iequals(one.netbios_name, other.netbios_name)) continue;
-        settings_.warnings.push_back(path_ + ": [" + one.section + "] and [" + other.section +
-                                     "] have the same NetbiosName " + printable(one.netbios_name));
+        add(false, file_.line_of(other.section, "NetbiosName"),
+            "[" + one.section + "] and [" + other.section + "] have the same NetbiosName " +
+                printable(one.netbios_name));
       }
     }
   }
 
   void read(const std::string& name, const std::function<void(Section&)>& reader) {
-    if (error_) return;
     const auto found = sections_.find(name);
-    Section section(path_, name, found == sections_.end() ? ConfigFile::KeyMap() : found->second);
+    Section section(file_, name, found == sections_.end() ? ConfigFile::KeyMap() : found->second);
     reader(section);
-    error_ = section.error();
-    section.warn_of_unknown(settings_.warnings);
+    for (SettingsProblem& problem : section.take_problems()) report_.problems.push_back(std::move(problem));
   }
 
   std::string workdir_;
-  std::string path_;
+  const ConfigFile& file_;
   ConfigFile::SectionMap sections_;
   std::vector<std::pair<int, std::string>> domain_sections_;
-  Settings settings_;
-  std::optional<Error> error_;
+  SettingsReport& report_;
+  Settings& settings_ = report_.settings;
 };
+
+// A file that cannot be read has no other problems; of one with lines that are no ini syntax everything else
+// is looked at all the same.
+void examine_file(const std::string& workdir, SettingsReport& report) {
+  struct stat status {};
+  const bool exists = stat(report.file.c_str(), &status) == 0 || errno != ENOENT;
+  report.missing = !exists;
+  const bool regular = exists && S_ISREG(status.st_mode);  // a pipe would wait for a writer
+  const ConfigFile file(regular ? report.file : std::string());
+  if (exists && !(regular && file.ok())) {
+    report.problems.push_back({true, 0, "cannot be read, expected a readable file or none"});
+    return;
+  }
+  for (const ConfigFile::Remark& wrong : file.syntax_errors()) {
+    report.problems.push_back(
+        {true, wrong.line, wrong.text + ", expected a [section], then key = value lines"});
+  }
+  Loader(workdir, file, report).load();
+  for (const ConfigFile::Remark& again : file.repeated_keys()) {
+    report.problems.push_back({false, again.line, printable(again.text, 300)});
+  }
+}
 
 }  // namespace
 
@@ -371,18 +406,24 @@ std::string path_in(const std::string& workdir, const std::string& file) {
   return file.starts_with('/') ? file : workdir + "/" + file;
 }
 
+SettingsReport examine_settings(const std::string& workdir) {
+  SettingsReport report;
+  report.file = path_in(workdir, std::string(kFileName));
+  examine_file(workdir, report);
+  return report;
+}
+
 Result<Settings> load_settings(const std::string& workdir) {
-  const std::string path = path_in(workdir, std::string(kFileName));
-  struct stat status {};
-  if (stat(path.c_str(), &status) != 0 && errno == ENOENT) return Loader(workdir, path, {}).load();
-  const ConfigFile file(path);
-  if (!file.ok() || !S_ISREG(status.st_mode)) {
-    return tl::unexpected(Error{1, path + ": cannot be read, expected a readable file or none"});
+  SettingsReport report = examine_settings(workdir);
+  const std::string prefix = report.file + ": ";
+  for (const SettingsProblem& problem : report.problems) {
+    const bool names_a_key = problem.text.starts_with('[') || problem.line == 0;
+    std::string text =
+        prefix + (names_a_key ? "" : "line " + std::to_string(problem.line) + ": ") + problem.text;
+    if (problem.fatal) return tl::unexpected(Error{1, std::move(text)});
+    report.settings.warnings.push_back(std::move(text));
   }
-  if (const std::string wrong = file.first_syntax_error(); !wrong.empty()) {
-    return tl::unexpected(Error{1, path + ": " + wrong + ", expected a [section], then key = value lines"});
-  }
-  return Loader(workdir, path, file.GetRawData()).load();
+  return std::move(report.settings);
 }
 
 std::string netbios_name_of(const Settings& settings, std::string_view dns_domain) {

@@ -6,6 +6,7 @@
 #include <string_view>
 #include <vector>
 
+#include "daemonbase/SettingsProblem.h"
 #include "libvelder/Error.h"
 
 namespace velder {
@@ -51,6 +52,17 @@ struct Settings {
 // Reads `workdir`/LdapSetting.ini; a missing file gives the defaults. Files named in it are relative to
 // `workdir` and not opened here. The error names file, section, key, the value and what was expected.
 Result<Settings> load_settings(const std::string& workdir);
+
+struct SettingsReport {
+  std::string file;  // complete path
+  bool missing = false;
+  Settings settings;  // what could be read, defaults for the rest; without `warnings`
+  std::vector<SettingsProblem> problems;
+};
+
+// The same for whoever wants all problems at once: load_settings fails with the first fatal one, the others
+// are its warnings.
+SettingsReport examine_settings(const std::string& workdir);
 
 // The NetBIOS name of the domain `dns_domain` (any letter case): from its section, else its first label in
 // upper case.

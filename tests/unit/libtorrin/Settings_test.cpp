@@ -1,7 +1,8 @@
 #include "libtorrin/Settings.h"
 
-#include "tests/unit/libtorrin/CacheTest.h"
+#include <gmock/gmock.h>
 
+#include "tests/unit/libtorrin/CacheTest.h"
 
 class SettingsTest : public CacheTest {};
 
@@ -82,6 +83,20 @@ TEST_F(SettingsTest, UnknownKeysAreToldButDoNotHurt) {
   EXPECT_EQ(new_lines("INF", "Server"), 1);
   EXPECT_EQ(new_lines("INF", "Other"), 1);
   EXPECT_EQ(new_lines("ERR"), 0);
+}
+
+TEST_F(SettingsTest, AllProblemsAreFoundInOneRunWithTheirLines) {
+  settings("Lifetime=x\nDurabel=yes\nDirectory=/a\nDirectory=/b\nnothing\n");  // from line 2 on
+  std::vector<std::string> found;
+  for (const SettingsProblem& problem : torrin::examine_settings(workdir_).problems) {
+    found.push_back((problem.fatal ? "!" : "?") + std::to_string(problem.line) + " " + problem.text);
+  }
+  EXPECT_THAT(found, testing::UnorderedElementsAre(
+                         testing::StartsWith("!2 section IPUserCache, key Lifetime: \"x\""),
+                         "?3 the key Durabel is unknown and ignored; did you mean Durable?",
+                         testing::StartsWith("!5 section IPUserCache, key Directory: \"/b\""),
+                         testing::StartsWith("?5 [IPUserCache] Directory is given again, line 4"),
+                         testing::StartsWith("!6 '=' missing")));
 }
 
 TEST_F(SettingsTest, WhatIsNoFileStopsTheStartWithOneLine) {

@@ -196,6 +196,37 @@ TEST_F(SettingsTest, WhatNobodyReadsIsAWarning) {
   for (const std::string& warning : settings->warnings) EXPECT_THAT(warning, Not(HasSubstr("hush")));
 }
 
+TEST_F(SettingsTest, AllProblemsAreFoundInOneRunWithTheirLines) {
+  std::ofstream(workdir_ + "/LdapSetting.ini") << "[LDAP_Setting]\n"                       // 1
+                                                  "SearchLimit=many\n"                     // 2
+                                                  "ShrinkGard=10\n"                        // 3
+                                                  "no syntax\n"                            // 4
+                                                  "[Negotiat]\n"                           // 5
+                                                  "Keytab=x\n"                             // 6
+                                                  "[Domain_1]\n"                           // 7
+                                                  "Servers=http://x\n"                     // 8
+                                                  "Schema=rfc\n"                           // 9
+                                                  "[Domain_2]\n"                           // 10
+                                                  "DnsName=a.b\nServers=ldap://x\n"        // 11, 12
+                                                  "ConnectTimeout=1\nConnectTimeout=0\n";  // 13, 14
+  std::vector<std::string> found;
+  for (const SettingsProblem& problem : examine_settings(workdir_).problems) {
+    found.push_back((problem.fatal ? "!" : "?") + std::to_string(problem.line) + " " +
+                    problem.text.substr(0, problem.text.find(',')) +
+                    (problem.text.find("did you mean") == std::string::npos
+                         ? ""
+                         : problem.text.substr(problem.text.rfind(' '))));
+  }
+  EXPECT_THAT(found,
+              testing::UnorderedElementsAre(
+                  "!2 [LDAP_Setting] SearchLimit is \"many\"",
+                  "?3 [LDAP_Setting] ShrinkGard is not known ShrinkGuard?", "!4 '=' missing",
+                  "?5 the section [Negotiat] is not known [Negotiate]?", "!7 [Domain_1] DnsName is missing",
+                  "!8 [Domain_1] Servers is \"http://x\"", "!9 [Domain_1] Schema is \"rfc\"",
+                  "!14 [Domain_2] ConnectTimeout is \"0\"", "?14 [Domain_2] ConnectTimeout is given again"));
+  EXPECT_FALSE(load_settings(workdir_).has_value());
+}
+
 TEST_F(SettingsTest, AFileThatCannotBeReadIsAnError) {
   ASSERT_EQ(::mkdir((workdir_ + "/LdapSetting.ini").c_str(), 0700), 0);
   const Result<Settings> settings = load_settings(workdir_);
