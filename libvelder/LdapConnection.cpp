@@ -440,7 +440,8 @@ uint64_t LdapConnection::bind_count() const {
 
 const std::string& LdapConnection::url() const {
   static const std::string kNone;
-  return session_ != nullptr ? session_->url : kNone;
+  if (session_ == nullptr) return kNone;
+  return session_->url;
 }
 
 }  // namespace velder

@@ -334,9 +334,11 @@ Result<void> SnapshotBuilder::add(const LdifRecord& record) {
   draft_->nodes[node].line = record.line;
 
   const EntryAttributes entry = read_attributes(record);
-  if (entry.kind == EntryKind::kUser) draft_->add_user(node, std::move(key), record.dn, entry);
-  if (entry.kind == EntryKind::kGroup) draft_->add_group(node, std::move(key), record.dn, entry);
-  if (entry.kind == EntryKind::kOther) return {};
+  switch (entry.kind) {
+    case EntryKind::kUser: draft_->add_user(node, std::move(key), record.dn, entry); break;
+    case EntryKind::kGroup: draft_->add_group(node, std::move(key), record.dn, entry); break;
+    case EntryKind::kOther: return {};
+  }
   for (const std::string_view group : entry.member_of) {
     draft_->memberships.emplace_back(node, draft_->node_of(group));
   }

@@ -24,8 +24,8 @@ const std::vector<std::string> kStored = {
     "{SHA256}ApdaURJWQ4NMwV4d6ChUWX19Fipj5Dhn/JUY0G75sEo=",
     "{SSHA256}hOz0IVV0UzwTnjEy5Sk0whjE88uwq/iKhTiIapIdmAUBAnNhbHRzYWx0",
     "{SHA512}DTJNuqX25n3EP0ZPfkVJLNWbptCfXjd81Ym3DmNjvNMTXZfB+u91t5sGVfRFIjtM60tMo39bbA+O4t7ufA+coA==",
-    "{SSHA512}U/dprr8sTRkr9xVvi2Or8c0NJ9+trHuOadMLrT/bV+Tlr7Ln/"
-    "ayQQ49ReDSfW+BztC1bnFn1oCi34hI3Sp0SwwECc2FsdHNhbHQ=",
+    ("{SSHA512}U/dprr8sTRkr9xVvi2Or8c0NJ9+trHuOadMLrT/bV+Tlr7Ln/"
+     "ayQQ49ReDSfW+BztC1bnFn1oCi34hI3Sp0SwwECc2FsdHNhbHQ="),
     "{CRYPT}$y$j75T$abcdefgh1234$Yf4QRzWfxQiWDxHKTmbGW8TupR9imQCEQ3eMfnCV1K4",
     "{crypt}$6$rounds=1000$saltsalt$9xCMX0hwDjyqAmto5ZnrKQFB2hMUeANUvdgAwsphBxryJrpVUR5Ex7noq."
     "UOjXtvGDoC9ky9W.p2vA3WA.Ns01",
