@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 
 #include "daemonbase/BRELSync.h"
 
@@ -33,6 +34,9 @@ enum ReplyCacheResult : int {
 
 // On a hit `reply`, a message of the class that was stored, becomes a copy of the cached one.
 int search_reply_cache(int type, const char* key, google::protobuf::Message* reply);
+
+// The same for who sends it on as it is: on a hit the serialised reply is appended to `encoded`.
+int search_reply_cache(int type, const char* key, std::string& encoded);
 
 // Stores a copy of `reply` for `ttl_seconds`. A null reply or a lifetime below 1 makes a cached entry
 // invalid instead. The bound is looked at before storing: one store may pass it.

@@ -143,15 +143,16 @@ Outcome handle_user_info(Frame& frame) {
   const std::string& user_ln = request.user_ln();
   // The cache's keys end at a NUL: a name with one inside would share the entry of its first half.
   const bool cacheable = user_ln.find('\0') == std::string::npos;
-  Velder::UserInfoQueryResponse response;
-  int result = 0;
-  if (cacheable && Velder::search_reply_cache(frame.type, user_ln.c_str(), &response) == 0) {
+  std::string cached(kHeaderBytes, '\0');
+  if (cacheable && Velder::search_reply_cache(frame.type, user_ln.c_str(), cached) == 0) {
     VRLOG(kLogDebug, "Debug: in reply cache (%s)", user_ln.c_str());
-  } else {
-    look_up_user_info(user_ln, cacheable, &response);
-    result = response.result();
+    VRLOG(kLogDebug, "messge_type(%d), user(%s), rc(%d)", frame.type, user_ln.c_str(), 0);  // sic
+    return reply_encoded(frame, cached);
   }
-  VRLOG(kLogDebug, "messge_type(%d), user(%s), rc(%d)", frame.type, user_ln.c_str(), result);  // sic
+  Velder::UserInfoQueryResponse response;
+  look_up_user_info(user_ln, cacheable, &response);
+  VRLOG(kLogDebug, "messge_type(%d), user(%s), rc(%d)", frame.type, user_ln.c_str(),
+        response.result());  // sic
   return reply(frame, response);
 }
 

@@ -137,6 +137,11 @@ Outcome reply(const Frame& frame, const google::protobuf::Message& response) {
   return reply_request(frame.fd, frame.type + 1, &response) == -1 ? Outcome::kClose : Outcome::kKeep;
 }
 
+Outcome reply_encoded(const Frame& frame, std::string& answer) {
+  write_header(frame.type + 1, answer);
+  return reply_request(frame.fd, answer) == -1 ? Outcome::kClose : Outcome::kKeep;
+}
+
 // Runs when connections wait on the listening socket, which other workers watch too. Takes one; the rest
 // come with the following events of the persistent registration.
 void tcp_listen_socket_handler(int listen_fd, short /*events*/, void* /*arg*/) {

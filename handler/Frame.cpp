@@ -41,11 +41,15 @@ FrameHeader read_header(std::string_view bytes) {
   return header;
 }
 
+void write_header(int type, std::string& frame) {
+  const FrameHeader header{static_cast<int32_t>(frame.size() - kHeaderBytes), type};
+  memcpy(frame.data(), &header, kHeaderBytes);
+}
+
 int message2buffer(int type, const google::protobuf::Message* msg, std::string& out) {
   const size_t body_bytes = msg->ByteSizeLong();
-  const FrameHeader header{static_cast<int32_t>(body_bytes), type};
   out.resize(kHeaderBytes + body_bytes);
-  memcpy(out.data(), &header, kHeaderBytes);
+  write_header(type, out);
   msg->SerializeWithCachedSizesToArray(reinterpret_cast<uint8_t*>(out.data() + kHeaderBytes));
   return 0;
 }

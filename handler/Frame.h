@@ -24,6 +24,9 @@ static_assert(sizeof(FrameHeader) == kHeaderBytes);
 // `bytes` holds at least kHeaderBytes.
 FrameHeader read_header(std::string_view bytes);
 
+// Fills the first kHeaderBytes of `frame`, behind which the whole body lies.
+void write_header(int type, std::string& frame);
+
 // Replaces `out` by the frame of `msg`, all of whose required fields are set. Always 0.
 int message2buffer(int type, const google::protobuf::Message* msg, std::string& out);
 

@@ -43,6 +43,9 @@ bool parse_request(const Frame& frame, google::protobuf::Message* request);
 // Answers with the response type of the frame's request (request type plus one).
 Outcome reply(const Frame& frame, const google::protobuf::Message& response);
 
+// The same with a response that is serialised: `answer` is kHeaderBytes of room, then the body.
+Outcome reply_encoded(const Frame& frame, std::string& answer);
+
 // A text from the wire for a call that takes a NUL-terminated one: with a NUL inside it would name
 // somebody else, so it becomes the empty text, which names nobody.
 inline const char* whole_text(const std::string& text) {

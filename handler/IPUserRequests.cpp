@@ -1,5 +1,6 @@
 // The binding of client addresses to users: bind, unbind, query, export, and the request that asks the
 // local agent who is behind an address.
+#include <google/protobuf/io/coded_stream.h>
 #include <strings.h>
 #include <unistd.h>
 
@@ -24,12 +25,27 @@ void drop_cached_query(const char* ip) {
   Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, nullptr, 0);
 }
 
-// True when the cached answer is about the user to whom the address is bound now. A cached answer about
-// somebody else is cleared away.
-bool answer_from_cache(const char* ip, const std::string& user, Velder::IPUserQueryResponse* response) {
-  if (Velder::search_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, response) != 0) return false;
-  if (response->userinfo().user_ln() == user) return true;
-  response->Clear();
+// The tag before a text or a message in serialised form.
+constexpr uint32_t tag_of(int field) {
+  return static_cast<uint32_t>(field) << 3 | 2;
+}
+
+// Whether a serialised answer is about this user: its one field, the user information, begins with the name.
+bool is_about(const std::string& user, const std::string& encoded) {
+  google::protobuf::io::CodedInputStream input(reinterpret_cast<const uint8_t*>(encoded.data()),
+                                               static_cast<int>(encoded.size()));
+  uint32_t length = 0;
+  return input.ReadTag() == tag_of(Velder::IPUserQueryResponse::kUserInfoFieldNumber) &&
+         input.ReadVarint32(&length) && input.ReadTag() == tag_of(Velder::UserInfo::kUserLnFieldNumber) &&
+         input.ReadVarint32(&length) &&
+         std::string_view(encoded).substr(static_cast<size_t>(input.CurrentPosition()), length) == user;
+}
+
+// True when the cached answer is about the user to whom the address is bound now; `encoded` is then it.
+bool find_cached(const char* ip, const std::string& user, std::string& encoded) {
+  if (Velder::search_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, encoded) == 0 && is_about(user, encoded))
+    return true;
+  encoded.clear();
   return false;
 }
 
@@ -145,8 +161,9 @@ Outcome handle_ip_query(Frame& frame) {
   std::string user;
   long expire = 0;
   const int code = CacheWrapper::query_cache_item(ip, user, expire);
+  std::string cached;
   if (code == 0) {
-    if (answer_from_cache(ip, user, &response)) {
+    if (find_cached(ip, user, cached)) {
       VRLOG(kLogDebug, "Debug: in reply cache (%s->%s)", ip, user.c_str());
     } else {
       VRLOG(kLogDebug, "Debug: miss from reply cache, query database");
@@ -157,7 +174,10 @@ Outcome handle_ip_query(Frame& frame) {
   response.set_result(code);
   response.set_expire_at(static_cast<uint32_t>(expire));
   VRLOG(kLogDebug, "message_type(%d) ip(%s), rc(%d)", frame.type, ip, code);
-  return reply(frame, response);
+  std::string answer(kHeaderBytes, '\0');
+  response.AppendPartialToString(&answer);
+  answer += cached;  // its field comes last
+  return reply_encoded(frame, answer);
 }
 
 Outcome handle_ip_export(Frame& frame) {

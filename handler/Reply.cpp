@@ -43,6 +43,10 @@ Progress send_some(SendDataTask& task) {
 int reply_request(int fd, int type, const google::protobuf::Message* response) {
   std::string frame;
   message2buffer(type, response, frame);
+  return reply_request(fd, frame);
+}
+
+int reply_request(int fd, const std::string& frame) {
   VRLOG(kLogDebug, "reply_request(): response message total size (%d)", static_cast<int>(frame.size()));
   size_t sent = 0;
   while (sent < frame.size()) {

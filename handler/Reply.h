@@ -23,5 +23,8 @@ struct SendDataTask {
 // the caller then closes the connection.
 int reply_request(int fd, int type, const google::protobuf::Message* response);
 
+// The same for a frame that is whole.
+int reply_request(int fd, const std::string& frame);
+
 // Write callback of a connection with a pending SendDataTask; handlers call it directly the first time.
 void send_data_handler(int fd, short events, void* task);

@@ -77,6 +77,9 @@ TEST_F(CacheTest, HitGivesACopyAndLaterStoresReplaceIt) {
   UserInfoQueryResponse found = answer(5, "stale content");
   ASSERT_EQ(Velder::search_reply_cache(kUserInfo, "alice", &found), 0);
   EXPECT_EQ(found.SerializeAsString(), answer(0, "first").SerializeAsString());
+  std::string encoded = "in front";
+  ASSERT_EQ(Velder::search_reply_cache(kUserInfo, "alice", encoded), 0);
+  EXPECT_EQ(encoded, "in front" + found.SerializeAsString());
   store("alice", 10, kUserInfo, "a longer second text");
   ASSERT_EQ(Velder::search_reply_cache(kUserInfo, "alice", &found), 0);
   EXPECT_EQ(found.userinfo().cn(), "a longer second text");

@@ -212,6 +212,10 @@ TEST_F(IPUserRequestsTest, KeptAnswerAboutAnotherUserIsRebuilt) {
   g_stored.clear();
   query("10.0.0.1");
   EXPECT_THAT(g_stored, IsEmpty());  // what the directory does not know is not kept
+  for (const char* similar : {"CORP\\alic", "CORP\\alice2", "CORP\\Alice"}) {
+    g_bindings["10.0.0.1"] = similar;
+    EXPECT_EQ(query("10.0.0.1").userinfo().user_ln(), similar);
+  }
 }
 
 TEST_F(IPUserRequestsTest, GuestIsAnsweredWithoutTheDirectory) {
