@@ -8,11 +8,14 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <climits>
+#include <ctime>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
 #include "brellog/VrLog.h"
+#include "libvelder/Certificate.h"
 #include "libvelder/Fold.h"
 #include "libvelder/LdapConnectionInternal.h"
 
@@ -132,14 +135,28 @@ bool handshake_is_late(const LdapConnection::Session& session) {
   return true;
 }
 
+// What begins neither an LDAP message nor, during a handshake, a TLS record. The client library would wait
+// for the rest of the message that it takes such a text for.
+std::string_view remark_on(unsigned char first, bool handshake) {
+  constexpr unsigned char kMessage = 0x30, kAlert = 0x15, kHandshake = 0x16;
+  const bool record = first == kAlert || first == kHandshake;
+  if (handshake ? record : first == kMessage) return {};
+  return record ? "what answers there wants TLS first (ldaps://)"
+                : "what answers there is no directory server";
+}
+
 ber_slen_t socket_read(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) {
-  const LdapConnection::Session& session = session_of(layer);
+  LdapConnection::Session& session = session_of(layer);
   ber_slen_t got = -1;
   do {
     if (handshake_is_late(session)) return -1;
     got = recv(session.fd, buffer, size, 0);
   } while (got < 0 && may_try_again(session, POLLIN));
-  return got;
+  if (got <= 0 || std::exchange(session.heard, true)) return got;
+  session.stranger = remark_on(*static_cast<const unsigned char*>(buffer), session.handshake.has_value());
+  if (session.stranger.empty()) return got;
+  errno = EPROTO;
+  return -1;
 }
 
 ber_slen_t socket_write(Sockbuf_IO_Desc* layer, void* buffer, ber_len_t size) {
@@ -226,17 +243,21 @@ bool set_session_options(LDAP* ld, const Domain& domain) {
          ber_sockbuf_ctrl(buffer, LBER_SB_OPT_SET_MAX_INCOMING, &longest) == 1;
 }
 
-// A certificate is demanded and checked, with a context of this session's own. TLS before 1.2 is not spoken.
-Result<void> set_tls_options(LdapConnection::Session& session, const std::string& ca_setting) {
+// Whether a certificate is demanded and checked. kNone is for finding out what is wrong with it: nothing is
+// ever sent over such a session.
+enum class Trust { kChecked, kNone };
+
+// With a context of this session's own. TLS before 1.2 is not spoken.
+Result<void> set_tls_options(LdapConnection::Session& session, const std::string& ca_setting, Trust trust) {
   const std::string ca_file = ca_setting.empty() ? kSystemCas : ca_setting;
   if (access(ca_file.c_str(), R_OK) != 0)
     return session.fail(kDirectoryServerDown, "no trusted CAs: cannot read " + printable(ca_file, 200) +
                                                   ": " + std::system_category().message(errno));
-  const int demand = LDAP_OPT_X_TLS_DEMAND;
+  const int checking = trust == Trust::kChecked ? LDAP_OPT_X_TLS_DEMAND : LDAP_OPT_X_TLS_NEVER;
   const int lowest = LDAP_OPT_X_TLS_PROTOCOL_TLS1_2;
   const int client = 0;
   LDAP* ld = session.ld;
-  if (ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &demand) != LDAP_OPT_SUCCESS ||
+  if (ldap_set_option(ld, LDAP_OPT_X_TLS_REQUIRE_CERT, &checking) != LDAP_OPT_SUCCESS ||
       ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTDIR, nullptr) != LDAP_OPT_SUCCESS ||
       ldap_set_option(ld, LDAP_OPT_X_TLS_CACERTFILE, ca_file.c_str()) != LDAP_OPT_SUCCESS ||
       ldap_set_option(ld, LDAP_OPT_X_TLS_PROTOCOL_MIN, &lowest) != LDAP_OPT_SUCCESS ||
@@ -257,22 +278,75 @@ Result<void> ask_for_tls(LdapConnection::Session& session, Deadline deadline) {
   return {};
 }
 
-Result<void> shake_hands(LdapConnection::Session& session, const Domain& domain, Deadline deadline) {
+// Why TLS failed, as far as the client library says; "" when it minds the certificate, of which it tells
+// nothing but in a trace.
+std::string failed_handshake(const LdapConnection::Session& session, Deadline deadline) {
+  if (steady_clock::now() >= deadline) return "no TLS in time";
+  if (!session.stranger.empty()) return "no TLS: " + std::string(session.stranger);
+  const std::string reason = diagnostic_of(session.ld);
+  const bool told = !reason.empty() && reason.find("unknown error") == std::string::npos;
+  return told ? "no TLS: " + printable(reason, kServerTextLimit) : "";
+}
+
+// Puts TLS on a session that has none. The error has no text when the certificate is minded.
+Result<void> start_tls(LdapConnection::Session& session, const Domain& domain, bool ask, Trust trust,
+                       Deadline deadline) {
+  if (auto set = set_tls_options(session, domain.ca_cert_file, trust); !set) return set;
+  if (ask) {
+    if (auto granted = ask_for_tls(session, deadline); !granted) return granted;
+  }
   session.handshake = deadline;
+  session.heard = false;  // another protocol begins
   const int rc = ldap_install_tls(session.ld);
   session.handshake.reset();
   if (rc == LDAP_SUCCESS) return {};
-  if (steady_clock::now() >= deadline) return session.lose(kDirectoryServerDown, "no TLS in time");
-  const std::string reason = diagnostic_of(session.ld);
-  if (!reason.empty() && reason.find("unknown error") == std::string::npos)
-    return session.lose(kDirectoryServerDown, "no TLS: " + printable(reason, kServerTextLimit));
-  // The library tells these apart in a trace only.
-  const std::string trusted =
+  const std::string why = failed_handshake(session, deadline);
+  if (!why.empty()) return session.lose(kDirectoryServerDown, why);
+  session.lost = kDirectoryServerDown;
+  return tl::unexpected(Error{kDirectoryServerDown, ""});
+}
+
+Result<std::unique_ptr<LdapConnection::Session>> connect(const Domain& domain, const std::string& url,
+                                                         const UrlParts& parts, Deadline deadline,
+                                                         OpenStages& stage) {
+  auto session = std::make_unique<LdapConnection::Session>();
+  session->url = url;
+  session->owner = getpid();
+  session->operation_timeout = seconds(domain.operation_timeout);
+  auto socket = connect_tcp(parts.host, parts.port, deadline, session->operation_timeout, stage.resolved);
+  if (!socket) return session->fail(socket.error().code, socket.error().text);
+  stage.connected = true;
+  if (!attach(*session, std::move(*socket)) || !set_session_options(session->ld, domain))
+    return session->fail(kDirectoryOther, "the client library refuses an option");
+  return session;
+}
+
+// The client library wants the machine's own name in the certificate of "localhost".
+std::string name_in_certificate(const std::string& host) {
+  std::array<char, HOST_NAME_MAX + 1> own{};
+  const bool local = ascii_iequals(host, "localhost");
+  return local && gethostname(own.data(), own.size() - 1) == 0 ? own.data() : host;
+}
+
+// What is wrong with a server's certificate. It is fetched by a session that trusts it, and looked at here.
+std::string minded_certificate(const Domain& domain, const std::string& url, const UrlParts& parts,
+                               Deadline deadline) {
+  const std::string cas =
       domain.ca_cert_file.empty() ? "the system trusts" : printable(domain.ca_cert_file, 200) + " holds";
-  return session.lose(kDirectoryServerDown,
-                      "no TLS: the server speaks none, or its certificate has expired, is for "
-                      "another name, or is of no CA that " +
-                          trusted);
+  OpenStages unused;
+  const auto session = connect(domain, url, parts, deadline, unused);
+  berval certificate{};
+  if (session && start_tls(**session, domain, !parts.tls, Trust::kNone, deadline))
+    ldap_get_option((*session)->ld, LDAP_OPT_X_TLS_PEERCERT, &certificate);
+  const std::unique_ptr<char, decltype(&ldap_memfree)> owner(certificate.bv_val, ldap_memfree);
+  if (certificate.bv_val == nullptr)
+    return "no TLS: the server speaks none, or its certificate has expired, is for another name, or is of no "
+           "CA that " +
+           cas;
+  const std::string_view der(certificate.bv_val, certificate.bv_len);
+  const std::string fault = certificate_fault(der, name_in_certificate(parts.host), time(nullptr));
+  if (!fault.empty()) return "no TLS: its certificate " + fault;
+  return "no TLS: its certificate is of no CA that " + cas + "; issued by " + certificate_issuer(der);
 }
 
 milliseconds slice_until(Deadline until) {
@@ -312,6 +386,7 @@ tl::unexpected<Error> LdapConnection::Session::lose(int code, std::string_view t
 }
 
 tl::unexpected<Error> LdapConnection::Session::fail_local(int library_code, std::string_view doing) {
+  if (!stranger.empty()) return lose(kDirectoryServerDown, std::string(doing) + ": " + std::string(stranger));
   const std::string what = std::string(doing) + ": " + ldap_err2string(library_code);
   switch (library_code) {
     case LDAP_FILTER_ERROR:
@@ -398,24 +473,16 @@ Result<LdapConnection> LdapConnection::open(const Domain& domain, const std::str
   const auto parts = parse_url(url);
   if (!parts) return tl::unexpected(parts.error());
 
-  auto session = std::make_unique<Session>();
-  session->url = url;
-  session->owner = getpid();
-  session->operation_timeout = seconds(domain.operation_timeout);
-  auto socket = connect_tcp(parts->host, parts->port, deadline, session->operation_timeout, stage.resolved);
-  if (!socket) return session->fail(socket.error().code, socket.error().text);
-  stage.connected = true;
-
-  if (!attach(*session, std::move(*socket)) || !set_session_options(session->ld, domain))
-    return session->fail(kDirectoryOther, "the client library refuses an option");
+  auto session = connect(domain, url, *parts, deadline, stage);
+  if (!session) return tl::unexpected(session.error());
   if (parts->tls || domain.start_tls) {
-    auto ready = set_tls_options(*session, domain.ca_cert_file);
-    if (ready && !parts->tls) ready = ask_for_tls(*session, deadline);
-    if (ready) ready = shake_hands(*session, domain, deadline);
+    auto ready = start_tls(**session, domain, !parts->tls, Trust::kChecked, deadline);
+    if (!ready && ready.error().text.empty())
+      ready = (*session)->fail(kDirectoryServerDown, minded_certificate(domain, url, *parts, deadline));
     if (!ready) return tl::unexpected(ready.error());
     stage.tls = true;
   }
-  return LdapConnection(std::move(session));
+  return LdapConnection(std::move(*session));
 }
 
 bool LdapConnection::usable() const {

@@ -46,6 +46,8 @@ struct LdapConnection::Session {
   pid_t owner = 0;
   int fd = -1;                        // -1 as well once the client library has closed it
   std::optional<Deadline> handshake;  // reading and writing block, but not beyond it
+  bool heard = false;                 // something has come from the other end
+  std::string_view stranger;          // what was heard first is no LDAP: a remark on it; else empty
   std::string url;
   std::chrono::milliseconds operation_timeout{0};
   int lost = 0;  // 0, or the code of the failure that ended the session

@@ -12,6 +12,8 @@
 #include <utility>
 
 #include "brellog/VrLog.h"
+#include "libvelder/Fold.h"
+#include "libvelder/LiveSearch.h"
 #include "libvelder/ServerPoolInternal.h"
 #include "libvelder/TcpConnect.h"
 
@@ -299,6 +301,26 @@ BindResult ServerPool::check_bind(const std::string& dn, std::string_view passwo
 
 namespace {
 
+// A synchronisation refuses a directory without users. One is enough to see that the settings recognise them.
+Result<void> find_a_user(LdapConnection& connection, const Domain& domain, ServerStatus& status) {
+  SearchRequest request;
+  request.base = domain.base_dn;
+  request.filter = user_classes(domain.schema);
+  // A server that does not know the class would find nobody.
+  if (domain.schema == Schema::kAd) request.filter = all_of(request.filter + "(!(objectClass=computer))");
+  request.attributes = {"1.1"};  // no attributes
+  request.limits.max_entries = 1;
+  const auto done = connection.search(request, [&](LdifRecord&) -> Result<void> {
+    status.users_found = true;
+    return {};
+  });
+  if (status.users_found) return {};
+  if (!done) return done;
+  return tl::unexpected(Error{kDirectoryNoSuchObject,
+                              status.url + ": no users below BaseDN that the reading account may see; is "
+                                           "Schema right?"});
+}
+
 // Fills `status` up to the first step that fails, whose error comes back.
 Result<void> try_server(ServerPool::State& state, ServerStatus& status) {
   OpenStages stages;
@@ -323,10 +345,11 @@ Result<void> try_server(ServerPool::State& state, ServerStatus& status) {
     status.base_found = true;
     return {};
   });
-  if (found && !status.base_found)
+  if (!found) return found;
+  if (!status.base_found)
     return tl::unexpected(
         Error{kDirectoryNoSuchObject, status.url + ": BaseDN: nothing there that may be read"});
-  return found;
+  return find_a_user(*connection, state.domain, status);
 }
 
 }  // namespace
@@ -337,7 +360,7 @@ std::vector<ServerStatus> ServerPool::probe_all() const {
   for (const std::string& url : domain_.servers) {
     ServerStatus& status = result.emplace_back();
     status.url = url;
-    status.tls_wanted = domain_.start_tls || url.substr(0, 5) == "ldaps" || url.substr(0, 5) == "LDAPS";
+    status.tls_wanted = domain_.start_tls || ascii_iequals(std::string_view(url).substr(0, 6), "ldaps:");
     const auto started = State::Clock::now();
     if (const auto tried = try_server(*own, status); !tried) status.error = tried.error().text;
     status.took = std::chrono::duration_cast<milliseconds>(State::Clock::now() - started);

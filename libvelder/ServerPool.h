@@ -35,8 +35,9 @@ struct ServerStatus {
   bool connected = false;
   bool tls_wanted = false;
   bool tls = false;
-  bool bound = false;       // as the reading account, or anonymously without one
-  bool base_found = false;  // BaseDN exists and may be read
+  bool bound = false;        // as the reading account, or anonymously without one
+  bool base_found = false;   // BaseDN exists and may be read
+  bool users_found = false;  // at least one, as the settings recognise them
   size_t naming_contexts = 0;
   bool offers_paging = false;
   std::string error;  // of the first step that failed; empty: all is well

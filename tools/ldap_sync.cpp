@@ -124,10 +124,10 @@ const char* yes_or_no(bool value) {
 bool print_status(const velder::ServerStatus& status) {
   printf("  %s: %s (%lld ms)\n", status.url.c_str(), status.works() ? "works" : "FAILS",
          static_cast<long long>(status.took.count()));
-  printf("    resolved %s, connected %s, TLS %s, bound %s, base found %s, paging %s\n",
+  printf("    resolved %s, connected %s, TLS %s, bound %s, base found %s, users found %s, paging %s\n",
          yes_or_no(status.resolved), yes_or_no(status.connected),
          status.tls_wanted ? yes_or_no(status.tls) : "not wanted", yes_or_no(status.bound),
-         yes_or_no(status.base_found), yes_or_no(status.offers_paging));
+         yes_or_no(status.base_found), yes_or_no(status.users_found), yes_or_no(status.offers_paging));
   if (!status.works()) printf("    %s\n", velder::printable(status.error, 1000).c_str());
   return status.works();
 }

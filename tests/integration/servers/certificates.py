@@ -17,15 +17,16 @@ class Authority:
             "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign",
             "-keyout", self._key, "-out", self.certificate)
 
-    def issue(self, names):
-        """Certificate and key of a server; `names` such as IP:127.0.0.1,DNS:dc1.corp.test."""
-        stem = os.path.join(self.folder, "".join(c if c.isalnum() else "_" for c in names))
+    def issue(self, names, days=30):
+        """Certificate and key of a server; `names` such as IP:127.0.0.1,DNS:dc1.corp.test. Less than no `days`: it
+        has expired."""
+        stem = os.path.join(self.folder, "".join(c if c.isalnum() else "_" for c in f"{names}{days}"))
         request, extensions = f"{stem}.csr", f"{stem}.ext"
         with open(extensions, "w", encoding="ascii") as file:
             file.write(f"subjectAltName={names}\nextendedKeyUsage=serverAuth\n")
         run("openssl", "req", *_KEY, "-subj", "/CN=server", "-keyout", f"{stem}.key", "-out", request)
         run("openssl", "x509", "-req", "-in", request, "-CA", self.certificate, "-CAkey", self._key,
-            "-CAcreateserial", "-days", "30", "-out", f"{stem}.pem", "-extfile", extensions)
+            "-CAcreateserial", "-days", str(days), "-out", f"{stem}.pem", "-extfile", extensions)
         return f"{stem}.pem", f"{stem}.key"
 
 

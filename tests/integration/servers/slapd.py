@@ -93,7 +93,7 @@ def skeleton():
 class Slapd(ServerProcess):
     """`content` is the LDIF of the directory below the skeleton; `names` what its certificate says."""
 
-    def __init__(self, content, names="IP:127.0.0.1", authority_name="trusted"):
+    def __init__(self, content, names="IP:127.0.0.1", authority_name="trusted", days=30):
         need_programs("slapd", "slapadd", "ldapmodify", "openssl")
         number = next(_numbers)
         self.folder = new_folder(f"slapd{number}")
@@ -101,7 +101,7 @@ class Slapd(ServerProcess):
         self.url, self.tls_url = f"ldap://127.0.0.1:{self.port}", f"ldaps://127.0.0.1:{self.tls_port}"
         issuer = authority(authority_name)
         self.ca = issuer.certificate
-        certificate, key = issuer.issue(names)
+        certificate, key = issuer.issue(names, days)
         self.configuration = os.path.join(self.folder, "slapd.conf")
         with open(self.configuration, "w", encoding="utf-8") as file:
             file.write(_CONFIGURATION.format(

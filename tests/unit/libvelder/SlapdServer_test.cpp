@@ -180,6 +180,7 @@ TEST_F(SlapdTest, TheServerDescribesItself) {
 
   Domain domain = server_->domain();
   domain.servers = {server_->tls_url()};
+  domain.schema = velder::Schema::kRfc2307bis;
   const auto good = ServerPool(domain, ServerPool::Probes::kNone).probe_all().at(0);
   EXPECT_TRUE(good.works() && good.tls && good.bound && good.base_found && good.offers_paging) << good.error;
   EXPECT_EQ(good.naming_contexts, 1U);
