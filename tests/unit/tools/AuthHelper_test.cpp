@@ -1,0 +1,218 @@
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <thread>
+
+#include "client/UniqueFd.h"
+#include "tools/authhelper_io.h"
+#include "tools/authhelper_modes.h"
+#include "tools/authhelper_protocol.h"
+
+namespace authhelper {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using Fields = std::vector<std::string>;
+
+TEST(AuthHelperLine, IsReadAsTheProxyWritesIt) {
+  const struct {
+    Mode mode;
+    bool channels;
+    std::string line;
+    LineFault fault;
+    std::string channel;
+    Fields fields;
+  } rows[] = {
+      {Mode::kBasic,
+       false,
+       "al%20%C3%BC%22%25%5Cice p%20w 127.0.0.1",
+       LineFault::kNone,
+       "",
+       {"al ü\"%\\ice", "p w"}},
+      {Mode::kBasic, false, "alice ", LineFault::kNone, "", {"alice", ""}},
+      // What key_extras adds must not become the password.
+      {Mode::kBasic, false, "alice  127.0.0.1", LineFault::kNone, "", {"alice", ""}},
+      {Mode::kBasic, false, " pw", LineFault::kNone, "", {"", "pw"}},
+      {Mode::kBasic, false, "alice pw\r", LineFault::kNone, "", {"alice", "pw"}},
+      {Mode::kBasic, false, "alice", LineFault::kMissingField, "", {}},
+      {Mode::kBasic, false, "", LineFault::kMissingField, "", {}},
+      {Mode::kBasic, true, "17 alice pw", LineFault::kNone, "17", {"alice", "pw"}},
+      {Mode::kBasic, true, "17 alice", LineFault::kMissingField, "17", {}},
+      {Mode::kBasic, true, "17 alice %4", LineFault::kBadEscape, "17", {}},
+      {Mode::kBasic, true, "alice pw", LineFault::kNoChannel, "", {}},
+      {Mode::kBasic, true, "12345678901 alice pw", LineFault::kNoChannel, "", {}},
+      {Mode::kBasic, true, "-1 alice pw", LineFault::kNoChannel, "", {}},
+      {Mode::kBasic, true, "17", LineFault::kNoChannel, "", {}},
+      {Mode::kBasic, false, "alice %zz", LineFault::kBadEscape, "", {}},
+      {Mode::kBasic, false, "alice %", LineFault::kBadEscape, "", {}},
+      {Mode::kBasic, false, "alice a%00b", LineFault::kNul, "", {}},
+      {Mode::kBasic, false, "ali\0ce pw"s, LineFault::kNul, "", {}},
+      // A client chooses its token freely, so its percent signs are nothing special.
+      {Mode::kNtlm, false, "YR %zz 10.0.0.1", LineFault::kNone, "", {"YR", "%zz", "10.0.0.1"}},
+      {Mode::kNtlm, false, "YR", LineFault::kNone, "", {"YR"}},
+      {Mode::kNegotiate, false, "KK abc= - more", LineFault::kNone, "", {"KK", "abc=", "-"}},
+      {Mode::kIpUser, false, "2001:db8::7 -", LineFault::kNone, "", {"2001:db8::7"}},
+      {Mode::kGroup,
+       true,
+       "3 D%5Cu Domain%20Users  B%C3%BCro",
+       LineFault::kNone,
+       "3",
+       {"D\\u", "Domain Users", "Büro"}},
+      {Mode::kGroup, false, "alice -", LineFault::kNone, "", {"alice"}},
+      {Mode::kGroup, false, "alice - staff", LineFault::kNone, "", {"alice", "-", "staff"}},
+  };
+  for (const auto& row : rows) {
+    const HelperLine got = parse_helper_line(row.line, row.mode, row.channels);
+    EXPECT_EQ(got.fault, row.fault) << row.line;
+    EXPECT_EQ(got.channel, row.channel) << row.line;
+    if (row.fault != LineFault::kNone) continue;
+    EXPECT_EQ(got.fields, row.fields) << row.line;
+  }
+}
+
+TEST(AuthHelperReply, IsOneLineWithTheValuesItWasGiven) {
+  const std::string_view no = "wrong user name or password";
+  const struct {
+    Reply reply;
+    std::string channel;
+    std::string line;
+  } rows[] = {
+      {{Verdict::kOk, {}, {}, {}}, "", "OK"},
+      {{Verdict::kOk, "D\\a b\"%\n=ü user=x", {}, {}}, "", "OK user=D%5Ca%20b%22%25%0A%3D%C3%BC%20user%3Dx"},
+      {{Verdict::kOk, "u@R", "YWI=", {}}, "", "OK user=u@R token=YWI="},
+      {{Verdict::kOk, "u@R", "", {}}, "", "OK user=u@R token="},
+      {{Verdict::kRefused, {}, {}, no}, "12", "12 ERR message=\"wrong user name or password\""},
+      {{Verdict::kRefused, {}, "YWI=", no}, "", "ERR message=\"wrong user name or password\" token=YWI="},
+      {{Verdict::kChallenge, {}, "TlRM", {}}, "", "TT TlRM"},
+      {{Verdict::kBroken, {}, {}, "no answer"}, "0", "0 BH message=\"no answer\""},
+      {{Verdict::kOk, std::string(kLongestReply, 'a'), {}, {}},
+       "7",
+       "7 BH message=\"the answer is too long for the proxy\""},
+  };
+  for (const auto& row : rows) EXPECT_EQ(format_reply(row.reply, row.channel), row.line);
+}
+
+TEST(AuthHelperReply, EscapesEveryByteThatIsNotPlain) {
+  for (int byte = 0; byte < 256; ++byte) {
+    const std::string text(1, static_cast<char>(byte));
+    const std::string escaped = escape_value(text);
+    EXPECT_EQ(
+        escaped.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._@%"),
+        std::string::npos);
+    if (byte == 0) continue;  // no field holds one
+    EXPECT_EQ(parse_helper_line(escaped, Mode::kIpUser, false).fields, Fields{text}) << byte;
+  }
+}
+
+TEST(AuthHelperTokens, AndWhatBelongsToThem) {
+  for (const char* text : {"A", "YWJj", "YWI=", "YQ==", "+/+/"}) EXPECT_TRUE(is_base64(text)) << text;
+  for (const char* text : {"", "=", "==", "YQ===", "Y=Q", "YW Jj", "%41", "YQ\n"})
+    EXPECT_FALSE(is_base64(text)) << text;
+
+  EXPECT_EQ(client_address({"YR", "x", "10.1.2.3"}), "10.1.2.3");
+  EXPECT_EQ(client_address({"YR", "x", "2001:db8::1"}), "2001:db8::1");
+  for (const Fields& fields : {Fields{"YR", "x"}, Fields{"YR", "x", "-"}, Fields{"YR", "x", ""}}) {
+    EXPECT_EQ(client_address(fields), "0.0.0.0");
+  }
+  EXPECT_EQ(without_realm("alice@EXAMPLE.ORG"), "alice");
+  EXPECT_EQ(without_realm("al@home@EXAMPLE.ORG"), "al@home");
+  EXPECT_EQ(without_realm("alice"), "alice");
+  EXPECT_EQ(without_realm("@EXAMPLE.ORG"), "@EXAMPLE.ORG");
+}
+
+class AuthHelperReader : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    from_.reset(ends[0]);
+    to_.reset(ends[1]);
+  }
+  // Writes in pieces of this size from a thread of its own, then closes.
+  void write_in_pieces(const std::string& text, size_t piece) {
+    writer_ = std::jthread([this, text, piece] {
+      for (size_t at = 0; at < text.size(); at += piece) {
+        const std::string part = text.substr(at, piece);
+        ASSERT_EQ(write(to_.get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
+      }
+      to_.reset();
+    });
+  }
+
+  velder_client::UniqueFd from_, to_;
+  std::jthread writer_;
+};
+
+TEST_F(AuthHelperReader, TakesLinesOfAnyPieces) {
+  const std::string longest(LineReader::kLongestLine, 'x');
+  for (const size_t piece : {size_t{1000}, size_t{65536}}) {
+    SetUp();
+    write_in_pieces(
+        "first\n\n" + longest + "\n9 " + longest + "\n" + longest + longest + longest + "\nlast\ncut off",
+        piece);
+    LineReader reader(from_.get());
+    for (const std::string& line : {"first"s, ""s, longest}) {
+      ASSERT_EQ(reader.next(), LineReader::What::kLine);
+      EXPECT_EQ(reader.line(), line);
+    }
+    ASSERT_EQ(reader.next(), LineReader::What::kTooLong);
+    EXPECT_TRUE(reader.line().starts_with("9 xxx")) << "the channel number has to be told";
+    ASSERT_EQ(reader.next(), LineReader::What::kTooLong);
+    ASSERT_EQ(reader.next(), LineReader::What::kLine);
+    EXPECT_EQ(reader.line(), "last");
+    EXPECT_EQ(reader.next(), LineReader::What::kEnd);
+    writer_.join();
+  }
+}
+
+TEST(AuthHelperComplaints, OfOneKindComeOnceInAWhile) {
+  Complaints complaints("");
+  const Complaints::Clock::time_point start{};
+  EXPECT_EQ(complaints.due(Topic::kDaemonAway, "away", start), "away");
+  EXPECT_EQ(complaints.due(Topic::kDaemonAway, "away", start + 1s), "");
+  EXPECT_EQ(complaints.due(Topic::kBadLine, "bad", start + 1s), "bad") << "another kind";
+  complaints.settle(Topic::kDaemonAway, "back");
+  EXPECT_EQ(complaints.due(Topic::kDaemonAway, "away", start + 29s), "") << "in turns with its end";
+  EXPECT_EQ(complaints.due(Topic::kDaemonAway, "away", start + Complaints::kQuiet),
+            "away (and 2 times before)");
+}
+
+TEST(AuthHelperBackoff, GrowsToItsLimitAndEndsWithSuccess) {
+  Backoff backoff;
+  Backoff::Clock::time_point now{};
+  EXPECT_TRUE(backoff.may_try(now));
+  for (const auto wait : {100ms, 200ms, 400ms, 800ms, 1600ms, 2000ms, 2000ms}) {
+    backoff.failed(now);
+    EXPECT_FALSE(backoff.may_try(now + wait - 1ms));
+    EXPECT_TRUE(backoff.may_try(now + wait));
+    now += wait;
+  }
+  backoff.succeeded();
+  EXPECT_TRUE(backoff.may_try(now));
+}
+
+TEST(AuthHelperGroups, AreComparedAsTheDirectoryDoes) {
+  google::protobuf::RepeatedPtrField<Velder::GroupInfo> groups;
+  const struct {
+    const char* cn;
+    const char* dn;
+  } rows[] = {{"Büro Zürich", "CN=Büro Zürich,OU=Groups,DC=corp,DC=test"},
+              {"Finance, Controlling", "CN=Finance\\, Controlling,DC=corp"}};
+  for (const auto& row : rows) {
+    Velder::GroupInfo* group = groups.Add();
+    group->set_cn(row.cn);
+    group->set_dn(row.dn);
+  }
+  for (const char* name :
+       {"BÜRO zürich", "finance, controlling", "cn=büro zürich, ou=groups, dc=CORP,dc=test",
+        "cn=\"finance, controlling\",dc=corp"}) {
+    EXPECT_TRUE(names_one_of({"u", "other", name}, groups)) << name;
+  }
+  for (const char* name : {"Büro", "", "CN=Büro Zürich,DC=corp,DC=test", "dc=corp"}) {
+    EXPECT_FALSE(names_one_of({"Büro Zürich", name}, groups)) << name;
+  }
+}
+
+}  // namespace
+}  // namespace authhelper
