@@ -1,5 +1,7 @@
 #include "libvelder/Base64.h"
 
+#include <openssl/evp.h>
+
 #include <array>
 #include <cstdint>
 
@@ -59,6 +61,15 @@ bool decode_base64(std::string_view text, std::string& bytes) {
   if ((bad & kBad) == 0) return true;
   bytes.clear();
   return false;
+}
+
+std::string encode_base64(std::string_view bytes) {
+  std::string text(4 * ((bytes.size() + 2) / 3) + 1, '\0');  // its NUL included
+  const int length =
+      EVP_EncodeBlock(reinterpret_cast<unsigned char*>(text.data()),
+                      reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(bytes.size()));
+  text.resize(static_cast<size_t>(length));
+  return text;
 }
 
 }  // namespace velder

@@ -10,4 +10,7 @@ namespace velder {
 // `text` is exactly one encoding: whole groups of four, padding only at the end, no blanks, no stray bits.
 bool decode_base64(std::string_view text, std::string& bytes);
 
+// On one line, padded.
+std::string encode_base64(std::string_view bytes);
+
 }  // namespace velder

@@ -128,13 +128,15 @@ int DirectoryQueries::user_info(std::string_view user, UserRow& row) {
   return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);
 }
 
-int DirectoryQueries::account(std::string_view user, UserRow& row, bool& disabled) {
+int DirectoryQueries::account(std::string_view user, UserRow& row, Credentials& credentials) {
   const auto id = find_user(user);
   if (!id || !reader_.user(*id, row)) return code(kDirectoryNoSuchObject);
-  Credentials credentials;
   reader_.credentials(*id, credentials);
-  disabled = credentials.disabled;
   return code(kDirectorySuccess);
+}
+
+bool DirectoryQueries::knows_domain(std::string_view name) {
+  return reader_.has_domain(fold_text(name));
 }
 
 CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std::string_view password) {

@@ -44,7 +44,10 @@ class DirectoryQueries {
   // The same for one group.
   int users_of_group(std::string_view group, bool by_dn, GroupUserMeta& record);
   int user_info(std::string_view user, UserRow& row);
-  int account(std::string_view user, UserRow& row, bool& disabled);
+  // With what logons need to know; `credentials` may hold hashes.
+  int account(std::string_view user, UserRow& row, Credentials& credentials);
+  // Whether `name` is the DNS or NetBIOS name of a domain here.
+  bool knows_domain(std::string_view name);
   CredentialVerdict check_credential(std::string_view user, std::string_view password);
 
   // After a result of 32: several entries have the name.

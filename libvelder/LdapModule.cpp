@@ -2,6 +2,7 @@
 // and leaves the work to the parts behind it.
 #include "libvelder/LdapModule.h"
 
+#include <algorithm>
 #include <cstring>
 #include <exception>
 #include <string_view>
@@ -11,6 +12,8 @@
 #include "libvelder/Dn.h"
 #include "libvelder/LdapQueries.h"
 #include "libvelder/LiveDirectory.h"
+#include "libvelder/NegotiateLogon.h"
+#include "libvelder/NtlmLogon.h"
 
 namespace {
 
@@ -22,6 +25,10 @@ using velder::Match;
 
 // Of an error line: file names may be long, but a line of the log ends at 4,095 characters.
 constexpr size_t kErrorTextLimit = 2000;
+
+// What a caller's buffer holds of a token; the length that it passes may be larger.
+constexpr int kLongestNtlmToken = 3071;
+enum NtlmResult : int { kNtlmRefused = -1, kNtlmProven = 0, kNtlmChallenge = 1 };
 
 int report(const velder::Error& error) {
   VRLOG(kLogError, "Directory: %s", velder::printable(error.text, kErrorTextLimit).c_str());
@@ -93,8 +100,9 @@ void log_refusal(const char* user, const CredentialResult& result) {
 
 }  // namespace
 
-// No acceptor is configured, so an exchange has nothing to keep.
-struct LdapModule::Exchange {};
+struct LdapModule::Exchange {
+  velder::NtlmLogon logon;
+};
 
 LdapModule::LdapModule() = default;
 LdapModule::~LdapModule() = default;
@@ -167,22 +175,49 @@ bool LdapModule::validate_credential(const char* user, const char* password, voi
   return guarded(log, false);
 }
 
-// No acceptor is configured: nobody can be proven this way.
-bool LdapModule::validate_negotiate_message(const char* /*token*/, std::string& clientinfo,
+bool LdapModule::validate_negotiate_message(const char* token, std::string& clientinfo,
                                             std::string& returnmsg, bool& neednego) {
   clientinfo.clear();
   returnmsg.clear();
   neednego = false;
-  return false;
+  const auto work = [&]() -> bool {
+    const auto lease = velder::lease_directory();
+    if (!lease) return false;
+    velder::NegotiateAnswer answer =
+        velder::check_negotiate_token(*lease->acceptor, token == nullptr ? "" : token);
+    clientinfo = std::move(answer.principal);
+    returnmsg = std::move(answer.token);
+    neednego = answer.another_leg;
+    return answer.proven;
+  };
+  return guarded(work, false);
 }
 
 std::string LdapModule::dn_to_dns_name(const char* dn) {
   return guarded([&] { return dn == nullptr ? std::string() : velder::dns_domain_of(dn); }, std::string());
 }
 
-// No acceptor is configured: no challenge is ever given.
-int LdapModule::validate_ntlm_message(const char* /*client_ip*/, char* /*token*/, int /*token_len*/,
-                                      char* /*out*/, int& out_len) {
+int LdapModule::validate_ntlm_message(const char* client_ip, char* token, int token_len, char* out,
+                                      int& out_len) {
+  const auto capacity = static_cast<size_t>(std::max(out_len, 0));
   out_len = 0;
-  return -1;
+  const auto work = [&]() -> int {
+    const std::string_view client = client_ip == nullptr ? "" : client_ip;
+    if (token == nullptr || token_len <= 0 || token_len > kLongestNtlmToken) {
+      exchange_.reset();
+      velder::log_ntlm_refusal(client, "the message is empty or longer than 3071 bytes");
+      return kNtlmRefused;
+    }
+    if (!exchange_) exchange_ = std::make_unique<Exchange>();
+    std::string answer;
+    const auto step =
+        exchange_->logon.step(client, std::string(token, static_cast<size_t>(token_len)), answer);
+    if (step == velder::NtlmLogon::Step::kRefused || out == nullptr || answer.size() > capacity) {
+      return kNtlmRefused;
+    }
+    memcpy(out, answer.data(), answer.size());
+    out_len = static_cast<int>(answer.size());
+    return step == velder::NtlmLogon::Step::kChallenge ? kNtlmChallenge : kNtlmProven;
+  };
+  return guarded(work, int{kNtlmRefused});
 }

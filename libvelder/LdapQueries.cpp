@@ -1,5 +1,6 @@
 #include "libvelder/LdapQueries.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "libvelder/Dn.h"
@@ -153,7 +154,9 @@ Result<LdapQueries::Account> LdapQueries::find_account_live(std::string_view use
 int LdapQueries::find_account(std::string_view user, Account& account) {
   const auto known = [&](DirectoryQueries& snapshot) {
     UserRow row;
-    const int code = snapshot.account(user, row, account.disabled);
+    Credentials credentials;
+    const int code = snapshot.account(user, row, credentials);
+    account.disabled = credentials.disabled;
     if (code == kDirectorySuccess) account.dn = std::move(row.meta.dn);
     return code;
   };
@@ -194,10 +197,36 @@ CredentialResult LdapQueries::bind(const Account& account, std::string_view pass
     case BindVerdict::kCannotTell: return {CredentialVerdict::kCannotTell, std::move(result.text)};
   }
   if (!account.disabled) return {CredentialVerdict::kProven, ""};
-  const auto now = live().find_user(account.dn);
-  if (!now) return {CredentialVerdict::kCannotTell, now.error().text};
-  if (now->entry.disabled) return {CredentialVerdict::kDisabled, "says the entry itself"};
+  const auto disabled = disabled_now(account.dn);
+  if (!disabled) return {CredentialVerdict::kCannotTell, disabled.error().text};
+  if (*disabled) return {CredentialVerdict::kDisabled, "says the entry itself"};
   return {CredentialVerdict::kProven, ""};
+}
+
+int LdapQueries::account(std::string_view user, UserRow& row, Credentials& credentials) {
+  return look_up(
+      kUser, user, [&](DirectoryQueries& snapshot) { return snapshot.account(user, row, credentials); },
+      [&]() -> Result<void> {
+        const auto found = live().find_user(user);
+        if (!found) return tl::make_unexpected(found.error());
+        row = found->row();
+        credentials.disabled = found->entry.disabled;
+        return {};
+      });
+}
+
+Result<bool> LdapQueries::disabled_now(std::string_view dn) {
+  const auto now = live().find_user(dn);
+  if (!now) return tl::make_unexpected(now.error());
+  return now->entry.disabled;
+}
+
+bool LdapQueries::knows_domain(std::string_view name) const {
+  const std::string key = fold_text(name);
+  const std::vector<Domain>& domains = servers_.settings().domains;
+  return std::any_of(domains.begin(), domains.end(), [&](const Domain& domain) {
+    return fold_text(domain.dns_name) == key || fold_text(domain.netbios_name) == key;
+  });
 }
 
 CredentialResult LdapQueries::check_credential(std::string_view user, std::string_view password) {

@@ -36,6 +36,12 @@ class LdapQueries {
   int group_groups(std::string_view group, Match match, std::list<GroupMeta>& groups);
   int all_users(const std::list<std::string>& groups, bool by_dn, std::list<GroupUserMeta>& group_users);
   int user_info(std::string_view user, UserRow& row);
+  int account(std::string_view user, UserRow& row, Credentials& credentials);
+  bool knows_domain(std::string_view name) const;
+  bool ambiguous() const { return snapshot_ && snapshot_->ambiguous(); }
+
+  // What the server says now of an account that the snapshot has as disabled.
+  Result<bool> disabled_now(std::string_view dn);
 
   // The server that holds the user decides, by a bind. An account that the snapshot has as disabled may have
   // been enabled since, and the other way round; so the bind comes first, and only when it succeeds for such

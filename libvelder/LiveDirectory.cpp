@@ -34,6 +34,7 @@ struct InForce {
   SharedSnapshot file;  // null: the ldap source before its first snapshot
   uint32_t search_limit = 0;
   std::shared_ptr<const LdapServers> servers;  // null: the ldif source
+  std::shared_ptr<GssAcceptor> acceptor;
 };
 
 // Of the whole process. Never destroyed: a worker ends while its threads are still at work.
@@ -97,6 +98,7 @@ class Connection {
     search_limit_ = what.search_limit;
     servers_ = what.servers;
     has_servers_ = what.servers != nullptr;
+    acceptor_ = what.acceptor;
     generation_ = generation;
     forks_ = state().forks.load();
     return {};
@@ -105,6 +107,7 @@ class Connection {
   void drop() {
     generation_ = 0;
     servers_.reset();
+    acceptor_.reset();
     if (reader_ == nullptr) return;
     if (forks_ == state().forks.load()) {
       reader_.reset();
@@ -116,7 +119,7 @@ class Connection {
   // Nothing when it is of no use any more.
   std::optional<DirectoryLease> lease() {
     if (reader_ != nullptr && reader_->failure()) return std::nullopt;
-    DirectoryLease lease{reader_.get(), search_limit_, servers_.lock()};
+    DirectoryLease lease{reader_.get(), search_limit_, servers_.lock(), acceptor_};
     if (has_servers_ && !lease.servers) return std::nullopt;  // replaced just now
     return lease;
   }
@@ -127,6 +130,7 @@ class Connection {
   // Not held between look-ups: an idle thread would keep connections to servers open that nobody uses.
   std::weak_ptr<const LdapServers> servers_;
   bool has_servers_ = false;
+  std::shared_ptr<GssAcceptor> acceptor_;
   uint64_t generation_ = 0;  // 0: of none
   uint64_t forks_ = 0;
 };
@@ -205,13 +209,21 @@ std::optional<FileIdentity> identity_of(const SharedSnapshot& file) {
   return file ? std::optional(file->identity()) : std::nullopt;
 }
 
+// Settings that have not changed keep what was opened for them.
+std::shared_ptr<GssAcceptor> acceptor_for(const Settings& settings, const std::string& workdir,
+                                          const InForce* before) {
+  if (before != nullptr && before->acceptor->settings() == settings) return before->acceptor;
+  return std::make_shared<GssAcceptor>(settings, workdir);
+}
+
 std::shared_ptr<const InForce> with_servers(SharedSnapshot file, const Settings& settings,
-                                            const InForce* before) {
+                                            const std::string& workdir, const InForce* before) {
   std::shared_ptr<const LdapServers> servers = before != nullptr ? before->servers : nullptr;
   if (!servers || servers->settings() != settings) {
     servers = std::make_shared<const LdapServers>(settings, servers.get());
   }
-  return std::make_shared<const InForce>(InForce{std::move(file), settings.search_limit, std::move(servers)});
+  return std::make_shared<const InForce>(InForce{std::move(file), settings.search_limit, std::move(servers),
+                                                 acceptor_for(settings, workdir, before)});
 }
 
 // With the mutex held. The first look-up of a process, or the first after a failure.
@@ -225,7 +237,7 @@ Result<std::shared_ptr<const InForce>> open_snapshot(State& s) {
   if (s.settings.source == Source::kLdap) {
     SharedSnapshot file = usable_ldap_snapshot(*s.workdir, s.verified);
     s.verified = identity_of(file);
-    return with_servers(std::move(file), s.settings, nullptr);
+    return with_servers(std::move(file), s.settings, *s.workdir, nullptr);
   }
   auto file = SnapshotFile::open(path_in(*s.workdir, kSnapshotName), s.verified);
   if (!file || (*file)->meta().source == kLdapSourceName) {
@@ -236,7 +248,8 @@ Result<std::shared_ptr<const InForce>> open_snapshot(State& s) {
     file = update->file;
   }
   s.verified = (*file)->identity();
-  return std::make_shared<const InForce>(InForce{*file, s.settings.search_limit, nullptr});
+  return std::make_shared<const InForce>(
+      InForce{*file, s.settings.search_limit, nullptr, acceptor_for(s.settings, *s.workdir, nullptr)});
 }
 
 // With the mutex held.
@@ -283,7 +296,7 @@ Result<void> reload_from_servers(State& s, const std::string& workdir, Settings 
                       identity_of(before->file) == identity_of(*file);
     s.settings = std::move(settings);
     s.verified = identity_of(*file);
-    if (!same) put_in_force(s, with_servers(*file, s.settings, before.get()));
+    if (!same) put_in_force(s, with_servers(*file, s.settings, workdir, before.get()));
   }
   log_servers(*file, s.settings);
   return {};
@@ -320,9 +333,12 @@ Result<void> reload_from_ldif(State& s, const std::string& workdir, Settings set
   s.broken.reset();
   before = s.in_force;
   const bool same = before && !before->servers && before->file->identity() == file->identity() &&
-                    before->search_limit == s.settings.search_limit;
+                    before->search_limit == s.settings.search_limit &&
+                    before->acceptor->settings() == s.settings;
   if (!same) {
-    put_in_force(s, std::make_shared<const InForce>(InForce{file, s.settings.search_limit, nullptr}));
+    put_in_force(s,
+                 std::make_shared<const InForce>(InForce{file, s.settings.search_limit, nullptr,
+                                                         acceptor_for(s.settings, workdir, before.get())}));
   }
   return {};
 }
@@ -333,6 +349,8 @@ Result<void> initialize_directory(const std::string& workdir) {
   register_fork_handlers();
   auto settings = read_settings(workdir);
   if (!settings) return tl::make_unexpected(settings.error());
+  if (auto checked = check_acceptor_files(*settings); !checked) return checked;
+  std::string main_domain = settings->domains.empty() ? "" : settings->domains.front().netbios_name;
   std::optional<FileIdentity> verified;
   if (settings->source == Source::kLdap) {
     const SharedSnapshot file = usable_ldap_snapshot(workdir, std::nullopt);
@@ -343,7 +361,9 @@ Result<void> initialize_directory(const std::string& workdir) {
     if (!update) return tl::make_unexpected(update.error());
     log_update(*update, *settings);
     verified = update->file->identity();
+    if (main_domain.empty()) main_domain = update->file->meta().main_domain;
   }
+  set_ntlm_environment(main_domain);
 
   State& s = state();
   std::shared_ptr<const InForce> before;
@@ -368,6 +388,11 @@ Result<void> reload_directory() {
   if (!workdir) return tl::make_unexpected(Error{kDirectoryOther, "the directory is not initialised"});
   auto settings = read_settings(*workdir);
   if (!settings) return tl::make_unexpected(settings.error());
+  // A keytab or users file that is away must not keep the directory from being refreshed: logons that need it
+  // fail, each with its own line.
+  if (auto checked = check_acceptor_files(*settings); !checked) {
+    VRLOG(kLogError, "Directory: %s", printable(checked.error().text, 1000).c_str());
+  }
   const bool from_servers = settings->source == Source::kLdap;
   return from_servers ? reload_from_servers(s, *workdir, std::move(*settings), verified)
                       : reload_from_ldif(s, *workdir, std::move(*settings), verified);

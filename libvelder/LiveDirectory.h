@@ -16,6 +16,7 @@
 #include <string>
 
 #include "libvelder/Error.h"
+#include "libvelder/GssAcceptor.h"
 #include "libvelder/LdapServers.h"
 #include "libvelder/Snapshot.h"
 
@@ -27,6 +28,7 @@ struct DirectoryLease {
   SnapshotReader* reader = nullptr;  // null: a directory of servers without a snapshot yet
   uint32_t search_limit = 0;
   std::shared_ptr<const LdapServers> servers;  // null: the ldif source
+  std::shared_ptr<GssAcceptor> acceptor;       // an exchange under way keeps it
 };
 
 // Reads the settings in `workdir`. For the ldif source brings the snapshot up to date; for the ldap source

@@ -195,6 +195,14 @@ bool is_server_url(std::string_view url) {
                               "-._") == std::string_view::npos;
 }
 
+// service@host, or nothing.
+bool is_service_name(std::string_view name) {
+  const size_t at = name.find('@');
+  return name.empty() ||
+         (name.find_first_of(" \t/") == std::string_view::npos && at != std::string_view::npos && at > 0 &&
+          at + 1 < name.size() && name.find('@', at + 1) == std::string_view::npos);
+}
+
 std::string first_label_upper(std::string_view dns_name) {
   return ascii_upper(dns_name.substr(0, dns_name.find('.')));
 }
@@ -342,7 +350,7 @@ class Loader {
       const std::string keytab = section.text("Keytab");
       if (!keytab.empty()) settings_.negotiate_keytab = path_in(workdir_, keytab);
       settings_.negotiate_service = section.text("Service");
-      if (settings_.negotiate_service.find_first_of(" \t") != std::string::npos) {
+      if (!is_service_name(settings_.negotiate_service)) {
         section.refuse("Service", "one name such as HTTP@proxy.example.com");
       }
       settings_.negotiate_replay_cache = section.yes_or_no("ReplayCache", settings_.negotiate_replay_cache);

@@ -27,7 +27,7 @@
 namespace velder {
 
 // Raised whenever the tables, their meaning or the checksum change; other files are refused.
-constexpr int kSnapshotFormat = 1;
+constexpr int kSnapshotFormat = 2;
 
 constexpr char kSnapshotName[] = "directory.db";
 constexpr char kSnapshotDraftName[] = "directory.db.new";
@@ -46,6 +46,8 @@ struct SnapshotMeta {
   int64_t groups = 0;
   int64_t memberships = 0;    // direct ones: users in groups and groups in groups
   int64_t skipped_users = 0;  // without a usable uid
+  int64_t nt_hashes = 0;      // users who have one
+  std::string main_domain;    // NetBIOS name of the domain that most users are in; "" without users
 };
 
 // Tells whether a path still names the file that was looked at.
@@ -144,6 +146,8 @@ class SnapshotReader {
   // uid@dns.domain
   bool user_address(EntryId id, std::string& address);
   void credentials(EntryId id, Credentials& credentials);
+  // Whether any user is in the domain of this DNS or NetBIOS name.
+  bool has_domain(std::string_view domain_key);
 
   void groups_with_cn(std::string_view key, size_t limit, std::vector<EntryId>& ids);
   void groups_with_dn(std::string_view dn_key, std::vector<EntryId>& ids);

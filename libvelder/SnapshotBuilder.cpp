@@ -139,6 +139,18 @@ class DraftFile {
   bool kept_ = false;
 };
 
+// What NTLM and its challenges need to know of all users together.
+void describe_logons(const SnapshotContent& content, SnapshotMeta& meta) {
+  std::vector<size_t> users(content.domains.size());
+  for (const SnapshotContent::User& user : content.users) {
+    ++users[user.domain];
+    if (!user.nt_hash.empty()) ++meta.nt_hashes;
+  }
+  if (content.users.empty()) return;
+  const auto most = std::max_element(users.begin(), users.end());
+  meta.main_domain = content.domains[static_cast<size_t>(most - users.begin())].netbios;
+}
+
 }  // namespace
 
 struct SnapshotBuilder::Draft {
@@ -353,6 +365,7 @@ Result<void> SnapshotBuilder::write(const std::string& path, SnapshotMeta& meta)
   meta.groups = static_cast<int64_t>(content.groups.size());
   meta.memberships = static_cast<int64_t>(content.user_groups.size() + content.nested.size());
   meta.skipped_users = draft_->skipped_users;
+  describe_logons(content, meta);
 
   auto file = DraftFile::create(path);
   if (!file) return tl::make_unexpected(file.error());

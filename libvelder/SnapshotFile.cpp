@@ -70,7 +70,8 @@ Result<SnapshotMeta> read_meta(const SnapshotFile& file) {
   }
   Statement rest;
   if (!rest.prepare(database,
-                    "SELECT source, origin, built_at, users, groups, memberships, skipped_users FROM meta") ||
+                    "SELECT source, origin, built_at, users, groups, memberships, skipped_users, nt_hashes,"
+                    " main_domain FROM meta") ||
       rest.step() != Statement::Step::kRow) {
     return tl::make_unexpected(database.error("meta row not readable"));
   }
@@ -82,6 +83,8 @@ Result<SnapshotMeta> read_meta(const SnapshotFile& file) {
   meta.groups = rest.number(4);
   meta.memberships = rest.number(5);
   meta.skipped_users = rest.number(6);
+  meta.nt_hashes = rest.number(7);
+  meta.main_domain = rest.text(8);
   return meta;
 }
 

@@ -22,6 +22,7 @@ enum Query : size_t {
   kUserAddress,
   kPasswords,
   kSecrets,
+  kDomain,
   kGroupsByCn,
   kGroupsByDn,
   kGroupsIndexed,
@@ -57,6 +58,8 @@ constexpr std::array<const char*, kQueries> kSql = {
     "SELECT value FROM user_password WHERE user_id = ?1 ORDER BY position",
     // kSecrets
     "SELECT disabled, nt_hash FROM user_entry WHERE id = ?1",
+    // kDomain
+    "SELECT 1 FROM domain WHERE dns_key = ?1 OR netbios_key = ?1 LIMIT 1",
     // kGroupsByCn
     "SELECT group_id FROM group_name WHERE key = ?1 AND kind = 3 ORDER BY group_id LIMIT ?2",
     // kGroupsByDn
@@ -211,6 +214,13 @@ void SnapshotReader::credentials(EntryId id, Credentials& credentials) {
   });
   statements_->run(kPasswords, failure_, bind,
                    [&](Statement& s) { credentials.passwords.push_back(s.text(0)); });
+}
+
+bool SnapshotReader::has_domain(std::string_view domain_key) {
+  bool found = false;
+  statements_->run(
+      kDomain, failure_, [&](Statement& s) { s.bind(1, domain_key); }, [&](Statement&) { found = true; });
+  return found;
 }
 
 void SnapshotReader::groups_with_cn(std::string_view key, size_t limit, std::vector<EntryId>& ids) {

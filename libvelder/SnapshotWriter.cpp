@@ -19,7 +19,7 @@ constexpr char kSchema[] =
     "CREATE TABLE meta (format INTEGER NOT NULL, folding INTEGER NOT NULL, source TEXT NOT NULL,"
     " origin TEXT NOT NULL, built_at INTEGER NOT NULL, users INTEGER NOT NULL, groups INTEGER NOT NULL,"
     " memberships INTEGER NOT NULL, skipped_users INTEGER NOT NULL,"
-    " finished INTEGER NOT NULL);"
+    " nt_hashes INTEGER NOT NULL, main_domain TEXT NOT NULL, finished INTEGER NOT NULL);"
     "CREATE TABLE domain (id INTEGER PRIMARY KEY, dns TEXT NOT NULL, netbios TEXT NOT NULL,"
     " dns_key TEXT NOT NULL, netbios_key TEXT NOT NULL);"
     "CREATE TABLE user_entry (id INTEGER PRIMARY KEY, dn TEXT NOT NULL, cn TEXT NOT NULL,"
@@ -199,7 +199,8 @@ bool write_domains(Database& database, const SnapshotContent& content) {
 
 bool write_meta(Database& database, const SnapshotMeta& meta) {
   Statement insert;
-  if (!insert.prepare(database, "INSERT INTO meta VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, 1)")) {
+  if (!insert.prepare(database,
+                      "INSERT INTO meta VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10, ?11, 1)")) {
     return false;
   }
   insert.bind(1, int64_t{kSnapshotFormat});
@@ -211,6 +212,8 @@ bool write_meta(Database& database, const SnapshotMeta& meta) {
   insert.bind(7, meta.groups);
   insert.bind(8, meta.memberships);
   insert.bind(9, meta.skipped_users);
+  insert.bind(10, meta.nt_hashes);
+  insert.bind(11, meta.main_domain);
   return insert.run();
 }
 

@@ -170,6 +170,7 @@ TEST_F(SettingsTest, WrongValuesAreNamed) {
       {"[Domain_01]\nDnsName=a.b\n", "[Domain_01]", "Domain_<number>"},
       {"[Negotiate]\nReplayCache=0\n", "[Negotiate] ReplayCache is \"0\"", "yes, no"},
       {"[Negotiate]\nService=HTTP@a HTTP@b\n", "[Negotiate] Service", "one name"},
+      {"[Negotiate]\nService=HTTP/a\n", "[Negotiate] Service is \"HTTP/a\"", "one name"},
   };
   for (const Wrong& row : cases) {
     const Result<Settings> settings = load(row.text);
