@@ -1,0 +1,93 @@
+"""A Squid of the tests' own on the loopback, with our helper behind it, a web server behind that, and curl in front."""
+
+import contextlib
+import http.server
+import os
+import shutil
+import subprocess
+import threading
+
+from harness.daemon import LONG_WAIT, program, until
+from servers.process import ServerProcess, need_programs, new_folder, run
+
+ORIGIN = ("127.0.0.1", 8080)
+PAGE = b"the page behind the proxy"
+
+_BASE = """
+visible_hostname gateway.corp.test
+pid_filename {folder}/squid.pid
+cache_log {folder}/cache.log
+logformat who %>a %>Hs %un
+access_log stdio:{folder}/access.log who
+cache_store_log none
+coredump_dir {folder}
+netdb_filename none
+cache_mem 8 MB
+cache deny all
+pinger_enable off
+shutdown_lifetime 1 second
+"""
+
+
+class Squid(ServerProcess):
+    """`text` is its configuration beyond the common part; {helper} in it is our program."""
+
+    def __init__(self, text, ports):
+        need_programs("squid", "curl")
+        self.folder = new_folder("squid")
+        # Squid's own account has to reach the program, wherever it was built.
+        helper = shutil.copy(program("authhelper"), self.folder)
+        path = f"{self.folder}/squid.conf"
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(_BASE.format(folder=self.folder))
+            file.writelines(f"http_port 127.0.0.1:{port} name=port{port}\n" for port in ports)
+            file.write(text.replace("{helper}", helper))
+        run("chown", "-R", "proxy:", self.folder)
+        run("mount", "-t", "tmpfs", "shm", "/dev/shm")  # what a killed one leaves there is nobody else's
+        super().__init__(["squid", "-N", "-f", path], ports, f"{self.folder}/out")
+
+    def fetch(self, port, *options, source="127.0.0.1"):
+        """(status of the proxy, client and user in its log) of a page fetched by curl."""
+        before = len(self._log())
+        done = subprocess.run(["curl", "-sS", "-o", "-", "-w", "%{http_code}", "--noproxy", "none.invalid", "--interface", source,
+                               "-x", f"http://127.0.0.1:{port}", *options, "http://%s:%d/" % ORIGIN],
+                              capture_output=True, timeout=LONG_WAIT, check=False)
+        assert done.returncode == 0, done.stderr
+        status = int(done.stdout[-3:])
+        assert (status == 200) == (done.stdout[:-3] == PAGE)
+        lines = until(lambda: [line for line in self._log()[before:] if line.split()[1] == str(status)], "a line in the access log")
+        client, _, user = lines[-1].split(" ", 2)
+        assert client == source
+        return status, user
+
+    def _log(self):
+        with contextlib.suppress(FileNotFoundError), open(f"{self.folder}/access.log", encoding="utf-8") as file:
+            return file.read().splitlines()
+        return []
+
+    def cache_log(self):
+        with open(f"{self.folder}/cache.log", encoding="utf-8", errors="replace") as file:
+            return file.read()
+
+
+class _Page(http.server.BaseHTTPRequestHandler):
+    def do_GET(self):  # pylint: disable=invalid-name
+        self.send_response(200)
+        self.send_header("Content-Length", str(len(PAGE)))
+        self.end_headers()
+        self.wfile.write(PAGE)
+
+    def log_message(self, *_):
+        pass
+
+
+@contextlib.contextmanager
+def origin():
+    """The web server that everybody wants to reach."""
+    server = http.server.ThreadingHTTPServer(ORIGIN, _Page)
+    threading.Thread(target=server.serve_forever, daemon=True).start()
+    try:
+        yield
+    finally:
+        server.shutdown()
+        server.server_close()

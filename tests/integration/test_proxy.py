@@ -1,0 +1,99 @@
+"""Through a real Squid with curl: who gets the page, and who stands in the proxy's log."""
+
+import pytest
+
+from harness import directory, wire
+from harness.daemon import Daemon, until
+from servers.squid import Squid, origin
+
+LOGIN, GROUP, ADDRESS, ADDRESS_GROUP = range(3128, 3132)
+
+_CONFIGURATION = """
+auth_param basic program {helper} --mode basic --concurrency 20
+auth_param basic children 2 startup=0 idle=1 concurrency=20
+auth_param basic credentialsttl 1 second
+auth_param basic utf8 on
+external_acl_type in_group ttl=0 concurrency=20 %#un {helper} --mode group --concurrency 20
+external_acl_type bound ttl=0 %>a {helper} --mode ip-user
+
+acl at_login myportname port3128
+acl at_group myportname port3129
+acl at_address myportname port3130
+acl at_address_group myportname port3131
+acl logged_in proxy_auth REQUIRED
+acl is_bound external bound
+acl in_staff external in_group "{groups}"
+http_access allow at_login logged_in
+http_access deny at_group !logged_in
+http_access allow at_group in_staff
+http_access allow at_address is_bound
+http_access deny at_address_group !is_bound
+http_access allow at_address_group in_staff
+http_access deny all
+"""
+
+
+def login(user, password=None):
+    password = directory.PASSWORDS[user] if password is None else password
+    return ["--proxy-basic", "-U", f"{user}:{password}"]
+
+
+@pytest.fixture(scope="module")
+def gateway(tmp_path_factory):
+    """A daemon and a Squid; (daemon, squid)."""
+    groups = tmp_path_factory.mktemp("groups")
+    for folder in (groups, groups.parent):
+        folder.chmod(0o755)
+    (groups / "list").write_text("no such group\n\u00dcber G\u00e4ste\nstaff\n", encoding="utf-8")
+    daemon = Daemon()
+    try:
+        daemon.start(files=directory.files())
+        with origin(), Squid(_CONFIGURATION.replace("{groups}", str(groups / "list")), range(LOGIN, ADDRESS_GROUP + 1)) as squid:
+            yield daemon, squid
+    finally:
+        daemon.kill_everything()
+
+
+@pytest.fixture
+def squid(gateway):
+    return gateway[1]
+
+
+def test_basic__login(squid):
+    assert squid.fetch(LOGIN) == (407, "-")
+    assert squid.fetch(LOGIN, *login("alice")) == (200, "alice")
+    assert squid.fetch(LOGIN, *login("dave")) == (200, "dave")  # letters beyond ASCII in the password
+    assert squid.fetch(LOGIN, *login("alice", "guessed"))[0] == 407
+    assert squid.fetch(LOGIN, *login("bob"))[0] == 407  # disabled
+    assert squid.fetch(LOGIN, *login("alice", ""))[0] == 407
+
+
+def test_group__of_whoever_logged_in(squid):
+    assert squid.fetch(GROUP, *login("alice")) == (200, "alice")
+    assert squid.fetch(GROUP, *login("rat"))[0] in (403, 407)
+    assert squid.fetch(GROUP)[0] == 407
+
+
+def test_address__of_a_bound_user(squid):
+    with wire.Connection() as connection:
+        assert connection.bind("127.0.0.7", "CORP\\alice") == connection.bind("127.0.0.8", "rat@lab.test") == 0
+        assert squid.fetch(ADDRESS, source="127.0.0.7") == (200, "CORP\\alice")
+        assert squid.fetch(ADDRESS, source="127.0.0.8") == (200, "rat@lab.test")
+        assert squid.fetch(ADDRESS, source="127.0.0.9")[0] == 403
+        assert squid.fetch(ADDRESS_GROUP, source="127.0.0.7") == (200, "CORP\\alice")
+        assert squid.fetch(ADDRESS_GROUP, source="127.0.0.8")[0] == 403
+        assert connection.unbind("127.0.0.7") == connection.unbind("127.0.0.8") == 0
+        assert squid.fetch(ADDRESS, source="127.0.0.7")[0] == 403
+
+
+def test_daemon__that_is_away_lets_nobody_through_and_nothing_break(gateway):
+    daemon, squid = gateway
+    daemon.kill_everything()
+    assert squid.fetch(LOGIN, *login("carol"))[0] == 407
+    assert squid.fetch(ADDRESS)[0] == 403
+    daemon.start(files=directory.files())
+    until(lambda: squid.fetch(LOGIN, *login("carol")) == (200, "carol"), "the first login")
+    log = squid.cache_log()
+    assert "authhelper basic: cannot connect" in log
+    for text in ("exited", "FATAL", "unexpected"):
+        assert text not in log
