@@ -2,6 +2,7 @@
 
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -30,6 +31,10 @@ constexpr milliseconds kLongestWait{100};
 constexpr size_t kBufferBytes = 65536;
 constexpr size_t kEventsAtOnce = 256;
 constexpr size_t kExpectedRate = 300'000;  // answers a second for which latencies find room beforehand
+
+uint32_t nanoseconds_in_tally(Clock::duration time) {
+  return static_cast<uint32_t>(std::min<std::chrono::nanoseconds>(time, kLongestLatency).count());
+}
 
 bool connected(int fd, const velder_client::SocketAddress& server) {
   pollfd item{fd, POLLOUT, 0};
@@ -109,10 +114,12 @@ void Crowd::lose(Peer& peer, uint64_t& counter) {
   peer.fd.reset();
 }
 
-void Crowd::pump(milliseconds most) {
+void Crowd::pump(std::chrono::nanoseconds most) {
   std::array<epoll_event, kEventsAtOnce> events;
-  const int count = epoll_wait(epoll_.get(), events.data(), static_cast<int>(events.size()),
-                               static_cast<int>(most.count()));
+  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(most);
+  const timespec wait{seconds.count(), (most - seconds).count()};
+  const int count =
+      epoll_pwait2(epoll_.get(), events.data(), static_cast<int>(events.size()), &wait, nullptr);
   for (int i = 0; i < count; ++i) take_answer(*static_cast<Peer*>(events[static_cast<size_t>(i)].data.ptr));
 }
 
@@ -133,40 +140,96 @@ void Crowd::take_answer(Peer& peer) {
 void Crowd::answered(Peer& peer) {
   --under_way_;
   peer.asked = nullptr;
-  if (!running_) return;
+  if (!running_ && !paced_) return;
   const Clock::time_point now = Clock::now();
+  if (paced_) {
+    if (peer.asked_at >= span_.measured_from) record(now - peer.asked_at);
+    peer.silent_since = now;
+    silent_.push_back(&peer);
+    return;
+  }
   if (now >= span_.end) {
     running_ = false;
     return;
   }
-  if (now >= span_.measured_from) {
-    const std::chrono::nanoseconds latency =
-        std::min<std::chrono::nanoseconds>(now - peer.asked_at, kLongestLatency);
-    tally_.latencies.push_back(static_cast<uint32_t>(latency.count()));
-  }
+  if (now >= span_.measured_from) record(now - peer.asked_at);
   silent_.push_back(&peer);
-  Peer& next = *silent_.front();
-  silent_.pop_front();
-  ask(next, now);
+  ask(longest_silent(), now);
 }
 
-void Crowd::run(const Span& span, size_t at_once) {
+void Crowd::record(Clock::duration latency) {
+  tally_.latencies.push_back(nanoseconds_in_tally(latency));
+}
+
+Crowd::Peer& Crowd::longest_silent() {
+  Peer& peer = *silent_.front();
+  silent_.pop_front();
+  return peer;
+}
+
+void Crowd::begin(const Span& span) {
   span_ = span;
   const auto seconds = std::chrono::duration<double>(span.end - span.measured_from).count();
   tally_.latencies.reserve(static_cast<size_t>(seconds * static_cast<double>(kExpectedRate)));
   silent_.clear();
   for (const auto& peer : active_) silent_.push_back(peer.get());
-  running_ = true;
-  for (size_t i = 0; i < at_once && !silent_.empty(); ++i) {
-    Peer& next = *silent_.front();
-    silent_.pop_front();
-    ask(next, Clock::now());
-  }
-  while (running_ && Clock::now() < span.end) pump(kLongestWait);
-  running_ = false;
+}
+
+void Crowd::end() {
   drain();
   for (const auto& peer : active_) {
     if (peer->asked != nullptr) lose(*peer, tally_.unanswered);
+  }
+}
+
+void Crowd::run(const Span& span, size_t at_once) {
+  begin(span);
+  running_ = true;
+  for (size_t i = 0; i < at_once && !silent_.empty(); ++i) ask(longest_silent(), Clock::now());
+  while (running_ && Clock::now() < span.end) pump(kLongestWait);
+  running_ = false;
+  end();
+}
+
+void Crowd::run_paced(const Span& span, Clock::duration interval, Clock::duration phase) {
+  // Else the kernel lets a sleeper lie up to 50 us longer, as long as one interval at 20,000 a second.
+  prctl(PR_SET_TIMERSLACK, 1);
+  begin(span);
+  tally_.delays.reserve(tally_.latencies.capacity());
+  interval_ = interval;
+  due_ = span.start + phase;
+  paced_ = true;
+  const auto anybody = [this] { return !silent_.empty() || under_way_ > 0; };
+  while (due_ < span.end && anybody() && Clock::now() < span.end + kAnswerPatience) {
+    ask_due();
+    const auto pause = std::max<Clock::duration>(due_ - Clock::now(), {});
+    pump(silent_.empty() ? kLongestWait : pause);
+  }
+  give_up_due();
+  end();
+  paced_ = false;
+}
+
+void Crowd::ask_due() {
+  for (Clock::time_point now = Clock::now(); due_ <= now && due_ < span_.end && !silent_.empty();) {
+    Peer& peer = longest_silent();
+    if (!peer.fd.valid()) continue;
+    ask(peer, now);
+    peer.asked_at = due_;
+    // What the server made a question wait for a silent connection is not the generator's delay.
+    if (due_ >= span_.measured_from) {
+      tally_.delays.push_back(nanoseconds_in_tally(now - std::max(due_, peer.silent_since)));
+    }
+    due_ += interval_;
+    now = Clock::now();
+  }
+}
+
+void Crowd::give_up_due() {
+  for (const Clock::time_point now = Clock::now(); due_ < span_.end; due_ += interval_) {
+    if (due_ < span_.measured_from) continue;
+    record(now - due_);
+    ++tally_.overdue;
   }
 }
 

@@ -11,6 +11,8 @@
 #include <random>
 
 #include "bench/EchoAnswer.h"
+#include "bench/LdapExchange.h"
+#include "bench/Subject.h"
 #include "client/Connection.h"
 #include "handler/Velder.pb.h"
 
@@ -25,33 +27,6 @@ using velder_client::Result;
 // Long enough that neighbours in the schedule do not repeat, short enough to stay in the processor's cache.
 constexpr size_t kScheduleLength = 16384;
 constexpr int kPatienceMilliseconds = 5000;
-
-template <class... Arguments>
-std::string format(const char* text, Arguments... arguments) {
-  std::array<char, 64> buffer{};
-  std::snprintf(buffer.data(), buffer.size(), text, arguments...);
-  return buffer.data();
-}
-
-// Question number `index` of any kind, in terms of make_ldif's directory.
-struct Subject {
-  Subject(uint32_t index, uint32_t users)
-      : user(index % users),
-        uid(format("user%07u", user)),
-        domain(user < users - users / 4 ? "corp.example" : "lab.example"),
-        user_ln(uid + "@" + domain),
-        password(format("Secret-%07u", user)),
-        bound_ip(format("10.%u.%u.%u", index >> 16U & 255U, index >> 8U & 255U, index & 255U)),
-        unbound_ip(format("172.%u.%u.%u", index >> 16U & 255U, index >> 8U & 255U, index & 255U)) {}
-
-  uint32_t user;
-  std::string uid;
-  std::string domain;
-  std::string user_ln;
-  std::string password;
-  std::string bound_ip;
-  std::string unbound_ip;
-};
 
 struct Question {
   int32_t type;
@@ -98,7 +73,7 @@ Result<Question> question_about(RequestKind kind, const Subject& subject) {
 
 bool is_about(const Velder::UserInfo& info, const Subject& subject) {
   return info.user_ln() == subject.user_ln && info.uid() == subject.uid &&
-         info.domain_dns() == subject.domain && info.cn().ends_with(format("%07u", subject.user)) &&
+         info.domain_dns() == subject.domain && info.cn().ends_with(Subject::format("%07u", subject.user)) &&
          info.dn().starts_with("CN=" + info.cn()) && info.grouplist_size() > 0;
 }
 
@@ -250,6 +225,20 @@ Result<Exchange> text_exchange(Connection& connection, const TextProtocol& texts
   return exchange;
 }
 
+Result<Exchange> ldap_exchange(Connection& connection, RequestKind kind, const Subject& subject) {
+  if (kind != RequestKind::kUserInfo && kind != RequestKind::kValidate) {
+    return fail(ErrorKind::kInvalidRequest, "a directory server knows no addresses of users");
+  }
+  std::string search = ldap_search(subject);
+  auto found = learn_ldap_answer(connection, search, subject);
+  if (!found) return tl::make_unexpected(found.error());
+  if (kind == RequestKind::kUserInfo) return Exchange{std::move(search), std::move(*found)};
+  std::string bind = ldap_bind(dn_found(*found), subject.password);
+  auto bound = learn_ldap_answer(connection, bind, subject);
+  if (!bound) return tl::make_unexpected(bound.error());
+  return Exchange{std::move(bind), std::move(*bound)};
+}
+
 Result<Exchange> make_exchange(const WorkloadSettings& settings, std::optional<Connection>& connection,
                                RequestKind kind, const Subject& subject) {
   switch (settings.protocol) {
@@ -259,6 +248,7 @@ Result<Exchange> make_exchange(const WorkloadSettings& settings, std::optional<C
       return text_exchange(*connection, kMemcachedTexts, kind, subject, settings.answer_bytes);
     case Protocol::kRedis:
       return text_exchange(*connection, kRedisTexts, kind, subject, settings.answer_bytes);
+    case Protocol::kLdap: return ldap_exchange(*connection, kind, subject);
   }
   return fail(ErrorKind::kInvalidRequest, "unknown protocol");
 }
@@ -298,7 +288,8 @@ Result<Workload> prepare_workload(const WorkloadSettings& settings) {
   Workload workload;
   for (const Share& share : settings.shares) {
     for (uint32_t index = 0; index < settings.keys; ++index) {
-      auto exchange = make_exchange(settings, connection, share.kind, Subject(index, settings.users));
+      auto exchange =
+          make_exchange(settings, connection, share.kind, Subject(index * settings.step, settings.users));
       if (!exchange) return tl::make_unexpected(exchange.error());
       workload.exchanges.push_back(std::move(*exchange));
     }

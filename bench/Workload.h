@@ -11,11 +11,11 @@
 
 namespace bench {
 
-enum class Protocol { kDaemon, kEcho, kMemcached, kRedis };
+enum class Protocol { kDaemon, kEcho, kMemcached, kRedis, kLdap };
 
 enum class RequestKind {
-  kUserInfo,     // a user's names and groups; elsewhere: get of a value of the same size
-  kValidate,     // a right password; daemon and echo only
+  kUserInfo,     // a user's names and groups; LDAP: search; elsewhere: get of a value of the same size
+  kValidate,     // a right password; LDAP: simple bind; daemon and echo else
   kBind,         // address to user; elsewhere: set of the same key and value
   kIpQueryHit,   // who is behind a bound address; elsewhere: get of a value of the same size
   kIpQueryMiss,  // the same for an address that nobody bound; elsewhere: get of an unknown key
@@ -31,6 +31,7 @@ struct WorkloadSettings {
   std::string server;
   std::vector<Share> shares;
   uint32_t keys = 1000;     // different questions of each kind
+  uint32_t step = 1;        // from one key to the next: spreads them over more addresses
   uint32_t users = 2000;    // in the directory
   size_t answer_bytes = 0;  // whole answers of the echo server; answers to get
 };

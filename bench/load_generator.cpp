@@ -1,6 +1,6 @@
-// Closed-loop load over many connections, for the daemon, for the echo server and for servers that speak
-// memcached's text protocol or redis' protocol. Every answer is compared with the right one. Prints one line
-// of JSON; the status is not 0 when an answer was wrong or missing.
+// Load over many connections, in a closed loop or at a fixed pace, for the daemon, for the echo server and
+// for servers that speak memcached's text protocol, redis' protocol or LDAP. Every answer is compared with
+// the right one. Prints one line of JSON; the status is not 0 when an answer was wrong or missing.
 #include <sys/resource.h>
 #include <unistd.h>
 
@@ -34,7 +34,8 @@ struct ProtocolEntry {
 const std::map<std::string, ProtocolEntry> kProtocols = {{"daemon", {Protocol::kDaemon, 1100}},
                                                          {"echo", {Protocol::kEcho, 1101}},
                                                          {"memcached", {Protocol::kMemcached, 11211}},
-                                                         {"redis", {Protocol::kRedis, 6379}}};
+                                                         {"redis", {Protocol::kRedis, 6379}},
+                                                         {"ldap", {Protocol::kLdap, 389}}};
 
 const std::map<std::string, RequestKind> kRequests = {{"user-info", RequestKind::kUserInfo},
                                                       {"validate", RequestKind::kValidate},
@@ -49,10 +50,12 @@ struct Settings {
   size_t connections = 64;
   size_t idle = 0;
   size_t at_once = 0;
+  double pace = 0;
   size_t threads = 1;
   double seconds = 3;
   double warmup = 0.5;
   uint32_t keys = 1000;
+  uint32_t step = 1;
   uint32_t users = 2000;
   size_t answer_bytes = 512;
   std::vector<pid_t> server_pids;
@@ -60,7 +63,7 @@ struct Settings {
 };
 
 void add_options(CLI::App& app, Settings& settings) {
-  app.add_option("--protocol", settings.protocol, "daemon, echo, memcached or redis")
+  app.add_option("--protocol", settings.protocol, "daemon, echo, memcached, redis or ldap")
       ->check(CLI::IsMember(kProtocols));
   app.add_option("--port", settings.port, "on 127.0.0.1; default: the protocol's");
   app.add_option("--request", settings.requests,
@@ -69,11 +72,16 @@ void add_options(CLI::App& app, Settings& settings) {
   app.add_option("--idle", settings.idle,
                  "further connections that ask once, stay silent, and ask at the end");
   app.add_option("--at-once", settings.at_once, "questions under way; default: one on each connection");
+  app.add_option("--pace", settings.pace,
+                 "requests a second, due at even times; latencies count from then (default: closed loop)")
+      ->check(CLI::Range(0.0, 1e6));
   app.add_option("--threads", settings.threads, "of the generator, each with a share of the connections")
       ->check(CLI::Range(1, 64));
   app.add_option("--seconds", settings.seconds, "that are measured")->check(CLI::Range(0.01, 3600.0));
   app.add_option("--warmup", settings.warmup, "seconds of load before that")->check(CLI::Range(0.0, 600.0));
   app.add_option("--keys", settings.keys, "different questions of each kind")->check(CLI::Range(1, 1 << 24));
+  app.add_option("--step", settings.step, "from one asked address to the next")
+      ->check(CLI::Range(1, 1 << 20));
   app.add_option("--users", settings.users, "in the directory that make_ldif wrote")
       ->check(CLI::Range(1, 9'999'999));
   app.add_option("--answer-bytes", settings.answer_bytes, "of the other servers' answers to look-ups");
@@ -163,6 +171,10 @@ Result<void> open_all(const Settings& settings, std::vector<Crowd>& crowds) {
   return {};
 }
 
+void append(std::vector<uint32_t>& all, const std::vector<uint32_t>& more) {
+  all.insert(all.end(), more.begin(), more.end());
+}
+
 Outcome run(const Settings& settings, std::vector<Crowd>& crowds) {
   Span span;
   span.start = Clock::now();
@@ -172,12 +184,19 @@ Outcome run(const Settings& settings, std::vector<Crowd>& crowds) {
       span.measured_from + std::chrono::duration_cast<Clock::duration>(duration<double>(settings.seconds));
   const size_t at_once = settings.at_once == 0 ? settings.connections : settings.at_once;
 
+  const auto pause = [&](size_t intervals) {
+    return std::chrono::duration_cast<Clock::duration>(
+        duration<double>(static_cast<double>(intervals) / settings.pace));
+  };
   Usage before;
   Usage after;
   {
     std::vector<std::jthread> threads;
     for (size_t i = 0; i < crowds.size(); ++i) {
-      threads.emplace_back([&, i] { crowds[i].run(span, share_of(at_once, crowds.size(), i)); });
+      threads.emplace_back([&, i] {
+        if (settings.pace > 0) return crowds[i].run_paced(span, pause(crowds.size()), pause(i));
+        crowds[i].run(span, share_of(at_once, crowds.size(), i));
+      });
     }
     std::this_thread::sleep_until(span.measured_from);
     before = usage(settings);
@@ -192,8 +211,9 @@ Outcome run(const Settings& settings, std::vector<Crowd>& crowds) {
     const Tally& tally = crowd.tally();
     outcome.tally.wrong += tally.wrong;
     outcome.tally.unanswered += tally.unanswered;
-    outcome.tally.latencies.insert(outcome.tally.latencies.end(), tally.latencies.begin(),
-                                   tally.latencies.end());
+    outcome.tally.overdue += tally.overdue;
+    append(outcome.tally.latencies, tally.latencies);
+    append(outcome.tally.delays, tally.delays);
   }
   return outcome;
 }
@@ -209,16 +229,20 @@ double percentile_microseconds(std::vector<uint32_t>& latencies, double part) {
 
 void print(const Settings& settings, const Workload& workload, Outcome& outcome) {
   std::vector<uint32_t>& latencies = outcome.tally.latencies;
+  const size_t answered = latencies.size() - static_cast<size_t>(outcome.tally.overdue);
   std::printf(
       "{\"protocol\": \"%s\", \"request\": \"%s\", \"connections\": %zu, \"idle\": %zu, "
       "\"at_once\": %zu, \"threads\": %zu, ",
       settings.protocol.c_str(), settings.requests.c_str(), settings.connections, settings.idle,
       settings.at_once == 0 ? settings.connections : settings.at_once, settings.threads);
-  std::printf("\"requests\": %zu, \"seconds\": %.3f, \"rate\": %.0f, ", latencies.size(), settings.seconds,
-              static_cast<double>(latencies.size()) / settings.seconds);
+  std::printf("\"requests\": %zu, \"seconds\": %.3f, \"rate\": %.0f, ", answered, settings.seconds,
+              static_cast<double>(answered) / settings.seconds);
   std::printf("\"p50_us\": %.1f, \"p99_us\": %.1f, \"p999_us\": %.1f, ",
               percentile_microseconds(latencies, 0.5), percentile_microseconds(latencies, 0.99),
               percentile_microseconds(latencies, 0.999));
+  std::printf("\"pace\": %.0f, \"delay_p99_us\": %.1f, \"overdue\": %zu, ", settings.pace,
+              percentile_microseconds(outcome.tally.delays, 0.99),
+              static_cast<size_t>(outcome.tally.overdue));
   std::printf("\"own_cpu_s\": %.3f, \"server_cpu_s\": %.3f, \"answer_bytes\": %.0f, ", outcome.own_cpu,
               outcome.server_cpu.value_or(0), workload.mean_answer_bytes());
   std::printf("\"wrong\": %zu, \"unanswered\": %zu}\n", static_cast<size_t>(outcome.tally.wrong),
@@ -244,6 +268,7 @@ int generate(const Settings& settings) {
   wanted.server = "127.0.0.1:" + std::to_string(port);
   wanted.shares = parse_shares(settings.requests);
   wanted.keys = settings.keys;
+  wanted.step = settings.step;
   wanted.users = settings.users;
   wanted.answer_bytes = settings.answer_bytes;
   if (wanted.shares.empty()) return complain("cannot read --request " + settings.requests);
@@ -264,13 +289,15 @@ int generate(const Settings& settings) {
   print(settings, *workload, outcome);
   if (!outcome.server_cpu) return complain("a process of the server has ended");
   if (outcome.tally.wrong + outcome.tally.unanswered > 0) return complain("answers were wrong or missing");
-  return outcome.tally.latencies.empty() ? complain("no answer came within the measured time") : 0;
+  return outcome.tally.latencies.size() > outcome.tally.overdue
+             ? 0
+             : complain("no answer came within the measured time");
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app{"Asks as fast as the answers come, on many connections, and checks every answer."};
+  CLI::App app{"Asks as fast as the answers come, or at a fixed pace, and checks every answer."};
   Settings settings;
   add_options(app, settings);
   CLI11_PARSE(app, argc, argv);

@@ -1,4 +1,4 @@
-"""The private machine of a benchmark run and the servers on it.
+"""The private machine of a benchmark run.
 
 Everything runs in network, mount and process namespaces of its own: the ports are ours, the loopback carries
 nothing else, /etc and /var are layers over the host's, and what is started ends with the run, even when the
@@ -10,7 +10,6 @@ import pathlib
 import pwd
 import resource
 import shutil
-import signal
 import socket
 import subprocess
 import sys
@@ -20,10 +19,8 @@ INSIDE = "AUTHD_BENCH_INSIDE"
 NAMESPACES = ["unshare", "--net", "--mount", "--pid", "--ipc", "--fork", "--kill-child", "--mount-proc"]
 OPEN_FILES = 12000  # in the load generator and in each server
 WORKDIR = pathlib.Path("/var/brel/work")
-PID_FILE = pathlib.Path("/etc/quarn/pids/auth_daemon.pid")
 ACCOUNT = "quarn"
 LAYERS = "/mnt"  # exists on every Debian machine; covered in our mount namespace only
-WORKERS = 2  # the daemon's default
 PATIENCE = 30  # seconds
 
 
@@ -69,7 +66,7 @@ def build():
     for folder in ("/var/brel", "/etc/quarn"):
         os.makedirs(folder, 0o755, exist_ok=True)
         run("mount", "-t", "tmpfs", "-o", "mode=755", "quarn", folder)
-    for folder in ("/var/brel/log", "/var/brel/redis", str(WORKDIR), str(PID_FILE.parent)):
+    for folder in ("/var/brel/log", "/var/brel/redis", str(WORKDIR), "/etc/quarn/pids"):
         os.makedirs(folder, 0o755)
         own(folder)
     allow_open_files()
@@ -113,69 +110,6 @@ def connections_left(port):
     return sum(row[1].endswith(f":{port:04X}") and row[3] in (established, close_wait) for row in rows)
 
 
-class Server:
-    """A server that runs in the foreground."""
-
-    def __init__(self, protocol, port, command, log=subprocess.DEVNULL):
-        self.protocol = protocol
-        self.port = port
-        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log)
-        until(self._listens, f"{command[0]} listens on port {port}")
-
-    def _listens(self):
-        if self._process.poll() is not None:
-            raise Broken(f"{self._process.args[0]} ended with status {self._process.returncode}")
-        return accepts(self.port)
-
-    def pids(self):
-        return [self._process.pid]
-
-    def stop(self):
-        self._process.terminate()
-        self._process.wait(PATIENCE)
-
-    def wait_quiet(self):
-        """The connections of the run before are closed on this side, too."""
-        until(lambda: connections_left(self.port) == 0, f"port {self.port} is left alone")
-
-    def memory(self):
-        """Bytes of heap and stacks of all its processes; mapped files are left out."""
-        total = 0
-        for pid in self.pids():
-            rollup = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text(encoding="ascii")
-            total += next(int(line.split()[1]) for line in rollup.splitlines() if line.startswith("Anonymous:"))
-        return total * 1024
-
-
-class Daemon(Server):
-    """Our own; it detaches by itself. The working directory stays from start to start."""
-
-    def __init__(self, program, *options):  # pylint: disable=super-init-not-called
-        self.protocol = "daemon"
-        self.port = 1100
-        PID_FILE.unlink(missing_ok=True)
-        subprocess.run([program, "--workdir", str(WORKDIR), *options], stdin=subprocess.DEVNULL, check=True)
-        self._pid = int(until(lambda: PID_FILE.exists() and PID_FILE.read_text(encoding="ascii"),
-                              "the daemon writes its pid file (its log: " + self._log_tail() + ")"))
-        self._workers = until(lambda: len(found := self._children()) == WORKERS and found, "the workers run")
-
-    @staticmethod
-    def _log_tail():
-        logs = sorted(pathlib.Path("/var/brel/log").glob("AuthDaemon.log.*"))
-        return logs[-1].read_text(encoding="utf-8", errors="replace")[-500:] if logs else "none"
-
-    def _children(self):
-        children = pathlib.Path(f"/proc/{self._pid}/task/{self._pid}/children").read_text(encoding="ascii")
-        return [int(pid) for pid in children.split()]
-
-    def pids(self):
-        return [self._pid, *self._workers]
-
-    def stop(self):
-        os.kill(self._pid, signal.SIGTERM)
-        until(lambda: all(collected(pid) for pid in self.pids()), "the daemon's processes end")
-
-
 def collected(pid):
     """True when the process is gone. We are the first one here: what detached itself is ours to collect."""
     try:
@@ -192,22 +126,6 @@ def make_workdir(make_ldif, users, groups):
     (WORKDIR / ".LastSyncTime.ini").write_text(f"[LdapSync]\nLastSyncTime={int(time.time()) - 1}\n", encoding="ascii")
     for path in WORKDIR.iterdir():
         own(path)
-
-
-def start_memcached():
-    return Server("memcached", 11211, [need("memcached"), "-u", "root", "-l", "127.0.0.1", "-p", "11211", "-t", "2",
-                                       "-c", "10000", "-m", "256"])
-
-
-def start_redis(port, *options):
-    folder = f"/var/brel/redis/{port}"
-    os.makedirs(folder)
-    return Server("redis", port, [need("redis-server"), "--bind", "127.0.0.1", "--port", str(port), "--save", "",
-                                  "--maxclients", "10000", "--dir", folder, *options])
-
-
-def start_echo(program, port, answer_bytes):
-    return Server("echo", port, [program, "--port", str(port), "--answer-bytes", str(answer_bytes)])
 
 
 def need(program):

@@ -6,6 +6,7 @@ import socket
 import struct
 import subprocess
 import threading
+import time
 
 import pytest
 
@@ -14,17 +15,17 @@ ANSWER_BYTES = 300
 REQUESTS = ("user-info", "bind", "ip-query-hit", "user-info:9,bind:1")
 
 
-def generate(protocol, port, *options):
+def generate(protocol, port, *options, seconds=0.2):
     """Status and result of a short run."""
-    command = [f"{PROGRAMS}/load_generator", "--protocol", protocol, "--port", str(port), "--seconds", "0.2",
+    command = [f"{PROGRAMS}/load_generator", "--protocol", protocol, "--port", str(port), "--seconds", str(seconds),
                "--warmup", "0", "--keys", "20", "--answer-bytes", str(ANSWER_BYTES), *options]
     done = subprocess.run(command, capture_output=True, text=True, timeout=60, check=False)
     return done.returncode, json.loads(done.stdout) if done.stdout else None, done.stderr
 
 
-@pytest.fixture(name="echo_port", scope="module")
-def start_echo():
-    command = [f"{PROGRAMS}/echo_server", "--port", "0", "--answer-bytes", str(ANSWER_BYTES)]
+@pytest.fixture(name="echo_port", scope="module", params=[[], ["--told"]], ids=["fast", "told"])
+def start_echo(request):
+    command = [f"{PROGRAMS}/echo_server", "--port", "0", "--answer-bytes", str(ANSWER_BYTES), *request.param]
     with subprocess.Popen(command, stdout=subprocess.PIPE, text=True) as process:
         yield int(process.stdout.readline().split()[-1])
         process.terminate()
@@ -46,6 +47,7 @@ class FaultyServer:
 
     def _serve(self, connection):
         with connection:
+            connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
             answered = 0
             while header := connection.recv(8, socket.MSG_WAITALL):
                 length, kind = struct.unpack("<ii", header)
@@ -71,6 +73,84 @@ def test_right_answers_are_counted(echo_port, request_text, options):
     # Nobody can answer faster than one question after the other on each connection.
     at_once = result["at_once"]
     assert result["requests"] * result["p50_us"] / 2 < at_once * (result["seconds"] + 0.5) * 1e6
+
+
+def test_a_stall_shows_in_all_that_fell_due_meanwhile():
+    # Four connections, so only four questions are under way while the server sleeps; a hundred fall due.
+    lock, answers, asleep = threading.Lock(), iter(range(10**9)), 0.2
+
+    def stall(answer):
+        with lock:
+            if next(answers) == 100:
+                time.sleep(asleep)
+            return answer
+
+    server = FaultyServer(good=0, fault=stall)
+    status, result, _ = generate("echo", server.port, "--connections", "4", "--pace", "500", seconds=1)
+    assert (status, result["requests"], result["overdue"]) == (0, 500, 0)
+    assert asleep * 1e6 / 2 < result["p99_us"] < 2e6
+    assert result["p50_us"] < asleep * 1e6 / 4
+
+
+def test_what_could_not_be_sent_at_its_pace_is_counted():
+    server = FaultyServer(good=5, fault=lambda answer: None)
+    status, result, _ = generate("echo", server.port, "--connections", "4", "--pace", "1000")
+    assert (status, result["unanswered"]) == (1, 4)
+    # One of the five right answers was for the proof; each connection was lost with one question.
+    assert (result["requests"], result["overdue"]) == (16, 180)
+
+
+def ldap(tag, *content):
+    body = b"".join(content)
+    return bytes([tag, 0x82, len(body) >> 8, len(body) & 255]) + body
+
+
+def serve_ldap(answers):
+    """Port of a server that answers every search and every bind with these operations."""
+    listener = socket.create_server(("127.0.0.1", 0))
+
+    def serve(connection):
+        with connection:
+            while request := connection.recv(4096):
+                asked = "bind" if 0x60 in request[5:8] else "search"
+                for operation in answers[asked]:
+                    connection.sendall(ldap(0x30, b"\x02\x01\x01", operation))
+
+    def accept():
+        while True:
+            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
+
+    threading.Thread(target=accept, daemon=True).start()
+    return listener.getsockname()[1]
+
+
+def ldap_result(tag, code):
+    return ldap(tag, bytes([0x0A, 1, code]), b"\x04\x00\x04\x00")
+
+
+ENTRY = ldap(0x64, ldap(4, b"cn=user0000000"), ldap(0x30, ldap(4, b"user0000000@corp.example")))
+FOUND = [ENTRY, ldap_result(0x65, 0)]
+WELCOME = [ldap_result(0x61, 0)]
+
+
+@pytest.mark.parametrize("request_text, search, bind, fault", [
+    ("user-info", FOUND, [], None),
+    ("validate", FOUND, WELCOME, None),
+    ("user-info", [ldap_result(0x65, 0)], [], "wrong answer"),
+    ("user-info", [ENTRY, *FOUND], [], "wrong answer"),
+    ("user-info", [ENTRY, ldap_result(0x65, 4)], [], "wrong answer"),
+    ("user-info", [ldap(0x64, ldap(4, b"cn=other"), ldap(0x30)), ldap_result(0x65, 0)], [], "wrong answer"),
+    ("validate", FOUND, [ldap_result(0x61, 49)], "wrong answer"),
+    ("bind", FOUND, WELCOME, "no addresses"),
+])
+def test_a_directory_server_that_finds_nobody_is_not_fast_but_wrong(request_text, search, bind, fault):
+    port = serve_ldap({"search": search, "bind": bind})
+    status, result, complaint = generate("ldap", port, "--request", request_text, "--connections", "4", "--users", "1",
+                                         "--server-pids", str(os.getpid()))
+    if fault is None:
+        assert (status, complaint) == (0, "") and result["requests"] > 0
+    else:
+        assert (status, result) == (1, None) and fault in complaint
 
 
 @pytest.mark.parametrize("fault, wrong, unanswered", [
