@@ -24,7 +24,11 @@ build: ## Builds the programs into build/bin
 demo: build ## Starts the daemon on port 1100 with an example directory and asks it a few questions
 	@bash tools/demo.sh start
 
-demo-stop: ## Stops the daemon that demo started
+demo-proxy: build ## The demo behind Squid: curl with a password, with NTLM, from a bound address
+	@$(INSTALL) proxy
+	@bash tools/demo_proxy.sh start
+
+demo-stop: ## Stops what demo and demo-proxy started
 	@bash tools/demo.sh stop
 
 check: ## Builds everything and runs all tests
@@ -63,4 +67,4 @@ clean: ## Removes what was built; stops the demo, keeps its files in build/demo
 	@bash tools/demo.sh stop
 	@if [ -d build ]; then find build -mindepth 1 -maxdepth 1 ! -name demo -exec rm -rf {} +; fi
 
-.PHONY: help build demo demo-stop check bench asan tsan lint clean
+.PHONY: help build demo demo-proxy demo-stop check bench asan tsan lint clean

@@ -172,6 +172,34 @@ def stored_password(scheme, domain, uid):
     return "{%s}%s" % (scheme, base64.b64encode(hashed + raw).decode())
 
 
+def md4(message):
+    """RFC 1320. hashlib has it on few systems only."""
+    def rotated(value, bits):
+        value &= 0xFFFFFFFF
+        return value << bits | value >> 32 - bits
+
+    rounds = [
+        (lambda x, y, z: x & y | ~x & z, 0, range(16), (3, 7, 11, 19)),
+        (lambda x, y, z: x & y | x & z | y & z, 0x5A827999, [i % 4 * 4 + i // 4 for i in range(16)], (3, 5, 9, 13)),
+        (lambda x, y, z: x ^ y ^ z, 0x6ED9EBA1, [int(f"{i:04b}"[::-1], 2) for i in range(16)], (3, 9, 11, 15)),
+    ]
+    padded = message + b"\x80" + b"\0" * (-(len(message) + 9) % 64) + struct.pack("<Q", 8 * len(message))
+    state = [0x67452301, 0xEFCDAB89, 0x98BADCFE, 0x10325476]
+    for start in range(0, len(padded), 64):
+        words = struct.unpack_from("<16I", padded, start)
+        a, b, c, d = state
+        for mix, constant, order, shifts in rounds:
+            for step, word in enumerate(order):
+                a, b, c, d = d, rotated(a + mix(b, c, d) + words[word] + constant, shifts[step % 4]), b, c
+        state = [(old + new) & 0xFFFFFFFF for old, new in zip(state, (a, b, c, d))]
+    return struct.pack("<4I", *state)
+
+
+def nt_hash(uid):
+    """What NTLM is proved against."""
+    return md4(PASSWORDS.get(uid, "Trial." + uid).encode("utf-16-le")).hex().upper()
+
+
 def ldif_line(name, value):
     """One attribute, folded; in base64 when it is given as bytes and where RFC 2849 demands it."""
     data = value if isinstance(value, bytes) else str(value).encode()
@@ -247,7 +275,7 @@ def write_corp(out):
     out.comment("corp.example.com, read with", "",
                 "  ldapsearch -o ldif-wrap=76 -E pr=900/noprompt -H ldaps://dc1.corp.example.com \\",
                 f"      -D ldapread@corp.example.com -W -b {CORP} '(objectClass=*)'", "",
-                "The servers do not give passwords away: userPassword was added here for trials.")
+                "The servers do not give passwords away: userPassword and sambaNTPassword were added here for trials.")
     out.entry(CORP, ("objectClass", ["top", "domain", "domainDNS"]), ("dc", "corp"),
               ("objectSid", sid(*CORP_SID)), ("name", "corp"))
     out.entry(f"CN=Users,{CORP}", ("objectClass", ["top", "container"]), ("cn", "Users"))
@@ -272,7 +300,7 @@ def write_corp(out):
             ("objectSid", sid(*CORP_SID, 1103 + number)), ("sAMAccountType", 805306368),
             ("userPrincipalName", f"{uid}@corp.example.com"),
             ("mail", f"{uid}@example.com" if uid.isascii() else None),
-            ("userPassword", stored_password(scheme, "corp", uid)),
+            ("userPassword", stored_password(scheme, "corp", uid)), ("sambaNTPassword", nt_hash(uid)),
             note="left in 2025, disabled" if uid in DISABLED_USERS else None)
     for number, (uid, cn, control, groups, has_password) in enumerate(CORP_ACCOUNTS):
         dn = corp_account_dn(cn)
@@ -285,6 +313,7 @@ def write_corp(out):
             ("objectSid", sid(*CORP_SID, 500 if uid == "Administrator" else 1180 + number)),
             ("sAMAccountType", 805306368),
             ("userPassword", stored_password("SSHA512", "corp", uid) if has_password else None),
+            ("sambaNTPassword", nt_hash(uid) if has_password else None),
             note="no userPrincipalName")
     for number, host in enumerate(["WS-BER-0042", "SRV-FILE-01"]):
         dn = f"CN={host},OU=Workstations,{CORP}"
@@ -323,7 +352,7 @@ def write_lab(out):
              "room 2.17" if uid == "cchen" else None),
             ("uidNumber", 10001 + number), ("gidNumber", 5000), ("homeDirectory", f"/home/{uid}"),
             ("loginShell", "/bin/bash"), ("mail", f"{uid}@lab.example.net"),
-            ("userPassword", stored_password(scheme, "lab", uid).encode()),
+            ("userPassword", stored_password(scheme, "lab", uid).encode()), ("sambaNTPassword", nt_hash(uid)),
             ("entryUUID", "-".join(seeded("uuid", uid, size=16).hex()[a:b] for a, b in
                                    [(0, 8), (8, 12), (12, 16), (16, 20), (20, 32)])))
     out.entry(

@@ -4,6 +4,8 @@
 set -u
 umask 022
 cd "$(dirname "${BASH_SOURCE[0]}")/.." || exit 1
+# shellcheck source=tools/demo_common.sh
+. tools/demo_common.sh
 root=$(pwd -P)
 program=$root/build/bin/AuthDaemon
 state=$root/build/demo/daemon # "<pid> <start time> <working directory>" of the daemon that was started here
@@ -11,9 +13,6 @@ log_folder=/var/brel/log
 pid_folder=/etc/quarn/pids
 port=1100
 patience=30 # seconds for the start and for the end
-
-bold='' plain=''
-if [ -t 1 ] && [ -z "${NO_COLOR-}" ] && [ "${TERM-dumb}" != dumb ]; then bold=$'\e[1m' plain=$'\e[0m'; fi
 
 # Started by root the daemon changes to its own account, which needs a folder that it can reach.
 if [ "$(id -u)" -eq 0 ] && id quarn >/dev/null 2>&1; then
@@ -25,23 +24,9 @@ else
 fi
 group=$(id -g "$account" 2>/dev/null) || group=$(id -g)
 
-say() { printf '%s\n' "$*"; }
-die() {
-  printf 'demo: %s\n' "$*" >&2
-  exit 1
-}
-
 # --- processes -------------------------------------------------------------------------------------------
 
-# stat_field PID N: field N of /proc/PID/stat, counted from the state (3), behind the name in parentheses.
-stat_field() {
-  local line fields
-  { IFS= read -r line <"/proc/$1/stat"; } 2>/dev/null || return 1
-  read -ra fields <<<"${line##*) }"
-  printf '%s\n' "${fields[$(($2 - 3))]}"
-}
 session_of() { stat_field "$1" 6; }
-start_time_of() { stat_field "$1" 22; }
 
 # Whether PID runs our program on a demo folder. The link to the program cannot be read in every container;
 # the command line always can.
@@ -227,37 +212,8 @@ start_daemon() {
   done
 }
 
-quoted() {
-  local word
-  for word in "$@"; do
-    case $word in *[!A-Za-z0-9._@/:=,+-]*) word="'$word'" ;; esac
-    printf ' %s' "$word"
-  done
-}
-
-# ask STATUS INPUT COMMAND...: shows a command line, runs it, and shows the status when it is not 0.
-ask() {
-  local expected=$1 input=$2 status
-  shift 2
-  if [ -n "$input" ]; then
-    printf '%s$ echo %s |%s%s\n' "$bold" "'$input'" "$(quoted "$@")" "$plain"
-    "$@" <<<"$input"
-  else
-    printf '%s$%s%s\n' "$bold" "$(quoted "$@")" "$plain"
-    "$@" </dev/null
-  fi
-  status=$?
-  [ $status -eq 0 ] || say "(status $status)"
-  if [ $status -ne "$expected" ]; then
-    say "demo: expected status $expected"
-    surprises=$((surprises + 1))
-  fi
-  say ""
-}
-
 ask_questions() {
   local authctl=build/bin/authctl
-  surprises=0
   say ""
   say "Who has an umlaut in the name? Letter case does not matter, in no script."
   ask 0 "" $authctl user-search müll
@@ -355,6 +311,9 @@ stop() {
 
 case ${1-} in
   start) start ;;
-  stop) stop ;;
+  stop)
+    bash tools/demo_proxy.sh stop
+    stop
+    ;;
   *) die "usage: demo.sh start|stop" ;;
 esac

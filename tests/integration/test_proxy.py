@@ -1,14 +1,20 @@
 """Through a real Squid with curl: who gets the page, and who stands in the proxy's log."""
 
+import re
+
 import pytest
 
 from harness import directory, wire
 from harness.daemon import Daemon, until
+from servers.ntlm import NT_HASHES
 from servers.squid import Squid, origin
 
 LOGIN, GROUP, ADDRESS, ADDRESS_GROUP = range(3128, 3132)
 
 _CONFIGURATION = """
+auth_param ntlm program {helper} --mode ntlm
+auth_param ntlm key_extras "%>a"
+auth_param ntlm children 10 startup=0 idle=1
 auth_param basic program {helper} --mode basic --concurrency 20
 auth_param basic children 2 startup=0 idle=1 concurrency=20
 auth_param basic credentialsttl 1 second
@@ -33,6 +39,13 @@ http_access deny all
 """
 
 
+# Their passwords are "password". The second one's account is disabled.
+_NTLM_USERS = "".join(
+    directory.entry(directory.user_dn(uid), ("objectClass", "user"), ("cn", uid), ("sAMAccountName", uid),
+                    ("userAccountControl", control), ("sambaNTPassword", NT_HASHES["password"]))
+    for uid, control in [("nora", "512"), ("oscar", "514")])
+
+
 def login(user, password=None):
     password = directory.PASSWORDS[user] if password is None else password
     return ["--proxy-basic", "-U", f"{user}:{password}"]
@@ -47,7 +60,7 @@ def gateway(tmp_path_factory):
     (groups / "list").write_text("no such group\n\u00dcber G\u00e4ste\nstaff\n", encoding="utf-8")
     daemon = Daemon()
     try:
-        daemon.start(files=directory.files())
+        daemon.start("--verbose", files={"directory.ldif": directory.ldif() + _NTLM_USERS})
         with origin(), Squid(_CONFIGURATION.replace("{groups}", str(groups / "list")), range(LOGIN, ADDRESS_GROUP + 1)) as squid:
             yield daemon, squid
     finally:
@@ -66,6 +79,21 @@ def test_basic__login(squid):
     assert squid.fetch(LOGIN, *login("alice", "guessed"))[0] == 407
     assert squid.fetch(LOGIN, *login("bob"))[0] == 407  # disabled
     assert squid.fetch(LOGIN, *login("alice", ""))[0] == 407
+
+
+def ntlm(user, password="password"):
+    return ["--proxy-ntlm", "-U", f"{user}:{password}"]
+
+
+def test_ntlm__with_the_hashes_of_the_directory(gateway):
+    daemon, squid = gateway
+    for user in ("nora", "CORP\\NORA", "corp.test\\nora"):
+        assert squid.fetch(LOGIN, *ntlm(user)) == (200, "CORP\\nora")
+    for user, password in [("nora", "guessed"), ("oscar", "password"), ("nobody", "password"),
+                           ("ELSEWHERE\\nora", "password")]:
+        assert squid.fetch(LOGIN, *ntlm(user, password))[0] == 407
+    # The client's address came along with key_extras.
+    daemon.wait_line(re.compile("NTLM from 127.0.0.1 refused: .*oscar"))
 
 
 def test_group__of_whoever_logged_in(squid):
