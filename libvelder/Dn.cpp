@@ -333,6 +333,12 @@ std::string dns_domain_of(std::string_view dn) {
   return domain;
 }
 
+bool is_below(std::string_view dn_key, std::string_view base_key) {
+  if (base_key.empty() || dn_key == base_key) return true;
+  return dn_key.size() > base_key.size() + 1 && dn_key.ends_with(base_key) &&
+         dn_key[dn_key.size() - base_key.size() - 1] == ',';
+}
+
 std::string escape_dn_value(std::string_view value) {
   std::string text;
   for (size_t i = 0; i < value.size(); ++i) {

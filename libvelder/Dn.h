@@ -32,6 +32,10 @@ std::string normalize_dn(std::string_view dn);
 // none. Components that cannot be read are passed over.
 std::string dns_domain_of(std::string_view dn);
 
+// Whether an entry stands at `base_key` or below it. Both are keys of normalize_dn; everything is below the
+// empty one.
+bool is_below(std::string_view dn_key, std::string_view base_key);
+
 // `value` as it may stand behind "type=" in a DN (RFC 4514).
 std::string escape_dn_value(std::string_view value);
 

@@ -13,6 +13,11 @@ namespace {
 
 constexpr uint64_t kProgressEvery = 500;  // entries
 
+constexpr std::string_view kNoUsers =
+    "the servers gave no users at all (are BaseDN and Schema right, may the reading account see them?); "
+    "nothing "
+    "was published (--force publishes all the same)";
+
 // What makes an entry a user or a group, as far as a server need send it. Object classes that a server does
 // not know match nothing there.
 constexpr std::string_view kAdFilter = "(|(&(objectClass=user)(!(objectClass=computer)))(objectClass=group))";
@@ -24,12 +29,13 @@ tl::unexpected<Error> failed(int code, const std::string& text) {
   return tl::make_unexpected(Error{code, text});
 }
 
-// One reading of all domains into one builder. Entries cannot be taken back, so a server that fails half-way
-// through spoils the attempt: the next one begins with the server that took its place.
+// One reading of all domains into one builder. An entry may come twice: the trees of two domains may overlap,
+// and one that is renamed meanwhile can be on two pages. Entries cannot be taken back, so a server that fails
+// half-way through spoils the attempt: the next one begins with the server that took its place.
 class Attempt {
  public:
   Attempt(const Settings& settings, const SyncOptions& options)
-      : options_(options), builder_(settings, BuildOptions{.keep_passwords = false}) {}
+      : options_(options), builder_(settings, BuildOptions{.keep_passwords = false, .pass_repeats = true}) {}
 
   Result<void> read(ServerPool& servers) {
     bool begun = false;
@@ -40,11 +46,16 @@ class Attempt {
       }
       return read_domain(servers.domain(), connection);
     };
-    return servers.read(work);
+    const size_t before = builder_.user_count() + builder_.repeat_count();
+    auto done = servers.read(work);
+    if (builder_.user_count() + builder_.repeat_count() == before) empty_ = servers.domain().dns_name;
+    return done;
   }
 
   bool spoilt() const { return spoilt_; }
   uint64_t entries() const { return entries_; }
+  // A domain that gave no users; "" when every one did.
+  const std::string& empty_domain() const { return empty_; }
   SnapshotBuilder& builder() { return builder_; }
 
  private:
@@ -70,6 +81,7 @@ class Attempt {
   SnapshotBuilder builder_;
   uint64_t entries_ = 0;
   bool spoilt_ = false;
+  std::string empty_;
 };
 
 std::string describe_origin(const Settings& settings) {
@@ -90,8 +102,10 @@ Result<SyncReport> publish(const std::string& workdir, const Settings& settings,
   report.before = present_ldap_snapshot(workdir);
   report.entries = attempt.entries();
   SnapshotBuilder& builder = attempt.builder();
-  const auto objection =
+  auto objection =
       guard_objection(settings.shrink_guard, report.before, builder.user_count(), builder.group_count());
+  if (!objection && !attempt.empty_domain().empty())
+    objection = "domain " + attempt.empty_domain() + ": " + std::string(kNoUsers);
   if (objection && !options.force) return failed(kDirectoryOther, *objection);
 
   if (options.progress) options.progress({"", attempt.entries()});
@@ -142,9 +156,7 @@ std::optional<SnapshotMeta> present_ldap_snapshot(const std::string& workdir) {
 std::optional<std::string> guard_objection(uint32_t shrink_guard, const std::optional<SnapshotMeta>& before,
                                            size_t users, size_t groups) {
   if (users == 0) {
-    return "the servers gave no users at all (is BaseDN right, may the reading account see them?); nothing "
-           "was "
-           "published (--force publishes all the same)";
+    return std::string(kNoUsers);
   }
   if (!before) return std::nullopt;
   if (shrank(before->users, users, shrink_guard))

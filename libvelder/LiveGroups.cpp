@@ -20,6 +20,9 @@ namespace {
 // A look-up that reaches more entries than this is given up.
 constexpr size_t kMostGroups = 50'000;
 
+// Up to so many members are read one by one sooner than a server finds them among all users.
+constexpr size_t kFewMembers = 4 * LiveSearch::kChunk;
+
 using Texts = std::vector<std::string>;
 
 template <class Each>
@@ -92,7 +95,6 @@ Result<void> LiveLookup::first_groups(const LiveUser& user, std::vector<LiveEntr
       question.filter = all_of(classes + sid_equality(entry.primary_group_sid));
       if (auto done = whole(search_.ask(number, question, found)); !done) return done;
     }
-    if (domain.schema == Schema::kAd) continue;
     question.keep = [&](const LiveEntry& group) {
       return is_group(group) && fold_text(group.domain_dns) == fold_text(entry.domain_dns);
     };
@@ -117,17 +119,27 @@ Result<bool> LiveLookup::is_only_user(const LiveEntry& user) {
   return found.size() == 1;
 }
 
-Result<void> LiveLookup::groups_with_members(const Texts& dns, std::vector<LiveEntry>& found) {
+// Active Directory keeps the two sides of a membership in step within a domain, and looks through all its
+// entries when it is asked for the other side.
+bool LiveLookup::knows_both_sides(size_t number, std::string_view dn) const {
+  if (search_.domain(number).schema != Schema::kAd) return false;
+  const auto holders = search_.domains_holding(normalize_dn(dn));
+  return std::find(holders.begin(), holders.end(), number) != holders.end();
+}
+
+// `trusted`: entries say themselves in which groups they are.
+Result<void> LiveLookup::groups_with_members(const Texts& dns, bool trusted, std::vector<LiveEntry>& found) {
   Question question;
   question.wanted = Wanted::kGroupAbove;
   question.keep = is_group;
   for (size_t number = 0; number < search_.domain_count(); ++number) {
-    const Domain& domain = search_.domain(number);
+    Texts members = dns;
+    if (trusted) std::erase_if(members, [&](const auto& dn) { return knows_both_sides(number, dn); });
     const auto ask = [&](const Texts& chunk) {
-      question.filter = member_filter(domain.schema, chunk);
+      question.filter = member_filter(search_.domain(number).schema, chunk);
       return whole(search_.ask(number, question, found));
     };
-    if (auto done = in_chunks(dns, ask); !done) return done;
+    if (auto done = in_chunks(members, ask); !done) return done;
   }
   return {};
 }
@@ -139,8 +151,10 @@ Result<void> LiveLookup::user_groups(const LiveUser& user, std::list<GroupMeta>&
   Texts level = {user.entry.dn};
   Texts said = user.entry.member_of;  // by the entries of the level themselves
   std::unordered_set<std::string> asked;
+  bool says_groups = false;  // some entry did; where the reading account may not see that, no entry does
   while (!level.empty()) {
-    if (auto done = groups_with_members(level, found); !done) return done;
+    says_groups = says_groups || !said.empty();
+    if (auto done = groups_with_members(level, says_groups, found); !done) return done;
     // Servers that keep memberOf keep it for what was just found, too; the rest is rare.
     for (const LiveEntry& entry : found) asked.insert(entry.dn_key);
     std::erase_if(said, [&](const std::string& dn) { return !asked.insert(normalize_dn(dn)).second; });
@@ -184,12 +198,15 @@ struct LiveLookup::Below {
 // what only the groups say.
 Result<void> LiveLookup::members_by_dn(const std::vector<LiveEntry>& level, Below& below, bool groups_only,
                                        std::vector<LiveEntry>& found) {
-  Texts groups;
-  for (const LiveEntry& group : level) groups.push_back(group.dn);
   Question question;
   question.wanted = groups_only ? Wanted::kGroupBelow : Wanted::kBelow;
   for (size_t number = 0; number < search_.domain_count(); ++number) {
     const Domain& domain = search_.domain(number);
+    Texts groups;
+    for (const LiveEntry& group : level) {
+      const bool few = !group.members.empty() && group.members.size() <= kFewMembers;
+      if (!few || !knows_both_sides(number, group.dn)) groups.push_back(group.dn);
+    }
     std::string classes(group_classes(domain.schema));
     if (!groups_only) classes = any_of(classes + std::string(user_classes(domain.schema)));
     const auto ask = [&](const Texts& chunk) {
@@ -226,7 +243,7 @@ Result<void> LiveLookup::members_by_uid(const LiveEntry& group, std::vector<Live
   };
   for (size_t number = 0; number < search_.domain_count(); ++number) {
     const Domain& domain = search_.domain(number);
-    if (domain.schema == Schema::kAd || !search_.may_hold(number, group.domain_dns)) continue;
+    if (!search_.may_hold(number, group.domain_dns)) continue;
     const auto ask = [&](const Texts& chunk) {
       std::string filters;
       for (const std::string& uid : chunk) filters += uid_equality(domain.schema, uid);
@@ -238,7 +255,11 @@ Result<void> LiveLookup::members_by_uid(const LiveEntry& group, std::vector<Live
   std::map<std::string, std::set<std::string>> dns_of_uid;
   for (const LiveEntry& user : users) dns_of_uid[fold_text(user.uid)].insert(user.dn_key);
   for (LiveEntry& user : users) {
-    if (dns_of_uid[fold_text(user.uid)].size() == 1) found.push_back(std::move(user));
+    // Taken once, though the trees of two domains may overlap and give him twice.
+    auto& dns_with_uid = dns_of_uid[fold_text(user.uid)];
+    if (dns_with_uid.size() != 1) continue;
+    dns_with_uid.clear();
+    found.push_back(std::move(user));
   }
   return {};
 }

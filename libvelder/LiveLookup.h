@@ -4,7 +4,7 @@
 // They mean what the same look-ups in a snapshot mean, with these differences. A server finds what it takes
 // for equal; what it sends is then compared as in the snapshot, so an answer is never wider, but a name in
 // another normal form, or one whose letter case the server minds, may not be found. Of more than SearchLimit
-// hits the server chooses which ones come. On Active Directory memberUid does not count.
+// hits the server chooses which ones come.
 //
 // An answer is complete or an error: when one domain cannot be asked there is no shorter list of groups. A
 // name that says its domain is looked for in that domain first, and found there while others are down.
@@ -64,7 +64,9 @@ class LiveLookup {
   Result<std::vector<LiveEntry>> users_of_name(std::string_view name);
   Result<LiveEntry> find_group(std::string_view name, bool by_cn, bool by_dn);
   Result<void> first_groups(const LiveUser& user, std::vector<LiveEntry>& found);
-  Result<void> groups_with_members(const std::vector<std::string>& dns, std::vector<LiveEntry>& found);
+  bool knows_both_sides(size_t domain, std::string_view dn) const;
+  Result<void> groups_with_members(const std::vector<std::string>& dns, bool trusted,
+                                   std::vector<LiveEntry>& found);
   Result<bool> is_only_user(const LiveEntry& user);
 
   Result<void> expand(Below& below, std::vector<LiveEntry> level, bool groups_only);

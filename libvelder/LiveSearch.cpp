@@ -13,6 +13,8 @@ namespace {
 // Beyond this many entries a look-up is no look-up any more; a group of all users of a big directory passes.
 constexpr uint64_t kMostEntries = 500'000;
 
+constexpr int kReferral = 10;  // RFC 4511
+
 tl::unexpected<Error> failed(int code, const std::string& text) {
   return tl::make_unexpected(Error{code, text});
 }
@@ -71,7 +73,7 @@ std::vector<std::string> copies(const std::vector<std::string_view>& views) {
   return {views.begin(), views.end()};
 }
 
-LiveEntry take_entry(LdifRecord& record) {
+LiveEntry take_entry(LdifRecord& record, const Settings& settings) {
   const EntryAttributes attributes = read_attributes(record);
   LiveEntry entry;
   entry.kind = attributes.kind;
@@ -89,7 +91,7 @@ LiveEntry take_entry(LdifRecord& record) {
   entry.member_uids = copies(attributes.member_uids);
   entry.dn = std::move(record.dn);
   entry.dn_key = normalize_dn(entry.dn);
-  entry.domain_dns = dns_domain_of(entry.dn);
+  entry.domain_dns = domain_of_entry(settings, entry.dn);
   return entry;
 }
 
@@ -122,12 +124,6 @@ const char* dn_attribute(Schema schema) {
 
 std::string all_classes(Schema schema) {
   return any_of(std::string(user_classes(schema)) + std::string(group_classes(schema)));
-}
-
-bool is_below(std::string_view dn_key, std::string_view base_key) {
-  if (base_key.empty() || dn_key == base_key) return true;
-  return dn_key.size() > base_key.size() + 1 && dn_key.ends_with(base_key) &&
-         dn_key[dn_key.size() - base_key.size() - 1] == ',';
 }
 
 }  // namespace
@@ -221,7 +217,7 @@ Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Questio
   bool late = false;  // not the server's time-out, which would put it aside
   const auto take = [&](LdifRecord& record) -> Result<void> {
     if (late = !in_time(); late) return failed(kDirectoryOther, "late");
-    LiveEntry entry = take_entry(record);
+    LiveEntry entry = take_entry(record, settings_);
     if (!is_usable(entry) || (question.keep && !question.keep(entry))) return {};
     if (found.size() - before == question.most) return failed(kDirectorySizeLimit, "enough");
     found.push_back(std::move(entry));
@@ -235,7 +231,9 @@ Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Questio
   const int code = done.error().code;
   if (late) return tl::make_unexpected(in_time().error());
   if (code == kDirectorySizeLimit) return false;
-  if (code == kDirectoryNoSuchObject && request.scope == SearchScope::kBase) return true;
+  // An entry that another server holds is not in this tree either.
+  const bool elsewhere = code == kDirectoryNoSuchObject || code == kReferral;
+  if (elsewhere && request.scope == SearchScope::kBase) return true;
   found.resize(before);
   if (code == kDirectoryServerDown || code == kDirectoryTimeout) return tl::make_unexpected(done.error());
   return failed(kDirectoryOther, "[" + domain(number).section + "] " + done.error().text);

@@ -442,4 +442,18 @@ std::string netbios_name_of(const Settings& settings, std::string_view dns_domai
   return first_label_upper(dns_domain);
 }
 
+std::string domain_of_entry(const Settings& settings, std::string_view dn) {
+  std::string dns = dns_domain_of(dn);
+  if (!dns.empty() || settings.source != Source::kLdap) return dns;
+  const std::string key = normalize_dn(dn);
+  size_t longest = 0;
+  for (const Domain& domain : settings.domains) {
+    const std::string base = normalize_dn(domain.base_dn);
+    if (base.size() < longest || !is_below(key, base)) continue;
+    longest = base.size();
+    dns = domain.dns_name;
+  }
+  return dns;
+}
+
 }  // namespace velder

@@ -68,6 +68,10 @@ SettingsReport examine_settings(const std::string& workdir);
 // upper case.
 std::string netbios_name_of(const Settings& settings, std::string_view dns_domain);
 
+// The DNS domain of the entry with this DN: what its DC= components say. An entry without any in the tree of
+// a domain of servers belongs to that domain (of a tree and one below it the lower one); else "".
+std::string domain_of_entry(const Settings& settings, std::string_view dn);
+
 // `file` when it is an absolute path, else below `workdir`; the empty `workdir` is the root directory.
 std::string path_in(const std::string& workdir, const std::string& file);
 

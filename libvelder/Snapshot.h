@@ -173,6 +173,7 @@ class SnapshotReader {
 
 struct BuildOptions {
   bool keep_passwords = false;  // userPassword and sambaNTPassword go into the file
+  bool pass_repeats = false;    // an entry that comes again is passed over; else it is an error
 };
 
 // Gathers entries from whatever source and writes them as one snapshot. One thread at a time. Keeps all
@@ -188,6 +189,7 @@ class SnapshotBuilder {
 
   size_t user_count() const;
   size_t group_count() const;
+  size_t repeat_count() const;  // entries that were passed over because they came again
 
   // Writes the complete, checked and synced file `path`, replacing what is there (an earlier draft that was
   // never published); on an error nothing is left of it. Fills the counts of `meta`; source and origin are

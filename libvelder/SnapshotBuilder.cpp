@@ -186,6 +186,7 @@ struct SnapshotBuilder::Draft {
   std::vector<PrimaryGroup> primary_groups;
   TextMap<uint32_t> group_by_sid;  // node
   int64_t skipped_users = 0;
+  size_t repeats = 0;
 };
 
 uint32_t SnapshotBuilder::Draft::node_with_key(std::string_view key) {
@@ -205,7 +206,7 @@ uint32_t SnapshotBuilder::Draft::node_of(std::string_view dn) {
 }
 
 uint32_t SnapshotBuilder::Draft::domain_of(std::string_view dn) {
-  std::string dns = dns_domain_of(dn);
+  std::string dns = domain_of_entry(settings, dn);
   std::string key = fold_text(dns);
   if (const auto known = domain_by_name.find(key); known != domain_by_name.end()) return known->second;
   const auto domain = static_cast<uint32_t>(content.domains.size());
@@ -329,6 +330,9 @@ size_t SnapshotBuilder::user_count() const {
 size_t SnapshotBuilder::group_count() const {
   return draft_->content.groups.size();
 }
+size_t SnapshotBuilder::repeat_count() const {
+  return draft_->repeats;
+}
 
 Result<void> SnapshotBuilder::add(const LdifRecord& record) {
   if (record.dn.empty()) return {};  // the server's own entry
@@ -337,6 +341,10 @@ Result<void> SnapshotBuilder::add(const LdifRecord& record) {
     return tl::make_unexpected(Error{kDirectoryOther, "not a distinguished name: " + printable(record.dn)});
   }
   const uint32_t node = draft_->node_with_key(key);
+  if (draft_->nodes[node].seen && draft_->options.pass_repeats) {
+    ++draft_->repeats;
+    return {};
+  }
   if (draft_->nodes[node].seen) {
     return tl::make_unexpected(Error{kDirectoryOther, "the same distinguished name as in line " +
                                                           std::to_string(draft_->nodes[node].line) + ": " +

@@ -69,7 +69,7 @@ def address(uid):
 
 
 def expect_everybody(ask, spelled=lambda forms: forms):
-    """`spelled` chooses among the forms of a name: each costs this controller a quarter of a second live."""
+    """`spelled` chooses among the forms of a name."""
     for uid, (cn, _) in PEOPLE_OF_NOTE.items():
         forms = [address(uid), f"CORP\\{uid}", f"corp.test\\{uid.upper()}", uid, user_dn(uid).lower()]
         for name in spelled(forms):

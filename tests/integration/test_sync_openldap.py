@@ -246,6 +246,34 @@ def test_two_domains__all_or_nothing(daemon, slapd):
             assert ask.user("LAB\\alice")[2] == "Alice of the Lab"
 
 
+@pytest.mark.parametrize("synchronised", [True, False], ids=["snapshot", "live"])
+def test_tree_without_dc__has_the_domain_of_its_section(daemon, synchronised):
+    """Beside it a part of the same tree as a domain of its own, so that entries come twice."""
+    alice = "CN=Alice,OU=Rats,O=Lab"
+    entries = {"O=Lab": {"objectClass": ["top", "organization"]}, "OU=Rats,O=Lab": {"objectClass": ["organizationalUnit"]},
+               "OU=Empty,O=Lab": {"objectClass": ["organizationalUnit"]},
+               "CN=Bob,O=Lab": {"objectClass": ["user"], "cn": ["Bob"], "sAMAccountName": ["bob"]},
+               alice: {"objectClass": ["top", "user"], "cn": ["Alice"], "sAMAccountName": ["alice"], "password": ["in the lab"]},
+               "CN=Unix Rats,OU=Rats,O=Lab": {"objectClass": ["group"], "cn": ["Unix Rats"], "memberUid": ["alice"]}}
+    with RangedServer("O=Lab", entries, ("CN=reader,O=Lab", READER_PASSWORD)) as lab:
+        text = workdir.settings([lab.url], "CN=reader,O=Lab", base="O=Lab")
+        rats = text[text.index("[Domain_1]"):].replace("1]", "2]").replace("corp.test", "rats.test").replace("BaseDN=O=", "BaseDN=OU=Rats,O=")
+        workdir.place(text + rats, READER_PASSWORD)
+        if synchronised:
+            workdir.good_sync()
+        daemon.start("--disable-reply-cache", keep=True)
+        with Questions() as ask:
+            for name in ("alice", "RATS\\alice", "alice@rats.test", alice):
+                assert ask.user(name)[:2] == ("rats.test", "alice"), name
+                assert ask.validate(name, "in the lab") is True, name
+            assert ask.user("CORP\\bob")[0] == "corp.test" and ask.user("CORP\\alice") == 32
+            assert ask.groups_of("alice") == ["Unix Rats"]
+            assert list(ask.members("Unix Rats").values()) == [["alice@rats.test"]]
+        if synchronised:  # a domain that has become empty is lost in the crowd of the others
+            workdir.put(text + rats.replace("OU=Rats", "OU=Empty"), READER_PASSWORD)
+            one_line(workdir.ldap_sync(), "domain rats.test: the servers gave no users at all")
+
+
 def test_terminal__shows_how_far_it_is(slapd):
     """A bar that ends with the run; nothing of it where nobody looks."""
     place_with_snapshot(slapd)

@@ -126,8 +126,9 @@ class ServerProcess:
         pid = self.process.pid
         os.killpg(pid, signal.SIGSTOP)
         try:
-            # One thread takes the signal and stops the others; until then they go on answering.
-            until(lambda: thread_states(pid) == {"T"}, lambda: f"all threads of {pid} to stop: {thread_states(pid)}")
+            # One thread takes the signal and stops the others; until then they go on answering. A child that has
+            # just ended stays as it is.
+            until(lambda: thread_states(pid) - {"Z"} == {"T"}, lambda: f"all threads of {pid} to stop: {thread_states(pid)}")
             yield
         finally:
             os.killpg(pid, signal.SIGCONT)
