@@ -60,7 +60,9 @@ std::string_view fault_text(LineFault fault) {
 class Helper {
  public:
   explicit Helper(const Settings& settings)
-      : settings_(settings), complaints_("authhelper " + settings.mode_name + ": ") {}
+      : settings_(settings),
+        complaints_("authhelper " + settings.mode_name + ": "),
+        shared_{settings.link, complaints_, {}, {}} {}
 
   int run() {
     if (settings_.connections > 1) {
@@ -77,7 +79,7 @@ class Helper {
   size_t most_waiting() const { return std::max(settings_.concurrency, settings_.connections); }
 
   std::unique_ptr<authhelper::Responder> new_responder() {
-    return authhelper::make_responder(settings_.mode, settings_.link, backoff_, complaints_);
+    return authhelper::make_responder(settings_.mode, shared_);
   }
 
   // Until the end of input, or until `take` says that nobody reads the replies any more.
@@ -156,7 +158,7 @@ class Helper {
 
   const Settings& settings_;
   authhelper::Complaints complaints_;
-  authhelper::Backoff backoff_;
+  authhelper::Shared shared_;
   authhelper::LineWriter writer_{STDOUT_FILENO};
   LineReader reader_{STDIN_FILENO};
 

@@ -47,22 +47,38 @@ void Backoff::succeeded() {
   delay_ = delay_.zero();
 }
 
-bool DaemonLink::ask(int32_t type, const Message& request, Message& answer, Repeat repeat) {
-  ErrorKind kind{};
-  if (!is_usable()) {
-    return connect() && call(type, request, answer, &kind, false);
-  }
-  const bool may_repeat = repeat == Repeat::kOnce;
-  if (call(type, request, answer, &kind, may_repeat)) return true;
-  // The daemon may have ended between our look at the connection and the request.
-  if (!may_repeat || kind != ErrorKind::kClosedWithoutAnswer) return false;
-  answer.Clear();
-  return connect() && call(type, request, answer, &kind, false);
+void LostUsers::add(std::string_view user, Clock::time_point now) {
+  const std::lock_guard lock(mutex_);
+  forget_old(now);
+  users_.emplace_back(now, user);
 }
 
-bool DaemonLink::ask_on_same(int32_t type, const Message& request, Message& answer) {
+bool LostUsers::contains(std::string_view user, Clock::time_point now) {
+  const std::lock_guard lock(mutex_);
+  forget_old(now);
+  return std::any_of(users_.begin(), users_.end(), [&](const auto& one) { return one.second == user; });
+}
+
+void LostUsers::forget_old(Clock::time_point now) {
+  while (!users_.empty() && now - users_.front().first >= kKept) users_.pop_front();
+}
+
+DaemonLink::Outcome DaemonLink::ask(int32_t type, const Message& request, Message& answer, Repeat repeat) {
   ErrorKind kind{};
-  return connection_ && call(type, request, answer, &kind, false);
+  if (!is_usable()) {
+    return connect() ? call(type, request, answer, &kind, false) : Outcome::kNotAsked;
+  }
+  const bool may_repeat = repeat == Repeat::kOnce;
+  const Outcome outcome = call(type, request, answer, &kind, may_repeat);
+  // The daemon may have ended between our look at the connection and the request.
+  if (outcome == Outcome::kAnswered || !may_repeat || kind != ErrorKind::kClosedWithoutAnswer) return outcome;
+  answer.Clear();
+  return connect() ? call(type, request, answer, &kind, false) : outcome;
+}
+
+DaemonLink::Outcome DaemonLink::ask_on_same(int32_t type, const Message& request, Message& answer) {
+  ErrorKind kind{};
+  return connection_ ? call(type, request, answer, &kind, false) : Outcome::kNotAsked;
 }
 
 // An idle connection has nothing to read. What is readable has ended, or holds an answer to nothing.
@@ -88,18 +104,19 @@ bool DaemonLink::connect() {
 }
 
 // `quiet`: a connection that closes without an answer is not told, because the caller tries another.
-bool DaemonLink::call(int32_t type, const Message& request, Message& answer, ErrorKind* kind, bool quiet) {
+DaemonLink::Outcome DaemonLink::call(int32_t type, const Message& request, Message& answer, ErrorKind* kind,
+                                     bool quiet) {
   const auto called = connection_->call(type, request, answer);
   if (called) {
     complaints_.settle(Topic::kDaemonAway, "the daemon answers again");
-    return true;
+    return Outcome::kAnswered;
   }
   *kind = called.error().kind;
   connection_.reset();
-  if (quiet && *kind == ErrorKind::kClosedWithoutAnswer) return false;
+  if (quiet && *kind == ErrorKind::kClosedWithoutAnswer) return Outcome::kLost;
   const bool is_malformed = *kind == ErrorKind::kMalformedAnswer || *kind == ErrorKind::kInvalidRequest;
   complaints_.tell(is_malformed ? Topic::kBadAnswer : Topic::kDaemonAway, called.error().text);
-  return false;
+  return Outcome::kLost;
 }
 
 }  // namespace authhelper

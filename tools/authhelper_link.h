@@ -4,9 +4,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "client/Connection.h"
 #include "tools/authhelper_io.h"
@@ -32,6 +35,23 @@ class Backoff {
   Clock::time_point next_;
 };
 
+// Users about whom the daemon was asked a moment ago without an answer; shared like Backoff. The proxy
+// repeats a request that got BH, up to twice and at once, and whether the first one made a bind nobody knows.
+class LostUsers {
+ public:
+  using Clock = std::chrono::steady_clock;
+  static constexpr std::chrono::seconds kKept{3};
+
+  void add(std::string_view user, Clock::time_point now);
+  bool contains(std::string_view user, Clock::time_point now);
+
+ private:
+  void forget_old(Clock::time_point now);
+
+  std::mutex mutex_;
+  std::deque<std::pair<Clock::time_point, std::string>> users_;  // the oldest first
+};
+
 struct LinkSettings {
   std::string server;
   velder_client::Options options;
@@ -46,21 +66,28 @@ class DaemonLink {
     kOnce,   // questions that change nothing
   };
 
+  enum class Outcome {
+    kAnswered,
+    kNotAsked,  // there was no connection
+    kLost,      // asked, but no answer came
+  };
+
   DaemonLink(const LinkSettings& settings, Backoff& backoff, Complaints& complaints)
       : settings_(settings), backoff_(backoff), complaints_(complaints) {}
 
-  // False without an answer; the reason has been told.
-  bool ask(int32_t type, const google::protobuf::Message& request, google::protobuf::Message& answer,
-           Repeat repeat);
+  // The reason of every failure has been told.
+  Outcome ask(int32_t type, const google::protobuf::Message& request, google::protobuf::Message& answer,
+              Repeat repeat);
   // The same, but only on the connection that carried the request before.
-  bool ask_on_same(int32_t type, const google::protobuf::Message& request, google::protobuf::Message& answer);
+  Outcome ask_on_same(int32_t type, const google::protobuf::Message& request,
+                      google::protobuf::Message& answer);
   void close() { connection_.reset(); }
 
  private:
   bool is_usable() const;
   bool connect();
-  bool call(int32_t type, const google::protobuf::Message& request, google::protobuf::Message& answer,
-            velder_client::ErrorKind* kind, bool quiet);
+  Outcome call(int32_t type, const google::protobuf::Message& request, google::protobuf::Message& answer,
+               velder_client::ErrorKind* kind, bool quiet);
 
   const LinkSettings& settings_;
   Backoff& backoff_;

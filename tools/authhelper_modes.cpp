@@ -10,6 +10,7 @@
 namespace authhelper {
 namespace {
 
+using Outcome = DaemonLink::Outcome;
 using Repeat = DaemonLink::Repeat;
 
 // Result codes that are a plain "no" and not a failure.
@@ -30,8 +31,10 @@ Reply refused(std::string_view message) {
 
 class LinkedResponder : public Responder {
  public:
-  LinkedResponder(const LinkSettings& settings, Backoff& backoff, Complaints& complaints)
-      : link_(settings, backoff, complaints), complaints_(complaints) {}
+  explicit LinkedResponder(Shared& shared)
+      : shared_(shared),
+        complaints_(shared.complaints),
+        link_(shared.link, shared.backoff, shared.complaints) {}
 
  protected:
   Reply failed_with(int result) {
@@ -43,8 +46,15 @@ class LinkedResponder : public Responder {
     return broken(kUnusable);
   }
 
-  DaemonLink link_;
+  // Whether the daemon answered.
+  template <class Request, class Answer>
+  bool ask(int32_t type, const Request& request, Answer& answer, Repeat repeat) {
+    return link_.ask(type, request, answer, repeat) == Outcome::kAnswered;
+  }
+
+  Shared& shared_;
   Complaints& complaints_;
+  DaemonLink link_;
 };
 
 class BasicResponder final : public LinkedResponder {
@@ -54,15 +64,17 @@ class BasicResponder final : public LinkedResponder {
   Reply respond(const std::vector<std::string>& fields) override {
     const std::string& user = fields[0];
     if (user.empty() || fields[1].empty()) return refused("user name or password is empty");
+    if (shared_.lost_users.contains(user, LostUsers::Clock::now())) return broken();
     Velder::UserValidateRequest request;
     request.set_user_ln(user);
     // In a buffer of its final size at once; growing would leave pieces of the password behind.
     request.mutable_password()->reserve(fields[1].size());
     request.mutable_password()->assign(fields[1]);
     Velder::UserValidateResponse answer;
-    const bool answered = link_.ask(Velder::USER_VALIDATE_REQUEST, request, answer, Repeat::kNever);
+    const Outcome outcome = link_.ask(Velder::USER_VALIDATE_REQUEST, request, answer, Repeat::kNever);
     velder_client::wipe(*request.mutable_password());
-    if (!answered) return broken();
+    if (outcome == Outcome::kLost) shared_.lost_users.add(user, LostUsers::Clock::now());
+    if (outcome != Outcome::kAnswered) return broken();
     if (answer.result() != 0) return refused("wrong user name or password");
     return {Verdict::kOk, name_in_directory(user), {}, {}};
   }
@@ -74,7 +86,7 @@ class BasicResponder final : public LinkedResponder {
     Velder::UserInfoQueryRequest request;
     request.set_user_ln(user);
     Velder::UserInfoQueryResponse answer;
-    if (!link_.ask(Velder::USER_INFO_QUERY_REQUEST, request, answer, Repeat::kOnce)) return {};
+    if (!ask(Velder::USER_INFO_QUERY_REQUEST, request, answer, Repeat::kOnce)) return {};
     const Velder::UserInfo& info = answer.userinfo();
     if (answer.result() != 0 || info.uid().empty()) return {};
     return info.domain_dns().empty() ? info.uid() : info.uid() + "@" + info.domain_dns();
@@ -112,7 +124,7 @@ class NtlmResponder final : public LinkedResponder {
     Velder::NTLMAuthResponse answer;
     const Request request(1, fields);
     // Proves nothing yet, so it may be sent again.
-    if (!link_.ask(Velder::NTLM_AUTH_REQUEST, request.message, answer, Repeat::kOnce)) return broken();
+    if (!ask(Velder::NTLM_AUTH_REQUEST, request.message, answer, Repeat::kOnce)) return broken();
     if (answer.result() != 0) return refused("the NTLM message was refused");
     under_way_ = true;
     if (!is_base64(answer.responsecontent())) {
@@ -131,7 +143,9 @@ class NtlmResponder final : public LinkedResponder {
     under_way_ = false;
     Velder::NTLMAuthResponse answer;
     const Request request(2, fields);
-    if (!link_.ask_on_same(Velder::NTLM_AUTH_REQUEST, request.message, answer)) return broken();
+    if (link_.ask_on_same(Velder::NTLM_AUTH_REQUEST, request.message, answer) != Outcome::kAnswered) {
+      return broken();
+    }
     if (answer.result() != 0) return refused("wrong user name or password");
     if (answer.responsecontent().empty()) return unusable();
     return {Verdict::kOk, answer.responsecontent(), {}, {}};
@@ -155,8 +169,7 @@ class NtlmResponder final : public LinkedResponder {
 
 class NegotiateResponder final : public LinkedResponder {
  public:
-  NegotiateResponder(bool strip_realm, const LinkSettings& settings, Backoff& backoff, Complaints& complaints)
-      : LinkedResponder(settings, backoff, complaints), strip_realm_(strip_realm) {}
+  NegotiateResponder(bool strip_realm, Shared& shared) : LinkedResponder(shared), strip_realm_(strip_realm) {}
 
   Reply respond(const std::vector<std::string>& fields) override {
     if (fields[0] != "YR" && fields[0] != "KK") {
@@ -168,7 +181,7 @@ class NegotiateResponder final : public LinkedResponder {
     Velder::NEGOAuthRequest request;
     request.set_requestcontent(fields[1]);
     Velder::NEGOAuthResponse answer;
-    const bool answered = link_.ask(Velder::NEGO_AUTH_REQUEST, request, answer, Repeat::kNever);
+    const bool answered = ask(Velder::NEGO_AUTH_REQUEST, request, answer, Repeat::kNever);
     velder_client::wipe(*request.mutable_requestcontent());
     return answered ? judge(answer) : broken();
   }
@@ -211,7 +224,7 @@ class IpUserResponder final : public LinkedResponder {
     Velder::IPUserQueryRequest request;
     request.set_ip(fields[0]);
     Velder::IPUserQueryResponse answer;
-    if (!link_.ask(Velder::IP_USER_QUERY_REQUEST, request, answer, Repeat::kOnce)) return broken();
+    if (!ask(Velder::IP_USER_QUERY_REQUEST, request, answer, Repeat::kOnce)) return broken();
     if (answer.result() == kNoBinding) return refused("nobody is bound to this address");
     if (answer.result() != 0) return failed_with(answer.result());
     const std::string& user = answer.userinfo().user_ln();
@@ -234,7 +247,7 @@ class GroupResponder final : public LinkedResponder {
     Velder::UserGroupQueryRequest request;
     request.set_user_ln(user);
     Velder::UserGroupQueryResponse answer;
-    if (!link_.ask(Velder::USER_GROUP_QUERY_REQUEST, request, answer, Repeat::kOnce)) return broken();
+    if (!ask(Velder::USER_GROUP_QUERY_REQUEST, request, answer, Repeat::kOnce)) return broken();
     if (answer.result() == kNoSuchUser) return refused("the directory does not know the user");
     if (answer.result() != 0) return failed_with(answer.result());
     if (!names_one_of(fields, answer.grouplist())) return refused("in none of the groups");
@@ -244,17 +257,15 @@ class GroupResponder final : public LinkedResponder {
 
 }  // namespace
 
-std::unique_ptr<Responder> make_responder(const ModeSettings& settings, const LinkSettings& link,
-                                          Backoff& backoff, Complaints& complaints) {
+std::unique_ptr<Responder> make_responder(const ModeSettings& settings, Shared& shared) {
   switch (settings.mode) {
-    case Mode::kBasic: return std::make_unique<BasicResponder>(link, backoff, complaints);
-    case Mode::kNtlm: return std::make_unique<NtlmResponder>(link, backoff, complaints);
-    case Mode::kNegotiate:
-      return std::make_unique<NegotiateResponder>(settings.strip_realm, link, backoff, complaints);
-    case Mode::kIpUser: return std::make_unique<IpUserResponder>(link, backoff, complaints);
+    case Mode::kBasic: return std::make_unique<BasicResponder>(shared);
+    case Mode::kNtlm: return std::make_unique<NtlmResponder>(shared);
+    case Mode::kNegotiate: return std::make_unique<NegotiateResponder>(settings.strip_realm, shared);
+    case Mode::kIpUser: return std::make_unique<IpUserResponder>(shared);
     case Mode::kGroup: break;
   }
-  return std::make_unique<GroupResponder>(link, backoff, complaints);
+  return std::make_unique<GroupResponder>(shared);
 }
 
 bool names_one_of(const std::vector<std::string>& fields,

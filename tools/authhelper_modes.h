@@ -28,8 +28,15 @@ struct ModeSettings {
   bool strip_realm = false;  // negotiate only
 };
 
-std::unique_ptr<Responder> make_responder(const ModeSettings& settings, const LinkSettings& link,
-                                          Backoff& backoff, Complaints& complaints);
+// What the responders of all threads of a helper share.
+struct Shared {
+  LinkSettings link;
+  Complaints& complaints;
+  Backoff backoff;
+  LostUsers lost_users;
+};
+
+std::unique_ptr<Responder> make_responder(const ModeSettings& settings, Shared& shared);
 
 // Whether one of fields[1..] names one of the groups, by cn or DN, compared as the directory compares.
 bool names_one_of(const std::vector<std::string>& fields,

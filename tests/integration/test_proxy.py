@@ -6,6 +6,7 @@ import pytest
 
 from harness import directory, wire
 from harness.daemon import Daemon, until
+from harness.helper import ScriptedDaemon
 from servers.ntlm import NT_HASHES
 from servers.squid import Squid, origin
 
@@ -119,6 +120,10 @@ def test_daemon__that_is_away_lets_nobody_through_and_nothing_break(gateway):
     daemon.kill_everything()
     assert squid.fetch(LOGIN, *login("carol"))[0] == 407
     assert squid.fetch(ADDRESS)[0] == 403
+    # A password whose verdict was lost is not sent again, although Squid repeats what got no answer.
+    with ScriptedDaemon(lambda *_: None, wire.ADDRESS) as scripted:
+        until(lambda: squid.fetch(LOGIN, *login("dave")) and scripted.requests, "a request")
+        assert [kind for _, kind, _ in scripted.requests] == [wire.VALIDATE]
     daemon.start(files=directory.files())
     until(lambda: squid.fetch(LOGIN, *login("carol")) == (200, "carol"), "the first login")
     log = squid.cache_log()

@@ -53,17 +53,15 @@ class Helper:
 
 
 class ScriptedDaemon:
-    """Answers each request on port 1103 with what `script(type, body)` returns: a message, or None to close the
+    """Answers each request with what `script(type, body)` returns: a message, or None to close the
     connection. `requests` are (connection number, type, body) as they came."""
 
-    SERVER = ("127.0.0.1", 1103)
-
-    def __init__(self, script):
-        self.script, self.requests, self.connections = script, [], 0
+    def __init__(self, script, address=("127.0.0.1", 1103)):
+        self.script, self.address, self.requests, self.connections = script, address, [], 0
         self._open = []
 
     def __enter__(self):
-        self._listener = socket.create_server(self.SERVER)
+        self._listener = socket.create_server(self.address)
         threading.Thread(target=self._accept, daemon=True).start()
         return self
 
@@ -74,7 +72,7 @@ class ScriptedDaemon:
         self.drop_all()
 
     def helper(self, mode, *options):
-        return Helper(mode, "--server", "%s:%d" % self.SERVER, *options)
+        return Helper(mode, "--server", "%s:%d" % self.address, *options)
 
     def drop_all(self):
         """Every connection ends, as with a daemon that is started anew."""

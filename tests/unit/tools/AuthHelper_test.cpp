@@ -192,6 +192,17 @@ TEST(AuthHelperBackoff, GrowsToItsLimitAndEndsWithSuccess) {
   EXPECT_TRUE(backoff.may_try(now));
 }
 
+TEST(AuthHelperLostUsers, AreKeptForAMoment) {
+  LostUsers lost;
+  const LostUsers::Clock::time_point start{};
+  lost.add("alice", start);
+  lost.add("bob", start + 1s);
+  EXPECT_TRUE(lost.contains("alice", start + LostUsers::kKept - 1ms));
+  EXPECT_FALSE(lost.contains("carol", start));
+  EXPECT_FALSE(lost.contains("alice", start + LostUsers::kKept));
+  EXPECT_TRUE(lost.contains("bob", start + LostUsers::kKept));
+}
+
 TEST(AuthHelperGroups, AreComparedAsTheDirectoryDoes) {
   google::protobuf::RepeatedPtrField<Velder::GroupInfo> groups;
   const struct {
