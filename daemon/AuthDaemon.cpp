@@ -30,6 +30,8 @@ uint32_t ldap_sync_interval = 1440;
 int32_t g_listen_socket = -1;
 std::atomic<bool> g_exit_daemon{false};
 std::atomic<bool> g_reload_data{false};
+// Found in the file of the running program by whoever asks which version it is; the daemon itself never says.
+[[gnu::used]] extern const char g_version_text[] = "AuthDaemon version " AUTHDAEMON_VERSION;
 const char* const AUTH_PID_FILE = "/etc/quarn/pids/auth_daemon.pid";
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "tools/authctl_commands.h"
 #include "tools/authctl_format.h"
+#include "tools/status_commands.h"
 
 namespace {
 
@@ -17,6 +18,7 @@ struct Program {
   CLI::App app{"Asks the authentication daemon. Results go to standard output, messages to standard error.",
                "authctl"};
   Settings settings;
+  authctl::InsideOptions inside;
   double timeout_seconds = 30;
   std::function<int(const Settings&)> run;
 
@@ -187,6 +189,7 @@ int main(int argc, char** argv) {
   add_directory_commands(program);
   add_address_commands(program);
   add_token_commands(program);
+  authctl::add_inside_commands(program.app, program.inside, program.run);
   try {
     program.app.parse(shielded_arguments(argc, argv));
     remove_shields(program.settings);
