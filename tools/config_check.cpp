@@ -50,6 +50,11 @@ std::string message_of(int code) {
   return std::generic_category().message(code);
 }
 
+// Takes the code first: looking up the account changes errno.
+std::string refusal(int code) {
+  return message_of(code) + " for " + account_name(geteuid());
+}
+
 class Checker {
  public:
   Checker(std::string workdir, bool ask_servers)
@@ -89,7 +94,7 @@ class Checker {
     } else if (!S_ISDIR(status.st_mode)) {
       why = "not a folder";
     } else if (access(folder.c_str(), rights | X_OK) != 0) {
-      why = message_of(errno) + " for " + account_name(geteuid());
+      why = refusal(errno);
     }
     if (why.empty()) return true;
     const bool elsewhere = !in_file.empty();
@@ -107,7 +112,7 @@ class Checker {
     } else if (!S_ISREG(status.st_mode)) {
       why = "not a plain file";
     } else if (access(file.c_str(), R_OK) != 0) {
-      why = message_of(errno) + " for " + account_name(geteuid());
+      why = refusal(errno);
     }
     if (why.empty()) return true;
     error(settings_file_, line_of(section, key),
@@ -124,13 +129,12 @@ class Checker {
     const std::string pid_file = kPidFile, folder = pid_file.substr(0, pid_file.rfind('/'));
     if (check_folder(folder, W_OK, true, "that the daemon may write its pid file to") &&
         access(kPidFile, W_OK) != 0 && errno != ENOENT) {
-      error(kPidFile, 0,
-            message_of(errno) + " for " + account_name(geteuid()) + ", expected a file that may be replaced");
+      error(kPidFile, 0, refusal(errno) + ", expected a file that may be replaced");
     }
     const std::string log = log_path(day_text(std::time(nullptr)));
     if (check_folder(kLogFolder, W_OK, true, "for the log; without it nothing is logged") &&
         access(log.c_str(), W_OK) != 0 && errno != ENOENT) {
-      error(log, 0, message_of(errno) + " for " + account_name(geteuid()) + ": nothing is logged");
+      error(log, 0, refusal(errno) + ": nothing is logged");
     }
   }
 
@@ -277,9 +281,7 @@ class Checker {
   void check_snapshot() {
     const std::string lock = path(velder::kSnapshotLockName);
     if (access(lock.c_str(), R_OK | W_OK) != 0 && errno != ENOENT) {
-      error(
-          lock, 0,
-          message_of(errno) + " for " + account_name(geteuid()) + ": no new snapshot can be made; remove it");
+      error(lock, 0, refusal(errno) + ": no new snapshot can be made; remove it");
     }
     struct stat status {};
     const std::string file = path(velder::kSnapshotName);
@@ -309,7 +311,7 @@ class Checker {
     const velder_client::UniqueFd fd(open(live.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!fd.valid() && errno == ENOENT) return;
     if (!fd.valid() || access(live.c_str(), W_OK) != 0) {
-      error(live, 0, message_of(errno) + " for " + account_name(geteuid()) + ", expected a file of its own");
+      error(live, 0, refusal(errno) + ", expected a file of its own");
       return;
     }
     if (const auto header = torrin::read_file_header(fd.get()); !header) {
@@ -350,7 +352,7 @@ class Checker {
     if (stat(script.c_str(), &status) != 0) {
       why = message_of(errno);
     } else if (access(script.c_str(), R_OK | X_OK) != 0) {
-      why = message_of(errno) + " for " + account_name(geteuid());
+      why = refusal(errno);
     }
     if (!why.empty()) {
       findings_.push_back(

@@ -203,7 +203,9 @@ void print(const std::vector<Told>& workers, bool json) {
 int reload_workers(const ReloadOptions& options) {
   const DaemonProcesses daemon = find_daemon();
   std::vector<Told> workers;
-  for (const Process& process : daemon.workers()) workers.push_back(Told{process, {}, false, {}});
+  for (const Process& process : daemon.workers()) {
+    workers.emplace_back().process = process;
+  }
   if (!daemon.pid_file_problem.empty()) std::cerr << "authctl: " << daemon.pid_file_problem << '\n';
   if (workers.empty()) {
     std::cerr << "authctl: no worker of the daemon is running here\n";
