@@ -145,6 +145,7 @@ void watch_listen_socket() {
   event_init();
   event listener;
   event_set(&listener, g_listen_socket, EVENT_READ, tcp_listen_socket_handler, nullptr);
+  event_set_quick(&listener);
   event_add(&listener, 1);
 }
 

@@ -1,9 +1,16 @@
 // Registrations go from the caller's record to a pending stack, from there into epoll and the table of
 // watched registrations, and leave both before their callback runs.
 //
-// Invariant: a descriptor is in the epoll set only while the table holds a registration of it, and both
-// change only under epoll_mutex and event_list_mutex. Lock order: epoll_mutex before event_list_mutex.
-// event_add and event_del take only the latter and never touch the epoll set.
+// The thread that owns epoll_mutex has the lead: it alone waits. Changes are queued, the last one first, and
+// made after the wait that they end. They are made earlier, and without ending a wait, where nobody can tell:
+// when none of them is a removal or comes on top of another registration.
+//
+// A quick callback runs with the lead. Its descriptor, without a registration now, stays in epoll, since
+// nobody waits; it is taken out before the lead is given away, or the next registration takes the place.
+//
+// Invariant, while a thread waits: a descriptor is in the epoll set only if the table holds a registration of
+// it. Both change only under event_list_mutex. Lock order: epoll_mutex before event_list_mutex. event_add and
+// event_del take only the latter.
 #include "event/Event.h"
 
 #include <fcntl.h>
@@ -28,7 +35,8 @@ namespace {
 constexpr int kEventMask = EVENT_READ | EVENT_WRITE;
 constexpr int kEpollSizeHint = 128;  // only has to be positive
 constexpr int kWaitMilliseconds = 30000;
-// A wake-up is 4 bytes; one pass drains 32 of them, the rest keep the socket readable for the next wait.
+constexpr int kWakeUpBytes = 4;
+// One pass drains 32 wake-ups, the rest keep the socket readable for the next wait.
 constexpr size_t kDrainBytes = 128;
 // epoll_wait that fails at once would otherwise fill the log as fast as the disk takes it.
 constexpr int kFailedWaitPauseMilliseconds = 1000;
@@ -48,6 +56,15 @@ const Immortal<std::vector<event*>> monitor_events_object;
 std::vector<event*>& monitor_events GUARDED_BY(event_list_mutex) = monitor_events_object.get();
 event* pending_active_events GUARDED_BY(event_list_mutex) = nullptr;
 event* pending_inactive_events GUARDED_BY(event_list_mutex) = nullptr;
+bool waiting GUARDED_BY(event_list_mutex) = false;  // a thread is in epoll_wait or about to enter it
+
+// This thread's part in the lead while it runs a callback.
+struct Lead {
+  bool held = false;       // it owns epoll_mutex
+  int fired_fd = -1;       // fired and still in epoll; -1: none
+  short fired_events = 0;  // what epoll reports of it
+};
+constinit thread_local Lead t_lead;
 
 void push(event*& head, event* record) {
   record->next = head;
@@ -71,20 +88,47 @@ event* new_record(const event* ev, short persist) {
   assert(record != nullptr);
   *record = *ev;
   record->persist = persist;
+  record->in_epoll = false;
   return record;
 }
 
 int wake_waiter() {
-  const char wake_up[4] = {};
+  const char wake_up[kWakeUpBytes] = {};
   return static_cast<int>(send(sync_sockets[1], wake_up, sizeof(wake_up), 0));
 }
 
-// Takes the registration of a ready descriptor out of epoll and out of the table.
+void take_lead() NO_THREAD_SAFETY_ANALYSIS {
+  if (t_lead.held) return;
+  epoll_mutex.Lock();
+  t_lead.held = true;
+}
+
+void remove_fired() {
+  if (t_lead.fired_fd >= 0) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, t_lead.fired_fd, nullptr);
+  t_lead.fired_fd = -1;
+}
+
+// True when the descriptor of the callback that this thread runs is still in epoll and can stay there for
+// `ev`.
+bool takes_place_of_fired(const event& ev) {
+  if (t_lead.fired_fd < 0 || t_lead.fired_fd != ev.fd) return false;
+  if (((t_lead.fired_events ^ ev.events) & kEventMask) != 0) {
+    remove_fired();
+    return false;
+  }
+  t_lead.fired_fd = -1;
+  return true;
+}
+
+// Takes the registration of a ready descriptor out of the table, and out of epoll unless its callback is
+// quick.
 event take_ready(int fd) REQUIRES(event_list_mutex) {
   event* record = pop(watched_at(fd));
   // Operators know this failure by its place; it must not move with the lines of this file.
   if (record == nullptr) __assert_fail("c != __null", "Event.cpp", 209, "int event_dispatch()");
-  epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fd, nullptr);
+  t_lead.fired_fd = fd;
+  t_lead.fired_events = record->events;
+  if (!record->quick) remove_fired();
   event ready = *record;
   free(record);
   return ready;
@@ -95,7 +139,7 @@ void watch(event* record) REQUIRES(event_list_mutex) {
   request.events = static_cast<uint32_t>(record->events & kEventMask);
   request.data.fd = record->fd;
   // A descriptor that was closed meanwhile, or added twice, fails here; its record is kept all the same.
-  epoll_ctl(epoll_fd, EPOLL_CTL_ADD, record->fd, &request);
+  if (!record->in_epoll) epoll_ctl(epoll_fd, EPOLL_CTL_ADD, record->fd, &request);
   push(watched_at(record->fd), record);
 }
 
@@ -106,10 +150,12 @@ void unwatch(const event* request) REQUIRES(event_list_mutex) {
   if (pop(watched_at(request->fd)) == nullptr) VRLOG(kLogError, "fail to find register event");
 }
 
-// Called with both mutexes held, after every wait.
-void handle_pending_events() REQUIRES(event_list_mutex) {
+void drain_wake_ups() {
   char wake_ups[kDrainBytes];
   [[maybe_unused]] const ssize_t drained = read(sync_sockets[0], wake_ups, sizeof(wake_ups));
+}
+
+void handle_pending_events() REQUIRES(event_list_mutex) {
   while (pending_active_events != nullptr) {
     VRLOG(kLogDebug, "handle_pending_events() wakeup for add events...");
     watch(pop(pending_active_events));
@@ -118,6 +164,35 @@ void handle_pending_events() REQUIRES(event_list_mutex) {
     VRLOG(kLogDebug, "handle_pending_events() wakeup for del events...");
     unwatch(pop(pending_inactive_events));
   }
+}
+
+// Whether it makes a difference to make the queued changes before a wait and not after it.
+bool order_shows() REQUIRES(event_list_mutex) {
+  if (pending_inactive_events != nullptr) return true;
+  for (const event* record = pending_active_events; record != nullptr; record = record->next) {
+    if (watched_at(record->fd) != nullptr) return true;
+  }
+  return false;
+}
+
+// Leaves nothing in epoll whose registration is still queued.
+void remove_queued() REQUIRES(event_list_mutex) {
+  for (event* record = pending_active_events; record != nullptr; record = record->next) {
+    if (record->in_epoll) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, record->fd, nullptr);
+    record->in_epoll = false;
+  }
+}
+
+// What was queued since the last wait, by nobody who could have woken one.
+void prepare_wait() {
+  BRELLock list_guard(event_list_mutex);
+  if (!order_shows()) {
+    handle_pending_events();
+  } else {
+    remove_queued();
+    wake_waiter();  // the wait about to begin
+  }
+  waiting = true;
 }
 
 // The result of one wait: at most one event is taken, so that the next thread can wait meanwhile.
@@ -129,7 +204,7 @@ struct Wakened {
 
 Wakened wait_once() {
   Wakened wakened;
-  BRELLock epoll_guard(epoll_mutex);
+  prepare_wait();
   epoll_event reported{};
   int count = epoll_wait(epoll_fd, &reported, 1, kWaitMilliseconds);
   if (count < 0 && errno != EINTR) {
@@ -137,7 +212,10 @@ Wakened wait_once() {
     VRLOG_SYS(VrLog::LogStr("Fail to call epoll_wait (%s)", strerror(errno)));
   }
   BRELLock list_guard(event_list_mutex);
-  if (count > 0 && reported.data.fd != sync_sockets[0]) {
+  waiting = false;
+  if (count > 0 && reported.data.fd == sync_sockets[0]) {
+    drain_wake_ups();
+  } else if (count > 0) {
     wakened.ready = take_ready(reported.data.fd);
     wakened.count = 1;
   }
@@ -154,6 +232,19 @@ void event_set(event* ev, int fd, short events, event_callback callback, void* a
   ev->arg = arg;
   ev->next = nullptr;
   ev->persist = 0;
+  ev->quick = false;
+  ev->in_epoll = false;
+}
+
+void event_set_quick(event* ev) {
+  ev->quick = true;
+}
+
+void event_release_lead() NO_THREAD_SAFETY_ANALYSIS {
+  if (!t_lead.held) return;
+  remove_fired();
+  t_lead.held = false;
+  epoll_mutex.Unlock();
 }
 
 int event_add(event* ev, short persist) {
@@ -161,14 +252,16 @@ int event_add(event* ev, short persist) {
     return VrLog::writeLog3(kLogError, __FILE__, __LINE__, __FUNCTION__,
                             "Fail to add invalid events into monitor");
   }
-  fcntl(ev->fd, F_SETFL, O_NONBLOCK);
   event* record = new_record(ev, persist);
-  {
-    BRELLock list_guard(event_list_mutex);
-    push(pending_active_events, record);
-  }
+  record->in_epoll = takes_place_of_fired(*ev);
+  if (!record->in_epoll) fcntl(ev->fd, F_SETFL, O_NONBLOCK);
   VRLOG(kLogDebug, "event_add() wake up ...");
-  return wake_waiter();
+  BRELLock list_guard(event_list_mutex);
+  push(pending_active_events, record);
+  if (!waiting) return kWakeUpBytes;  // whoever waits next looks first
+  if (order_shows()) return wake_waiter();
+  handle_pending_events();
+  return kWakeUpBytes;
 }
 
 int event_del(event* ev) {
@@ -195,11 +288,17 @@ int event_init() {
 
 int event_dispatch() {
   for (;;) {
+    take_lead();
     Wakened wakened = wait_once();
-    if (wakened.failed) poll(nullptr, 0, kFailedWaitPauseMilliseconds);
+    if (wakened.failed) {
+      event_release_lead();
+      poll(nullptr, 0, kFailedWaitPauseMilliseconds);
+    }
     if (wakened.count == 0) continue;
     event& ready = wakened.ready;
+    if (!ready.quick) event_release_lead();
     ready.callback(ready.fd, ready.events, ready.arg);
     if (ready.persist == 1) event_add(&ready, 1);
+    t_lead.fired_fd = -1;  // a callback that did not register it again has closed it
   }
 }

@@ -1,10 +1,10 @@
 // The event loop of a worker process: readiness callbacks over one epoll set (epoll(7)) that all threads
 // of the worker share.
 //
-// A registration fires once. When its descriptor is ready it is taken out of epoll before its callback
-// runs, so one descriptor is never served by two threads at a time; a callback that wants more events
-// registers again as its last act. The descriptor is the key of a registration: whoever closes a
-// descriptor that still has one leaves its record behind.
+// A registration fires once, so one descriptor is never served by two threads at a time; a callback that
+// wants more events registers again as its last act. One thread has the lead: it waits. It gives the lead to
+// another before it runs a callback, unless the registration was marked quick. The descriptor is the key of a
+// registration: whoever closes a descriptor that still has one leaves its record behind.
 //
 // event_add and event_del may be called from any thread, callbacks included. Each process that uses the
 // loop calls event_init for itself, after its fork.
@@ -23,10 +23,22 @@ struct event {
   void* arg;      // the caller's; handed to the callback as it is
   event* next;    // the loop's own
   short persist;  // 1: the loop registers again after each call of the callback
+  bool quick;     // the callback is quick; see event_set_quick
+  bool in_epoll;  // the loop's own
 };
 
 // Fills `ev`, which may live on the caller's stack. No side effect.
 void event_set(event* ev, int fd, short events, event_callback callback, void* arg);
+
+// Marks a registration whose callback never waits for anything but the processor, or calls event_release_lead
+// before it does: the thread keeps the lead while it runs, which spares a change of threads. Such a callback
+// ends by registering its descriptor again, by closing it (the last one of its socket), or has given the lead
+// away before it leaves it to somebody else.
+void event_set_quick(event* ev);
+
+// Called by a quick callback before anything that may take long: another thread waits from here on. Without
+// effect in other places.
+void event_release_lead();
 
 // Registers a copy of `ev` and makes its descriptor non-blocking. The result says nothing that a caller
 // could act on.

@@ -67,6 +67,7 @@ void fill_found_user(const UserMeta& user, Velder::UserInfo* info) {
 
 // Asks the directory for user information and puts the answer into the reply cache.
 void look_up_user_info(const std::string& user_ln, bool cacheable, Velder::UserInfoQueryResponse* response) {
+  event_release_lead();
   UserRecord record;
   const int found = get_user_attributes(user_ln, record);
   const int grouped = LdapWrapper::get_user_groups(user_ln, record.groups);

@@ -24,26 +24,31 @@ constexpr size_t kReceiveBytes = 40960;  // one less is asked for
 constexpr int kAcceptPauseMilliseconds = 100;
 constexpr time_t kAcceptComplaintSeconds = 10;
 
+// Whether a handler keeps the lead of the event loop while it runs, or waits for disks, servers or large
+// answers. One that keeps it gives it away itself before it asks the directory.
+enum class Pace { kQuick, kSlow };
+
 struct Route {
   int type;
+  Pace pace;
   Outcome (*handle)(Frame&);
 };
 
 constexpr std::array<Route, 14> kRoutes{{
-    {Velder::USER_SEARCH_REQUEST, handle_user_search},
-    {Velder::GROUP_SEARCH_REQUEST, handle_group_search},
-    {Velder::USER_GROUP_QUERY_REQUEST, handle_user_groups},
-    {Velder::IP_USER_QUERY_REQUEST, handle_ip_query},
-    {Velder::USER_VALIDATE_REQUEST, handle_user_validate},
-    {Velder::USER_INFO_QUERY_REQUEST, handle_user_info},
-    {Velder::IP_USER_BIND_REQUEST, handle_ip_bind},
-    {Velder::WMI_AUTH_REQUEST, handle_ip_auth},
-    {Velder::NTLM_AUTH_REQUEST, start_ntlm_exchange},
-    {Velder::IP_USER_UNBIND_REQUEST, handle_ip_unbind},
-    {Velder::IP_USER_CACHE_EXPORT_REQUEST, handle_ip_export},
-    {Velder::GROUP_GROUP_QUERY_REQUEST, handle_group_groups},
-    {Velder::All_USERS_QUERY_REQUEST, handle_all_users},
-    {Velder::NEGO_AUTH_REQUEST, handle_negotiate},
+    {Velder::USER_SEARCH_REQUEST, Pace::kSlow, handle_user_search},
+    {Velder::GROUP_SEARCH_REQUEST, Pace::kSlow, handle_group_search},
+    {Velder::USER_GROUP_QUERY_REQUEST, Pace::kSlow, handle_user_groups},
+    {Velder::IP_USER_QUERY_REQUEST, Pace::kQuick, handle_ip_query},
+    {Velder::USER_VALIDATE_REQUEST, Pace::kSlow, handle_user_validate},
+    {Velder::USER_INFO_QUERY_REQUEST, Pace::kQuick, handle_user_info},
+    {Velder::IP_USER_BIND_REQUEST, Pace::kQuick, handle_ip_bind},
+    {Velder::WMI_AUTH_REQUEST, Pace::kSlow, handle_ip_auth},
+    {Velder::NTLM_AUTH_REQUEST, Pace::kSlow, start_ntlm_exchange},
+    {Velder::IP_USER_UNBIND_REQUEST, Pace::kQuick, handle_ip_unbind},
+    {Velder::IP_USER_CACHE_EXPORT_REQUEST, Pace::kSlow, handle_ip_export},
+    {Velder::GROUP_GROUP_QUERY_REQUEST, Pace::kSlow, handle_group_groups},
+    {Velder::All_USERS_QUERY_REQUEST, Pace::kSlow, handle_all_users},
+    {Velder::NEGO_AUTH_REQUEST, Pace::kSlow, handle_negotiate},
 }};
 
 // Their frames hold passwords or tokens.
@@ -92,6 +97,7 @@ void report_failed_accept(int error) {
     VRLOG(kLogError, "fail to accept tcp connetion (%s)", strerror(error));  // sic
     return;
   }
+  event_release_lead();
   if (complaint_due()) {
     spare_descriptor().give_up();
     VRLOG(kLogError, "fail to accept tcp connetion (%s)", strerror(error));  // sic
@@ -102,7 +108,9 @@ void report_failed_accept(int error) {
 
 Outcome dispatch(Frame& frame) {
   for (const Route& route : kRoutes) {
-    if (route.type == frame.type) return route.handle(frame);
+    if (route.type != frame.type) continue;
+    if (route.pace == Pace::kSlow) event_release_lead();
+    return route.handle(frame);
   }
   VRLOG(kLogError, "Error: unknown message type (%d)", frame.type);
   return Outcome::kClose;

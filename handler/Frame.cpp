@@ -8,11 +8,15 @@
 #include <cstring>
 
 #include "brellog/VrLog.h"
+#include "event/Event.h"
 #include "handler/Velder.pb.h"
 
 static_assert(std::endian::native == std::endian::little, "headers travel as they lie in memory");
 
 namespace {
+
+// Receives that nearly every frame is complete after, or that find nothing more.
+constexpr int kQuickRounds = 2;
 
 enum class FrameState { kHeaderMissing, kIncomplete, kComplete };
 
@@ -80,7 +84,9 @@ int message_integrity_check(const char* buffer, int received) {
 }
 
 GatherResult gather_frame(int fd, std::span<char> buffer, TypeCheck check, std::string& gathered) {
-  for (;;) {
+  for (int round = 0;; ++round) {
+    // A client that sends as fast as we read must not keep the others waiting.
+    if (round == kQuickRounds) event_release_lead();
     const ssize_t received = recv(fd, buffer.data(), buffer.size() - 1, 0);
     if (received < 1) return after_failed_receive(received);
     gathered.append(buffer.data(), static_cast<size_t>(received));

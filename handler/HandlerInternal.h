@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "event/Event.h"
+#include "handler/EventHandler.h"
 #include "handler/Frame.h"
 #include "handler/Reply.h"
 #include "handler/Velder.pb.h"
@@ -34,6 +35,7 @@ struct Frame {
 inline void wait_for(int fd, short events, event_callback callback, void* arg) {
   event ev;
   event_set(&ev, fd, events, callback, arg);
+  if (callback == tcp_read_socket_handler) event_set_quick(&ev);
   event_add(&ev, 0);
 }
 

@@ -56,6 +56,7 @@ void answer_from_directory(const char* ip, std::string user, Velder::IPUserQuery
     user = kGuestUser;
     record.cn = record.upn = record.uid = user;
   } else {
+    event_release_lead();
     code = get_user_record(user, record);
   }
   fill_user_info(user, record, response->mutable_userinfo());

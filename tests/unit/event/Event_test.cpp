@@ -177,9 +177,9 @@ TEST_F(EventTest, LogTellsEachStepAndAnUnknownRemoval) {
   VrLog::setConfig("event.log", folder.path().c_str());
   VrLog::setLogVerbose(true);
   settle();
-  const Pair pair;
+  constexpr int kNeverRegistered = 1000;
   event ev;
-  event_set(&ev, pair.fd(), EVENT_READ, nullptr, nullptr);
+  event_set(&ev, kNeverRegistered, EVENT_READ, nullptr, nullptr);
   event_del(&ev);
   settle();
   VrLog::setLogVerbose(false);
@@ -199,6 +199,7 @@ struct Load {
   std::atomic<int> inside{0};
   std::atomic<int> overlaps{0};
   std::atomic<int> served{0};
+  bool quick = false;
 };
 
 void serve_one_byte(int fd, short /*events*/, void* arg) {
@@ -206,10 +207,12 @@ void serve_one_byte(int fd, short /*events*/, void* arg) {
   if (load->inside.fetch_add(1) != 0) load->overlaps.fetch_add(1);
   char byte = 0;
   if (read(fd, &byte, 1) == 1) load->served.fetch_add(1);
+  if (load->served % 3 == 0) event_release_lead();  // of a quick one
   std::this_thread::yield();
   load->inside.fetch_sub(1);
   event ev;
   event_set(&ev, fd, EVENT_READ, serve_one_byte, arg);
+  if (load->quick) event_set_quick(&ev);
   event_add(&ev, 0);
 }
 
@@ -219,6 +222,7 @@ TEST_F(EventTest, DescriptorIsNeverServedByTwoThreadsAtOnceAndLosesNothing) {
   auto& pairs = *new std::array<Pair, kPairs>;  // their registrations outlive the test
   auto& loads = *new std::array<Load, kPairs>;
   for (size_t i = 0; i < kPairs; ++i) {
+    loads[i].quick = i % 2 == 0;
     event ev;
     event_set(&ev, pairs[i].fd(), EVENT_READ, serve_one_byte, &loads[i]);
     event_add(&ev, 0);
@@ -263,6 +267,131 @@ TEST_F(EventTest, PersistentDescriptorIsNeverServedByTwoThreadsAtOnce) {
     std::this_thread::sleep_for(1ms);
   EXPECT_EQ(load.served, kBytes);
   EXPECT_EQ(load.overlaps, 0);
+}
+
+// Its callback registers another descriptor and does not end before that one has been served.
+struct Dependence {
+  Pair first;
+  Pair second;
+  Recorder recorder;
+  Recorder second_recorder;
+  bool quick = false;
+};
+
+void wait_for_second(int fd, short events, void* arg) {
+  auto* dependence = static_cast<Dependence*>(arg);
+  if (dependence->quick) event_release_lead();
+  add(dependence->second.fd(), EVENT_READ, dependence->second_recorder, 0);
+  dependence->second.poke();
+  if (dependence->second_recorder.wait_for_calls(1)) dependence->recorder.called(fd, events);
+}
+
+TEST_F(EventTest, OthersAreServedWhileACallbackTakesLong) {
+  for (bool quick : {false, true}) {
+    SCOPED_TRACE(quick);
+    Dependence dependence;
+    dependence.quick = quick;
+    event ev;
+    event_set(&ev, dependence.first.fd(), EVENT_READ, wait_for_second, &dependence);
+    if (quick) event_set_quick(&ev);
+    event_add(&ev, 0);
+    dependence.first.poke();
+    ASSERT_TRUE(dependence.recorder.wait_for_calls(1));
+  }
+}
+
+// One thread alone: what it queues inside one callback is made after the next wait, the last first.
+struct Script {
+  std::array<Pair, 4> pairs;
+  std::string served;
+};
+Script* g_script = nullptr;
+
+void note_served(int fd, short /*events*/, void* arg) {
+  if (fd == g_script->pairs[0].fd()) {
+    fprintf(stderr, "served: %s\n", g_script->served.c_str());
+    _exit(0);
+  }
+  g_script->served += static_cast<const char*>(arg);
+}
+
+void watch(size_t pair, const char* name, bool quick = false) {
+  event ev;
+  event_set(&ev, g_script->pairs[pair].fd(), EVENT_READ, note_served, const_cast<char*>(name));
+  if (quick) event_set_quick(&ev);
+  event_add(&ev, 0);
+}
+
+void unwatch(size_t pair) {
+  event ev;
+  event_set(&ev, g_script->pairs[pair].fd(), EVENT_READ, nullptr, nullptr);
+  event_del(&ev);
+}
+
+// Ends the script once what is ready by then has been served.
+void end_script(int fd, short /*events*/, void* /*arg*/) {
+  static int rounds = 0;
+  event ev;
+  event_set(&ev, fd, EVENT_READ, ++rounds < 10 ? end_script : note_served, nullptr);
+  event_add(&ev, 0);
+}
+
+[[noreturn]] void run_script(event_callback first, bool quick) {
+  static Script script;
+  g_script = &script;
+  event_init();
+  for (const Pair& pair : script.pairs) pair.poke();
+  event ev;
+  event_set(&ev, script.pairs[0].fd(), EVENT_READ, first, nullptr);
+  if (quick) event_set_quick(&ev);
+  event_add(&ev, 0);
+  event_dispatch();
+  _exit(1);
+}
+
+void add_three(int fd, short events, void* arg) {
+  watch(1, "1");
+  watch(2, "2");
+  watch(3, "3");
+  end_script(fd, events, arg);
+}
+
+void add_one_twice(int fd, short events, void* arg) {
+  watch(1, "first");
+  watch(1, "second");
+  end_script(fd, events, arg);
+}
+
+void add_and_remove(int fd, short events, void* arg) {
+  unwatch(1);
+  watch(1, "1");
+  watch(2, "2");
+  end_script(fd, events, arg);
+}
+
+// The descriptor of the callback itself, on top of an older registration of it, and a removal behind it.
+void add_itself_among_others(int fd, short events, void* arg) {
+  end_script(fd, events, arg);
+  watch(1, "1");
+  unwatch(2);
+}
+
+TEST(EventDeathTest, ChangesOfOneCallbackAreMadeInTheirOrder) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  struct {
+    event_callback callback;
+    const char* expected;
+  } const cases[] = {
+      {add_three, "served: 321\n"},
+      {add_one_twice, "served: first\n"},
+      {add_and_remove, "served: 2\n"},
+      {add_itself_among_others, "served: 1\n"},
+  };
+  for (const auto& [callback, expected] : cases) {
+    for (bool quick : {false, true}) {
+      EXPECT_EXIT(run_script(callback, quick), testing::ExitedWithCode(0), expected);
+    }
+  }
 }
 
 // A second descriptor of the same socket keeps it in epoll after the first was closed: it is reported once
