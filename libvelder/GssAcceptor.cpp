@@ -4,12 +4,14 @@
 #include <gssapi/gssapi_ext.h>
 #include <gssapi/gssapi_krb5.h>
 #include <locale.h>
+#include <malloc.h>
 #include <openssl/crypto.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <iterator>
@@ -29,6 +31,7 @@ constexpr std::string_view kKerberosOid("\x2a\x86\x48\x86\xf7\x12\x01\x02\x02", 
 constexpr char kUsersFileKey[] = "ntlmssp_keyfile";
 constexpr size_t kLongestNetbiosName = 15;
 constexpr size_t kLongestHostName = 255;
+constexpr int kCrowd = 256;
 
 gss_OID_desc oid_of(std::string_view bytes) {
   return {static_cast<OM_uint32>(bytes.size()), const_cast<char*>(bytes.data())};
@@ -112,6 +115,7 @@ void append_status(OM_uint32 code, int kind, gss_OID mechanism, std::string& tex
 std::string reason_of(OM_uint32 major, OM_uint32 minor, gss_OID mechanism) {
   std::string text;
   if (minor != 0) append_status(minor, GSS_C_MECH_CODE, mechanism, text);
+  if (text == "Success") text = "it is cut short or malformed";  // a failure without a code of its own
   if (text.empty()) append_status(major, GSS_C_GSS_CODE, mechanism, text);
   return text;
 }
@@ -128,15 +132,40 @@ std::string_view without_nul(std::string_view name) {
   return name;
 }
 
+// A context of NTLM takes some 65 KB. After a crowd of clients that got a challenge and then said nothing,
+// the allocator would keep what they took.
+class Crowd {
+ public:
+  void enter() {
+    const int now = here_.fetch_add(1) + 1;
+    int most = most_.load();
+    while (most < now && !most_.compare_exchange_weak(most, now)) continue;
+  }
+  void leave() {
+    const int left = here_.fetch_sub(1) - 1;
+    int most = most_.load();
+    if (most >= kCrowd && left <= most / 16 && most_.compare_exchange_strong(most, left)) malloc_trim(0);
+  }
+
+ private:
+  std::atomic<int> here_{0};
+  std::atomic<int> most_{0};  // since memory was given back last
+};
+
+Crowd g_contexts;
+
 // One leg. `context` keeps what the mechanism left in it, also after a failure.
 GssAnswer accept(gss_ctx_id_t* context, gss_cred_id_t credential, std::string_view token, gss_OID mechanism) {
   gss_buffer_desc input = buffer_of(token);
   Buffer output;
   Name peer;
   OM_uint32 minor = 0, flags = 0, ignored = 0;
+  const bool had_one = *context != GSS_C_NO_CONTEXT;
   const OM_uint32 major =
       gss_accept_sec_context(&minor, context, credential, &input, GSS_C_NO_CHANNEL_BINDINGS, peer.out(),
                              nullptr, output.get(), &flags, nullptr, nullptr);
+  if (!had_one && *context != GSS_C_NO_CONTEXT) g_contexts.enter();
+  if (had_one && *context == GSS_C_NO_CONTEXT) g_contexts.leave();
   GssAnswer answer;
   answer.token = output.view();
   if (GSS_ERROR(major)) {
@@ -233,6 +262,7 @@ void GssContext::reset() {
   OM_uint32 minor = 0;
   gss_delete_sec_context(&minor, handle_of(handle_), GSS_C_NO_BUFFER);
   handle_ = nullptr;
+  g_contexts.leave();
 }
 
 GssContext::~GssContext() {

@@ -33,6 +33,7 @@ std::string refusal_of(const GssAnswer& answer, std::string_view token) {
       token.find(kNtlmSignature) != std::string_view::npos)
     return "SPNEGO with NTLM inside, only Kerberos is accepted";
   if (answer.outcome == GssOutcome::kAnotherLeg) return "the client has to begin with a Kerberos ticket";
+  if (answer.damaged) return "the token is damaged, or no Kerberos token: " + answer.reason;
   return answer.reason;
 }
 

@@ -141,12 +141,15 @@ void add_address_commands(Program& program) {
 
 void add_token_commands(Program& program) {
   Settings& settings = program.settings;
-  CLI::App* two_legs =
-      program.command("ntlm",
-                      "An NTLM exchange: reads the type 1 message (base64) from the first line of standard "
-                      "input, prints the\n"
-                      "challenge, reads the type 3 message from the next line, prints the user",
-                      "ntlm --client-ip 10.0.0.1 <messages", authctl::ntlm);
+  CLI::App* two_legs = program.command(
+      "ntlm",
+      "Log on by NTLM as a client would: the password is asked for on a terminal, else the first line of\n"
+      "standard input. Without USER the messages of another client are carried: the type 1 message (base64)\n"
+      "is the first line of standard input, the challenge is printed, the type 3 message is the next line",
+      "ntlm 'CORP\\alice'\n  authctl ntlm --client-ip 10.0.0.1 alice@corp.test <password-file",
+      authctl::ntlm);
+  two_legs->add_option("USER", settings.name, "DOMAIN\\uid, principal name or uid; sent as it is written")
+      ->check([](const std::string& text) { return text.empty() ? "the user is empty" : std::string(); });
   two_legs->add_option("--client-ip", settings.ip, "Address of the client that authenticates")
       ->default_val("127.0.0.1")
       ->type_name("IP")
@@ -154,10 +157,20 @@ void add_token_commands(Program& program) {
 
   CLI::App* one_leg =
       program.command("negotiate", "One leg of a Negotiate exchange",
-                      "negotiate YIIGhgYGKwYBBQUC...\n  authctl negotiate - <token", authctl::negotiate);
+                      "negotiate --service HTTP@proxy.corp.test      (with a ticket that kinit got)\n"
+                      "  authctl negotiate - <token\n  authctl negotiate YIIGhgYGKwYBBQUC...",
+                      authctl::negotiate);
+  CLI::Option* token = one_leg->add_option("TOKEN", settings.token,
+                                           "The token in base64, or - for the first line of standard input");
   one_leg
-      ->add_option("TOKEN", settings.token, "The token in base64, or - for the first line of standard input")
-      ->required();
+      ->add_option("--service", settings.service,
+                   "Make the token of a ticket for this service, and check the answer as a browser does")
+      ->type_name("HTTP@HOST")
+      ->excludes(token);
+  one_leg->callback([&program, &settings] {
+    if (settings.token.empty() && settings.service.empty()) throw CLI::RequiredError("TOKEN or --service");
+    program.run = authctl::negotiate;
+  });
 }
 
 // The parser takes a value of a list that stands in brackets for a list itself: a group called [a,b] would
@@ -177,7 +190,9 @@ void remove_shields(Settings& settings) {
   const auto remove = [](std::string& text) {
     if (text.size() > 1 && text[0] == kShield && text[1] == '[') text.erase(text.begin());
   };
-  for (std::string* text : {&settings.server, &settings.name, &settings.ip, &settings.token}) remove(*text);
+  for (std::string* text :
+       {&settings.server, &settings.name, &settings.ip, &settings.token, &settings.service})
+    remove(*text);
   for (std::string& group : settings.groups) remove(group);
 }
 

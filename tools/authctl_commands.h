@@ -24,6 +24,7 @@ struct Settings {
   std::string name;                 // user, group or file, as the command wants it
   std::string ip;                   // also the client's address of an NTLM exchange
   std::string token;                // "-": to be read from standard input
+  std::string service;              // whose ticket is to be shown; empty: `token` counts
   std::vector<std::string> groups;  // of all-users
   bool full_match = false;
   bool by_dn = false;

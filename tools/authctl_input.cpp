@@ -68,9 +68,9 @@ void write_to_user(std::string_view text) {
 
 }  // namespace
 
-tl::expected<std::string, std::string> read_line(int fd) {
+tl::expected<std::string, std::string> read_line(int fd, size_t longest) {
   std::string line;
-  line.reserve(kMaxLine + 1);  // never moves, so no copy of a password is left in freed memory
+  line.reserve(longest + 1);  // never moves, so no copy of a password is left in freed memory
   for (;;) {
     char byte = 0;
     const ssize_t got = read(fd, &byte, 1);
@@ -78,7 +78,7 @@ tl::expected<std::string, std::string> read_line(int fd) {
       if (line.ends_with('\r')) line.pop_back();
       return line;
     }
-    if (got == 1 && line.size() < kMaxLine) {
+    if (got == 1 && line.size() < longest) {
       line.push_back(byte);
       continue;
     }
@@ -86,7 +86,7 @@ tl::expected<std::string, std::string> read_line(int fd) {
     if (got == 0 && !line.empty()) return line;
     const int error_number = errno;
     velder_client::wipe(line);
-    if (got > 0) return tl::make_unexpected("the line is longer than " + std::to_string(kMaxLine) + " bytes");
+    if (got > 0) return tl::make_unexpected("the line is longer than " + std::to_string(longest) + " bytes");
     if (got == 0) return tl::make_unexpected(std::string("nothing on standard input"));
     return tl::make_unexpected(std::string("cannot read standard input: ") + std::strerror(error_number));
   }

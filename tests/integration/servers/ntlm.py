@@ -1,22 +1,17 @@
-"""NTLM clients that nobody here wrote: Samba's ntlm_auth, and curl through a proxy of ours that hands what it says to
-the daemon."""
+"""NTLM clients that nobody here wrote: Samba's ntlm_auth, and curl, whose messages a web server of ours hands to the
+daemon."""
 
 import base64
-import contextlib
-import itertools
-import os
-import re
-import shutil
-import socket
 import subprocess
 
 from harness import wire
 from harness.daemon import LONG_WAIT
 from harness.wire import pb
+from servers.origin import Origin
 from servers.process import need_programs
 
 CLIENT = "192.0.2.77"
-NT_HASHES = {"password": "8846F7EAEE8FB117AD06BDD830B7586C"}
+HASH = "8846F7EAEE8FB117AD06BDD830B7586C"  # of "password"
 
 
 class Logon:
@@ -83,3 +78,21 @@ def log_on(user, password, domain="", *options):
     """The user whom the daemon sees, or None."""
     with wire.Connection() as connection, SambaClient(user, password, domain, *options) as client:
         return client.log_on(connection)
+
+
+def log_on_with_curl(user, password):
+    """The same for curl, which sends messages of the older form."""
+    need_programs("curl")
+    proven = []
+
+    def check(token, state):
+        if "logon" not in state:
+            state["logon"] = Logon(wire.Connection())
+            return False, state["logon"].challenge(token) or ""
+        proven.append(state.pop("logon").user(token))
+        return proven[-1] is not None, ""
+
+    with Origin("NTLM", check) as origin:
+        subprocess.run(["curl", "--silent", "--ntlm", "--user", f"{user}:{password}",
+                        f"http://127.0.0.1:{origin.server_port}/"], timeout=LONG_WAIT, check=True)
+    return proven[0] if proven else None

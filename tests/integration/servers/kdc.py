@@ -1,0 +1,160 @@
+"""A Kerberos realm of the tests' own, and the tokens that curl makes of its tickets."""
+
+import base64
+import contextlib
+import os
+import subprocess
+
+from harness import sandbox
+from harness.daemon import LONG_WAIT
+from servers.origin import Origin
+from servers.process import ServerProcess, need_programs, new_folder, run
+
+REALM = "CORP.TEST"
+GATEWAY, OTHER = "gw.corp.test", "other.corp.test"
+PORT = 88
+PASSWORDS = {"alice": "alice's", "zo\u00eb": "zo\u00eb's"}
+BEHIND = "-10m"  # twice as much as clocks may differ
+
+_CLIENT = """[libdefaults]
+default_realm = {realm}
+dns_lookup_realm = false
+dns_lookup_kdc = false
+dns_canonicalize_hostname = false
+rdns = false
+[realms]
+{realm} = {{
+kdc = 127.0.0.1
+}}
+[domain_realm]
+.corp.test = {realm}
+"""
+_SERVER = """[kdcdefaults]
+kdc_listen = 127.0.0.1:{port}
+kdc_tcp_listen = 127.0.0.1:{port}
+[realms]
+{realm} = {{
+database_name = {folder}/principal
+key_stash_file = {folder}/stash
+acl_file = {folder}/acl
+max_life = 10h
+}}
+[logging]
+kdc = FILE:{folder}/log
+"""
+
+
+def at(clock, *command):
+    """The command under another clock."""
+    return ["faketime", "-f", clock, *command] if clock else list(command)
+
+
+class Realm(ServerProcess):
+    def __init__(self):
+        need_programs("krb5kdc", "kdb5_util", "kadmin.local", "ktutil", "kinit", "curl", "faketime")
+        self.folder = new_folder("kdc")
+        # faketime leaves names there that the next run's process of the same number would trip over.
+        if not os.path.ismount("/dev/shm") or os.listdir("/dev/shm"):
+            run("mount", "-t", "tmpfs", "shm", "/dev/shm")
+        os.environ["KRB5_KDC_PROFILE"] = os.path.join(self.folder, "kdc.conf")
+        with open(os.environ["KRB5_KDC_PROFILE"], "w", encoding="ascii") as file:
+            file.write(_SERVER.format(folder=self.folder, realm=REALM, port=PORT))
+        for name, text in (("krb5.conf", _CLIENT.format(realm=REALM)),
+                           ("hosts", f"127.0.0.1 localhost {GATEWAY} {OTHER}\n")):
+            path = f"/etc/{name}"
+            if os.path.lexists(path):
+                os.unlink(path)  # of the private /etc
+            with open(path, "w", encoding="ascii") as file:
+                file.write(text)
+        run("kdb5_util", "create", "-s", "-r", REALM, "-P", "master")
+        for user, password in PASSWORDS.items():
+            self.admin(f'addprinc -pw "{password}" {user}')
+        for host in (GATEWAY, OTHER):
+            self.admin(f"addprinc -randkey HTTP/{host}")
+        super().__init__(["krb5kdc", "-n", "-P", f"{self.folder}/pid"], (PORT,), os.path.join(self.folder, "output"))
+
+    @staticmethod
+    def admin(command):
+        done = run("kadmin.local", "-r", REALM, "-q", command)
+        return done
+
+    @contextlib.contextmanager
+    def with_clock(self, clock):
+        """The realm's clock is off meanwhile, that of its users too where they say so."""
+        before = self.command
+        self.stop()
+        self.command = at(clock, *before)
+        try:
+            yield self.start()
+        finally:
+            self.stop()
+            self.command = before
+            self.start()
+
+    def keytab(self, *hosts, fresh=False):
+        """The present keys of these hosts; `fresh` ones are made, so that older keytabs are out of date."""
+        path = os.path.join(self.folder, "new.keytab")
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(path)
+        for host in hosts:
+            self.admin(f"ktadd -k {path} {'' if fresh else '-norandkey'} HTTP/{host}")
+        with open(path, "rb") as file:
+            return file.read()
+
+    def wrong_keytab(self, host):
+        """Another key of the same name and number."""
+        path = os.path.join(self.folder, "wrong.keytab")
+        number = self.admin(f"getprinc HTTP/{host}").split("vno ")[1].split(",")[0]
+        run("ktutil", input=f"addent -password -p HTTP/{host}@{REALM} -k {number} -e aes256-cts-hmac-sha1-96\nguess\n"
+                            f"wkt {path}\nquit\n")
+        with open(path, "rb") as file:
+            content = file.read()
+        os.unlink(path)
+        return content
+
+    def client_environment(self):
+        """Of programs that use the tickets of the user for whom token() was called last."""
+        return dict(os.environ, KRB5CCNAME=f"FILE:{self.folder}/cache", LC_ALL="C.UTF-8")
+
+    def token(self, user="alice", host=GATEWAY, life="1h", clock=None, answer=None):
+        """What a browser sends, in base64. `answer` gets it and says what to send back; curl has to like that."""
+        environment = self.client_environment()
+        run(*at(clock, "kinit", "-l", life, user), input=PASSWORDS[user] + "\n", env=environment)
+        with Origin("Negotiate", lambda sent, _: (True, answer(sent) if answer else "")) as origin:
+            done = subprocess.run(at(clock, "curl", "--silent", "--show-error", "--fail", "--negotiate", "--user", ":",
+                                     f"http://{host}:{origin.server_port}/"), env=environment, capture_output=True,
+                                  text=True, check=False, timeout=LONG_WAIT)
+        if not origin.tokens:
+            raise sandbox.Impossible(f"curl sent no token: {done.stderr}")
+        assert done.returncode == 0, done.stderr
+        return origin.tokens[0]
+
+
+# Tokens of other forms, made of real ones.
+
+def _tlv(tag, content):
+    length = len(content)
+    size = bytes([length]) if length < 128 else bytes([0x84]) + length.to_bytes(4, "big")
+    return bytes([tag]) + size + content
+
+
+def bare_kerberos(token):
+    """What SPNEGO carries inside."""
+    data = base64.b64decode(token)
+    begin = data.index(b"\x60\x82", 4)
+    return data[begin:begin + 4 + int.from_bytes(data[begin + 2:begin + 4], "big")]
+
+
+KERBEROS = bytes.fromhex("06092a864886f712010202")
+NTLM = bytes.fromhex("060a2b06010401823702020a")
+SPNEGO = bytes.fromhex("06062b0601050502")
+
+
+def spnego(mechanisms, token):
+    """A first message that offers these mechanisms, the token being of the first one."""
+    lists = _tlv(0xa0, _tlv(0x30, b"".join(mechanisms))) + (_tlv(0xa2, _tlv(0x04, token)) if token else b"")
+    return _tlv(0x60, SPNEGO + _tlv(0xa0, _tlv(0x30, lists)))
+
+
+def later_leg(token):
+    return _tlv(0xa1, _tlv(0x30, _tlv(0xa2, _tlv(0x04, token))))

@@ -1,0 +1,161 @@
+"""Negotiate with tickets of a real KDC, in tokens that curl makes."""
+
+import base64
+import os
+import re
+import subprocess
+
+import pytest
+
+from harness import sandbox, wire
+from harness.daemon import log_lines, program
+from harness.directory import files
+from harness.wire import pb
+from servers import kdc
+from servers.kdc import GATEWAY, OTHER, Realm
+
+
+@pytest.fixture(scope="module")
+def realm():
+    with Realm() as one:
+        yield one
+
+
+def settings(keytab="http.keytab", **keys):
+    lines = ["[Negotiate]", f"Keytab={keytab}"] + [f"{key}={value}" for key, value in keys.items()]
+    return "\n".join(lines) + "\n"
+
+
+def start(daemon, keytab, **keys):
+    daemon.start("--verbose", files=files(**{"http.keytab": keytab, "LdapSetting.ini": settings(**keys)}))
+
+
+def check(token):
+    if isinstance(token, bytes):
+        token = base64.b64encode(token).decode()
+    return wire.ask(wire.NEGOTIATE, pb.NEGOAuthRequest(requestContent=token))
+
+
+def refusals():
+    return [line.text.partition("Negotiate refused: ")[2] for line in log_lines()
+            if line.level == "INF" and "Negotiate refused: " in line.text]
+
+
+def expect_refusal(token, why, another_leg=False):
+    before = len(refusals())
+    answer = check(token)
+    assert (answer.result, answer.clientinfo, answer.neednego) == (-1, "", another_leg)
+    [line] = refusals()[before:]
+    assert re.search(why, line), line
+    return answer
+
+
+def test_ticket__proves_its_user_once(daemon, realm):
+    start(daemon, realm.keytab(GATEWAY, OTHER))
+    def answer(token):
+        said = check(token)
+        assert (said.result, said.clientinfo, said.neednego) == (0, "alice@CORP.TEST", False)
+        return said.returnmsg
+    token = realm.token(answer=answer)  # curl checks what came back
+    for _ in range(3):  # whichever worker takes it
+        answer = expect_refusal(token, "replay")
+        assert answer.returnmsg
+    assert check(realm.token("zo\u00eb", OTHER)).clientinfo == "zo\u00eb@CORP.TEST"
+    bare = kdc.bare_kerberos(realm.token())
+    assert check(bare).clientinfo == "alice@CORP.TEST"
+    assert os.stat(f"{sandbox.WORKDIR}/negotiate.rcache").st_mode & 0o777 == 0o600
+
+
+def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm):
+    start(daemon, realm.keytab(GATEWAY))
+    def authctl(*arguments, given=""):
+        done = subprocess.run([program("authctl"), "negotiate", *arguments], input=given, capture_output=True, text=True,
+                              check=False, env=realm.client_environment())
+        return done.returncode, done.stdout, done.stderr
+    token = realm.token()
+    code, out, errors = authctl("--service", f"HTTP@{GATEWAY}")
+    assert (code, errors) == (0, "") and "principal:  alice@CORP.TEST" in out
+    assert authctl("-", given=token + "\n")[0] == 0
+    assert authctl(token)[0] == 1, "it was shown before"
+    code, out, errors = authctl("--service", f"HTTP@{OTHER}")
+    assert code == 1 and "principal" in out and "not accepted" in errors
+    code, out, errors = authctl("--service", "HTTP@nowhere.corp.test")
+    assert (code, out) == (2, "") and "nowhere.corp.test" in errors
+
+
+def test_replay_cache__can_be_switched_off(daemon, realm):
+    start(daemon, realm.keytab(GATEWAY), ReplayCache="no")
+    token = realm.token()
+    assert [check(token).result for _ in range(4)] == [0] * 4
+
+
+def test_refused_tickets__each_with_its_reason(daemon, realm):
+    start(daemon, realm.keytab(GATEWAY, OTHER), Service=f"HTTP@{GATEWAY.upper()}")
+    assert check(realm.token()).result == 0
+    expect_refusal(realm.token(host=OTHER), "(?i)other.corp.test.*")
+    with realm.with_clock(kdc.BEHIND):
+        expect_refusal(realm.token(clock=kdc.BEHIND), "(?i)clock skew")
+        expect_refusal(realm.token(clock=kdc.BEHIND, life="1m"), "(?i)expired")
+    keytab = f"{sandbox.WORKDIR}/http.keytab"
+    def put(content):
+        with open(keytab + ".new", "wb") as file:
+            file.write(content)
+        os.chmod(keytab + ".new", 0o644)
+        os.rename(keytab + ".new", keytab)
+    put(realm.wrong_keytab(GATEWAY))
+    expect_refusal(realm.token(), "(?i)cannot decrypt|decrypt integrity")
+    put(realm.keytab(GATEWAY))
+    fresh = realm.keytab(GATEWAY, fresh=True)
+    expect_refusal(realm.token(), "Cannot find key.*kvno")
+    put(fresh)
+    assert check(realm.token()).result == 0, "a new keytab is noticed without a reload"
+    os.unlink(keytab)
+    expect_refusal(realm.token(), "(?i)keytab")
+
+
+def test_other_tokens__are_refused_cleanly(daemon, realm):
+    start(daemon, realm.keytab(GATEWAY))
+    ntlm = b"NTLMSSP\0\1\0\0\0\x07\x82\x08\xa2" + bytes(24)
+    expect_refusal(ntlm, "NTLM in the place")
+    expect_refusal(kdc.spnego([kdc.NTLM], ntlm), "NTLM inside")
+    expect_refusal(kdc.spnego([kdc.NTLM, kdc.KERBEROS], ntlm), "NTLM inside", another_leg=True)
+    expect_refusal(kdc.spnego([kdc.KERBEROS], b""), "begin with a Kerberos ticket", another_leg=True)
+    expect_refusal(kdc.later_leg(kdc.bare_kerberos(realm.token())), "later leg")
+    for text in ("", "AA", "AAA*", "QQ==\n", "QR=="):
+        expect_refusal(text, "empty" if not text else "not base64")
+    expect_refusal(b"\0" * 9, "damaged")
+    expect_refusal(kdc.bare_kerberos(realm.token())[:-1], "cut short")
+    expect_refusal("A" * (1 << 20) + "AAAA", "longer than any ticket")
+    # Lists of groups make tickets long; so do lists of mechanisms the tokens.
+    others = [bytes.fromhex("06082b06010401821f") + bytes([number]) for number in range(100)] * 80
+    long = kdc.spnego([kdc.KERBEROS, *others], kdc.bare_kerberos(realm.token()))
+    assert len(long) > 80_000
+    answer = check(long)
+    assert answer.clientinfo == "alice@CORP.TEST", refusals()[-1]
+    assert check(realm.token()).result == 0
+
+
+@pytest.mark.parametrize("keys, expected", [
+    ({"keytab": "away.keytab"}, "away.keytab.*cannot be read.*(?i:no such file|not found)"),
+    ({"keytab": "secret.keytab"}, "secret.keytab.*cannot be read.*(?i:permission denied)"),
+    ({"keytab": "empty.keytab"}, "empty.keytab.*(holds no key|cannot be read)"),
+    ({"keytab": "directory.ldif"}, "directory.ldif.*cannot be read.*(?i:format)"),
+    ({"Service": f"HTTP@{OTHER}"}, f"http.keytab.*no key of the Service HTTP@{OTHER}"),
+], ids=["missing", "unreadable", "empty", "no keytab", "other service"])
+def test_start__says_what_is_wrong_with_the_keytab(daemon, realm, keys, expected):
+    content = {"http.keytab": realm.keytab(GATEWAY), "empty.keytab": b"\x05\x02", "LdapSetting.ini": settings(**keys)}
+    sandbox.clean(True)
+    with open(f"{sandbox.WORKDIR}/secret.keytab", "wb") as file:
+        os.chmod(file.fileno(), 0o600)
+        file.write(content["http.keytab"])
+    daemon.start(files=files(**content), keep=True, wait=False)
+    assert daemon.status() == 1
+    errors = [line.text for line in log_lines() if line.level == "ERR" and line.text.startswith("Directory: ")]
+    assert len(errors) == 1 and re.search(expected, errors[0]), errors
+
+
+def test_without_a_keytab__nobody_is_let_in_and_nothing_is_said(daemon, realm):
+    daemon.start("--verbose", files=files())
+    answer = check(realm.token())
+    assert (answer.result, answer.clientinfo, answer.returnmsg, answer.neednego) == (-1, "", "", False)
+    assert not refusals() and daemon.count_lines(re.compile("Negotiate")) == 0
