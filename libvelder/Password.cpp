@@ -4,7 +4,10 @@
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <array>
+#include <charconv>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 
@@ -46,6 +49,52 @@ class WipedString {
  private:
   std::string text_;
 };
+
+// In most methods of crypt the stored value says how much work a check is. More than about a second of it, or
+// a lot of memory, would let one entry of a directory keep the threads of a worker busy.
+struct WorkFactor {
+  std::string_view mark;
+  uint32_t most;
+};
+constexpr std::array<WorkFactor, 8> kWorkFactors = {{{"$5$rounds=", 1'000'000},
+                                                     {"$6$rounds=", 1'000'000},
+                                                     {"$md5,rounds=", 1'000'000},
+                                                     {"$sha1$", 1'000'000},
+                                                     {"$2a$", 14},
+                                                     {"$2b$", 14},
+                                                     {"$2x$", 14},
+                                                     {"$2y$", 14}}};
+
+// These write their numbers as characters, the first one being the logarithm of the memory. Of what they can
+// say only the system's own forms are taken, up to 128 MB.
+struct MemoryFactor {
+  std::string_view family;
+  std::string_view mark;
+  std::array<std::string_view, 3> behind;  // the first character; empty: no more of them
+};
+constexpr std::array<MemoryFactor, 3> kMemoryFactors = {{{"$y$", "$y$j", {"T$", "5$", "5T$"}},
+                                                         {"$gy$", "$gy$j", {"T$", "5$", "5T$"}},
+                                                         {"$7$", "$7$", {"U..../....", "", ""}}}};
+constexpr char kMostMemory = 'C';  // in the order of these characters: ./0-9A-Za-z
+
+bool is_affordable(std::string_view setting) {
+  for (const WorkFactor& factor : kWorkFactors) {
+    if (!setting.starts_with(factor.mark)) continue;
+    const char* const digits = setting.data() + factor.mark.size();
+    uint32_t number = 0;
+    return std::from_chars(digits, setting.data() + setting.size(), number).ec == std::errc() &&
+           number <= factor.most;
+  }
+  for (const MemoryFactor& factor : kMemoryFactors) {
+    if (!setting.starts_with(factor.family)) continue;
+    if (!setting.starts_with(factor.mark) || setting.size() == factor.mark.size()) return false;
+    const std::string_view cost = setting.substr(factor.mark.size());
+    return cost[0] <= kMostMemory &&
+           std::any_of(factor.behind.begin(), factor.behind.end(),
+                       [&](auto behind) { return !behind.empty() && cost.substr(1).starts_with(behind); });
+  }
+  return true;
+}
 
 struct Digest {
   std::array<unsigned char, EVP_MAX_MD_SIZE> bytes{};
@@ -94,7 +143,7 @@ PasswordVerdict check_hash(const HashScheme& scheme, std::string_view encoded, s
 }
 
 PasswordVerdict check_crypt(std::string_view hash, std::string_view given) {
-  if (hash.find('\0') != std::string_view::npos) return PasswordVerdict::kCannotTell;
+  if (hash.find('\0') != std::string_view::npos || !is_affordable(hash)) return PasswordVerdict::kCannotTell;
   if (given.size() >= CRYPT_MAX_PASSPHRASE_SIZE || given.find('\0') != std::string_view::npos) {
     return PasswordVerdict::kMismatch;
   }

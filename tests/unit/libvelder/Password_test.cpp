@@ -27,6 +27,8 @@ const std::vector<std::string> kStored = {
     ("{SSHA512}U/dprr8sTRkr9xVvi2Or8c0NJ9+trHuOadMLrT/bV+Tlr7Ln/"
      "ayQQ49ReDSfW+BztC1bnFn1oCi34hI3Sp0SwwECc2FsdHNhbHQ="),
     "{CRYPT}$y$j75T$abcdefgh1234$Yf4QRzWfxQiWDxHKTmbGW8TupR9imQCEQ3eMfnCV1K4",
+    "{CRYPT}$y$j9T$abcdefgh$rWm6CS6TuHDlERZdGbQM3wFJ/QYxzwSCcTkKzAKgFf6",
+    "{CRYPT}$7$BU..../....abcdefgh$bXqeMivfyVHX/JwVZYEOx19aHsuR5ys5sfsGCkXi83/",
     "{crypt}$6$rounds=1000$saltsalt$9xCMX0hwDjyqAmto5ZnrKQFB2hMUeANUvdgAwsphBxryJrpVUR5Ex7noq."
     "UOjXtvGDoC9ky9W.p2vA3WA.Ns01",
     "{CRYPT}$5$rounds=1000$saltsalt$YTPvzZaTbghNL38ollGPtKywBjFAluqYC200cwZogO4",
@@ -55,7 +57,11 @@ TEST(Password, AStoredValueThatCannotBeCheckedNeverMatches) {
         "{SSHA}!!!!"s, "{SSHA}BySwUQhWfH82M/DrmIPDajsEni0="s /* no salt */, "{SHA}BySw"s,
         "{SHA}BySwUQhWfH82M/DrmIPDajsEni1="s /* stray bits */, "{SHA}BySwUQhWfH82M/DrmIPDajsEni0"s,
         "{SHA}8CH7zTMqFzi5Y3Dao/oxshMiL2wBAnNhbHRzYWx0"s, "{CRYPT}"s, "{CRYPT}*0"s, "{CRYPT}!$6$saltsalt$x"s,
-        "{CRYPT}$nosuch$abc$def"s, "{CRYPT}$6$salt\0salt"s}) {
+        "{CRYPT}$nosuch$abc$def"s, "{CRYPT}$6$salt\0salt"s,
+        // Minutes of work, or all memory.
+        "{CRYPT}$6$rounds=999999999$saltsalt"s, "{CRYPT}$5$rounds=99999999999$saltsalt"s,
+        "{CRYPT}$2b$31$abcdefghijklmnopqrstuu"s, "{CRYPT}$sha1$4000000000$saltsalt"s,
+        "{CRYPT}$y$jzT$saltsalt"s, "{CRYPT}$y$j9T0$saltsalt"s, "{CRYPT}$7$zU..../....saltsalt"s}) {
     EXPECT_EQ(check_password(stored, stored), kCannotTell) << stored;
     EXPECT_EQ(check_password(stored, "x"), kCannotTell) << stored;
     EXPECT_EQ(check_password(stored, ""), kMismatch) << stored;
