@@ -300,6 +300,9 @@ class TreeWalk {
 
   Error read_overflow(uint64_t first, uint64_t data_size, std::vector<uint8_t>& run) {
     const uint64_t count = (kPageHeader - 1 + data_size) / header_.page_size + 1;
+    // Before anything is added up or allocated: both numbers are the file's own word.
+    if (first >= seen_.size() || count > seen_.size() - first)
+      return damaged(first, "begins a run that leaves the file");
     for (uint64_t page = first; page < first + count; ++page) {
       if (Error error = claim(page)) return error;
     }
@@ -378,6 +381,10 @@ tl::expected<FileHeader, std::string> check_store_file(int fd, const RecordVisit
     if (page < seen.size() && seen[page]) {
       return tl::unexpected("page " + std::to_string(page) + " is used and free");
     }
+  }
+  // A number that is too high would leave no room for any bind.
+  if (header->last_page >= seen.size() && (free.empty() || free.back() != header->last_page)) {
+    return tl::unexpected<std::string>("its last page is neither there nor free");
   }
   return header;
 }

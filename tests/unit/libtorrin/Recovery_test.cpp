@@ -110,6 +110,7 @@ TEST_F(RecoveryTest, ADamagedFileIsPutAsideAndTheCopyTakesItsPlace) {
       {"other version", [](std::string& text) { text[20] = text[4096 + 20] = 2; }},
       {"other page size", [](std::string& text) { text[41] = text[4096 + 41] = 0x20; }},
       {"page size zero", [](std::string& text) { text[41] = text[4096 + 41] = 0; }},
+      {"a last page far behind the end", [](std::string& text) { text[139] = text[4096 + 139] = 1; }},
       {"zeros behind the meta pages",
        [](std::string& text) { text.replace(8192, text.size() - 8192, text.size() - 8192, '\0'); }},
   };
