@@ -80,10 +80,13 @@ SpareDescriptor& spare_descriptor() {
   return the_descriptor;
 }
 
-// True when the complaint is due: the first one, and then one in a while.
+// True when the complaint is due: the first one, and then one in a while, also when the wall clock was set
+// back.
 bool complaint_due() {
   static std::atomic<time_t> next_complaint{0};
-  const time_t now = time(nullptr);
+  timespec since_start{};
+  clock_gettime(CLOCK_MONOTONIC_COARSE, &since_start);
+  const time_t now = since_start.tv_sec;
   time_t due = next_complaint.load();
   return now >= due && next_complaint.compare_exchange_strong(due, now + kAcceptComplaintSeconds);
 }
