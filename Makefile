@@ -57,6 +57,18 @@ tsan: ## Runs all tests under the thread sanitizer
 	@if setarch -R true 2>/dev/null; then fixed="setarch -R"; fi; \
 	TSAN_OPTIONS="suppressions=$$PWD/tests/tsan.supp $$TSAN_OPTIONS" $$fixed $(TEST) build/tsan
 
+fuzz: ## Feeds hostile bytes to every parser for FUZZ_SECONDS each (default 12)
+	@$(INSTALL) build fuzz
+	@CC=clang-14 CXX=clang++-14 $(CONFIGURE) build/fuzz -DFUZZ=ON -DSANITIZE=address,undefined
+	@$(COMPILE) build/fuzz --target fuzz_targets
+	@/usr/bin/python3 tests/fuzz/run.py build/fuzz/bin/fuzz_targets
+
+chaos: ## Makes the daemon's surroundings fail for CHAOS_SECONDS in each test (default 30), a million requests
+	@$(INSTALL) build test
+	@$(CONFIGURE) build -DBUILD_TESTS=ON
+	@$(COMPILE) build
+	@AUTHD_CHAOS_SECONDS=$${CHAOS_SECONDS:-30} ctest --output-on-failure -L chaos $(CTEST_FLAGS) --test-dir build
+
 lint: ## Checks layout, looks for bugs with clang-tidy, checks the shell scripts
 	@$(INSTALL) build test lint
 	@$(CONFIGURE) build/lint -DBUILD_TESTS=ON -DBUILD_BENCH=ON
@@ -67,4 +79,4 @@ clean: ## Removes what was built; stops the demo, keeps its files in build/demo
 	@bash tools/demo.sh stop
 	@if [ -d build ]; then find build -mindepth 1 -maxdepth 1 ! -name demo -exec rm -rf {} +; fi
 
-.PHONY: help build demo demo-proxy demo-stop check bench asan tsan lint clean
+.PHONY: help build demo demo-proxy demo-stop check bench asan tsan fuzz chaos lint clean

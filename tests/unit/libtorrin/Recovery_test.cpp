@@ -1,9 +1,7 @@
 #include "libtorrin/Recovery.h"
 
 #include <csignal>
-#include <random>
 
-#include "libtorrin/StoreFile.h"
 #include "tests/unit/libtorrin/CacheTest.h"
 
 class RecoveryTest : public CacheTest {
@@ -17,10 +15,6 @@ class RecoveryTest : public CacheTest {
               0);
     write_text(root_ + "/boot_id", "second-boot\n");
     forget_log();
-  }
-  bool sound(const char* name) const {
-    const torrin::UniqueFd fd(open(file(name).c_str(), O_RDONLY));
-    return torrin::check_store_file(fd.get()).has_value();
   }
 };
 
@@ -136,45 +130,6 @@ TEST_F(RecoveryTest, ADamagedFileIsPutAsideAndTheCopyTakesItsPlace) {
     EXPECT_EQ(lookup("10.0.0.199"), "<1>") << row.name;
     EXPECT_EQ(bind("10.0.0.199", "u"), 0) << row.name;
   }
-}
-
-// Whatever bytes stand in the file: a daemon starts, answers, binds and ends without a crash.
-TEST_F(RecoveryTest, NoDamageAnywhereCrashesADaemon) {
-  ASSERT_EQ(start(), 0);
-  const auto address = [](int i) {
-    return "10.3." + std::to_string(i / 256) + "." + std::to_string(i % 256);
-  };
-  for (int i = 0; i < 1500; ++i) bind(address(i).c_str(), "DOM\\user" + std::to_string(i));
-  for (int i = 0; i < 1500; i += 2) cache_->remove(address(i).c_str());
-  cache_.reset();
-  ASSERT_TRUE(sound("bindings.mdb"));
-  const std::string good = read_text(file("bindings.mdb"));
-  std::mt19937 random(20240607);
-  int found = 0;
-  for (int round = 0; round < 150; ++round) {
-    std::string text = good;
-    // Most of what matters stands at the start of a page.
-    const size_t page = random() % (good.size() / 4096) * 4096;
-    const size_t offset = page + random() % (round % 3 == 0 ? 4096 : 64);
-    const size_t length = 1 + random() % (round % 2 == 0 ? 2 : 40);
-    for (size_t i = offset; i < std::min(offset + length, text.size()); ++i) {
-      text[i] = static_cast<char>(random());
-    }
-    write_text(file("bindings.mdb"), text);
-    std::filesystem::remove(file("bindings.mdb.damaged"));
-    const int status = in_child([&] {
-      if (start() != 0) return false;
-      for (int i = 0; i < 1500; ++i) lookup(address(i));
-      for (int i = 0; i < 300; ++i) {
-        if (bind(address(i * 5).c_str(), std::string(300, 'n')) != 0) return false;
-        cache_->remove(address(i * 4 + 1).c_str());
-      }
-      return cache_->copy() && sound("bindings.mdb");
-    });
-    ASSERT_EQ(status, 0) << "bytes " << offset << " to " << offset + length;
-    if (std::filesystem::exists(file("bindings.mdb.damaged"))) ++found;
-  }
-  EXPECT_GT(found, 40) << "the damage was hardly ever noticed";
 }
 
 TEST_F(RecoveryTest, ASecondDaemonIsTurnedAwayAndADeadOneBlocksNobody) {

@@ -1,0 +1,80 @@
+#!/usr/bin/env python3
+"""Runs every fuzz target for a while, from the corpus that is checked in and what earlier runs added to it.
+
+    run.py PROGRAM [TARGET...]
+
+FUZZ_SECONDS is the time of each target. What is new goes to the folder "grown" beside the program, an input that
+fails to "findings"; status 1 when there is one. `run.py --merge PROGRAM` puts into the corpus that is checked in
+what reaches more of the code than the files that are there.
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+
+HERE = pathlib.Path(__file__).resolve().parent
+SECONDS = os.environ.get("FUZZ_SECONDS", "12")
+LONGEST = 4096
+LARGEST_CORPUS_FILE = 300
+LIMITS = [f"-max_len={LONGEST}", "-timeout=20", "-rss_limit_mb=3000", "-malloc_limit_mb=1000"]
+COLUMNS = "{:<14} {:>12} {:>8} {:>8} {:>9}  {}"
+
+
+def libfuzzer(program, target, *arguments):
+    memory = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+    with tempfile.TemporaryDirectory(prefix="authd-fuzz-", dir=memory) as scratch:
+        environment = dict(os.environ, AUTHD_FUZZ_TARGET=target, TMPDIR=scratch)
+        done = subprocess.run([program, *LIMITS, *map(str, arguments)], env=environment, stdin=subprocess.DEVNULL,
+                              stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, errors="replace", check=False)
+    return done.returncode, done.stderr
+
+
+def last(pattern, text):
+    found = re.findall(pattern, text)
+    return found[-1] if found else "-"
+
+
+def run(program, target, work):
+    grown, findings = work / "grown" / target, work / "findings"
+    for folder in (grown, findings):
+        folder.mkdir(parents=True, exist_ok=True)
+    dictionary = HERE / "dictionaries" / f"{target.partition('_')[0]}.dict"
+    status, text = libfuzzer(program, target, f"-max_total_time={SECONDS}", "-print_final_stats=1",
+                             f"-artifact_prefix={findings}/{target}-", *([f"-dict={dictionary}"] if dictionary.exists() else []),
+                             grown, HERE / "corpus" / target)
+    verdict = "none" if status == 0 else last(r"does not hold: .*|SUMMARY: .*", text)
+    print(COLUMNS.format(target, last(r"number_of_executed_units: (\d+)", text), last(r"average_exec_per_sec: +(\d+)", text),
+                         last(r"cov: (\d+)", text), last(r"corp: (\d+)", text), verdict), flush=True)
+    if status != 0:
+        (findings / f"{target}.log").write_text(text, encoding="utf-8")
+    return status == 0
+
+
+def merge(program, target, work):
+    small = [path for path in (work / "grown" / target).glob("*") if path.stat().st_size <= LARGEST_CORPUS_FILE]
+    with tempfile.TemporaryDirectory() as folder:
+        for path in small:
+            shutil.copy(path, folder)
+        status, text = libfuzzer(program, target, "-set_cover_merge=1", "-use_counters=0", HERE / "corpus" / target, folder)
+    print(target, "merged" if status == 0 else text[-2000:])
+    return status == 0
+
+
+def main():
+    arguments = sys.argv[1:]
+    work_at = merge if arguments[0] == "--merge" else run
+    program, *targets = [argument for argument in arguments if argument != "--merge"]
+    program = pathlib.Path(program).resolve()
+    targets = targets or sorted(path.name for path in (HERE / "corpus").iterdir())
+    if work_at is run:
+        print(COLUMNS.format("target", "executions", "exec/s", "coverage", "inputs", "finding"))
+    good = [work_at(program, target, program.parents[1]) for target in targets]
+    sys.exit(0 if all(good) else 1)
+
+
+if __name__ == "__main__":
+    main()
