@@ -12,11 +12,10 @@ import time
 
 from Velder_pb2 import UserInfoQueryRequest, UserSearchRequest
 
+from crowd import SECONDS, SEED
 from harness import directory, wire
 from harness.daemon import until
 
-SECONDS = float(os.environ.get("AUTHD_CHAOS_SECONDS", "4"))
-SEED = int(os.environ.get("AUTHD_CHAOS_SEED", str(random.SystemRandom().randrange(1 << 32))))
 ASK_ALICE = wire.frame(wire.USER_INFO, UserInfoQueryRequest(user_ln="alice"))
 
 

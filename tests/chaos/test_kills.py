@@ -3,81 +3,18 @@
 AUTHD_CHAOS_SECONDS makes each test go on for so long instead of a few seconds; AUTHD_CHAOS_SEED repeats a run.
 """
 
-import contextlib
 import os
 import random
 import signal
-import threading
 import time
 
 import pytest
 
+from crowd import SECONDS, SEED, bind_load, check_promises
 from harness import directory, sandbox, wire
 from harness.daemon import processes, until, write_file
 
-SECONDS = float(os.environ.get("AUTHD_CHAOS_SECONDS", "4"))
-SEED = int(os.environ.get("AUTHD_CHAOS_SEED", str(random.SystemRandom().randrange(1 << 32))))
-BINDERS = 4
-PAUSE = 0.0015  # of each binder between two binds: about 2,000 a second together
 FAST = 200  # the first minute of the monitor in 0.3 s; from then on a death brings the next fork at once
-
-
-class Binder(threading.Thread):
-    """Binds its own addresses in turn to a count that goes up, and knows what it was promised."""
-
-    def __init__(self, number, stopping):
-        super().__init__()
-        self.number = number
-        self.stopping = stopping
-        self.count = 0
-        self.promised = {}  # address -> the count that was answered with 0
-        self.open = {}  # address -> a later count that was sent and not answered
-        self.strange = []
-
-    def run(self):
-        while not self.stopping.is_set():
-            with contextlib.suppress(OSError, wire.Closed), wire.Connection(timeout=2) as connection:
-                while not self.stopping.is_set():
-                    self.count += 1
-                    ip = f"10.{64 + self.number}.{self.count // 100 % 8}.{self.count % 100}"
-                    self.open[ip] = self.count
-                    code = connection.bind(ip, f"CORP\\user{self.count}")
-                    if code == 0:
-                        self.promised[ip] = self.count
-                        del self.open[ip]
-                    else:
-                        self.strange.append((ip, code))
-                    time.sleep(PAUSE)
-
-
-@contextlib.contextmanager
-def bind_load():
-    stopping = threading.Event()
-    binders = [Binder(number, stopping) for number in range(BINDERS)]
-    for binder in binders:
-        binder.start()
-    try:
-        until(lambda: all(binder.promised for binder in binders), "the load to begin")
-        yield binders
-    finally:
-        stopping.set()
-        for binder in binders:
-            binder.join()
-
-
-def check_promises(binders):
-    """Every promise is kept, or overtaken by the bind that was under way at the kill."""
-    kept = 0
-    with wire.Connection() as connection:
-        for binder in binders:
-            assert not binder.strange, f"seed {SEED}: {binder.strange[:5]}"
-            for ip, count in binder.promised.items():
-                user = connection.bound_user(ip)
-                allowed = [f"CORP\\user{count}", f"CORP\\user{binder.open.get(ip, count)}"]
-                assert user in allowed, f"seed {SEED}: {ip} is bound to {user}, promised was {allowed}"
-                kept += 1
-    assert kept > 0
-    return kept
 
 
 def report(text):

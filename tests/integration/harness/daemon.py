@@ -121,7 +121,8 @@ def seconds_between(first, second):
 
 def environment(factor):
     """Of the daemon: shorter sleeps, and sanitizers that leave what they find where we look for it."""
-    result = dict(os.environ, SHORTSLEEP_FACTOR=str(factor), LD_PRELOAD=os.environ["AUTHD_SHORTSLEEP"])
+    result = dict(os.environ, SHORTSLEEP_FACTOR=str(factor), SHORTSLEEP_CLOCK=sandbox.CLOCK,
+                  LD_PRELOAD=os.environ["AUTHD_SHORTSLEEP"])
     own = {"ASAN": "detect_leaks=0:verify_asan_link_order=0",  # the preloaded library allocates nothing
            "UBSAN": "print_stacktrace=1",
            "TSAN": "report_signal_unsafe=0"}  # the signal handler logs, and interrupts nothing but sleep

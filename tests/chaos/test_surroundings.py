@@ -1,0 +1,265 @@
+"""The daemon goes on while what is around it fails: disks, folders, the clock, the agent, the clients."""
+
+import contextlib
+import itertools
+import os
+import random
+import re
+import resource
+import shutil
+import signal
+import socket
+import threading
+import time
+
+import pytest
+
+from crowd import LONG, SECONDS, SEED, bind_load, check_promises, everybody_is_served
+from harness import directory, sandbox, wire
+from harness.daemon import log_text, until, write_file
+from Velder_pb2 import IPAuthRequest, IPUserBindRequest, IPUserQueryRequest, UserInfoQueryRequest, UserSearchRequest, UserValidateRequest
+
+IDLE = 10_000 if LONG else 1_500
+WAITING = 5_000 if LONG else 700
+READERS = 60
+REQUESTS = 1_000_000 if LONG else 30_000
+HIDDEN_LOG = sandbox.LOG_DIR + ".away"
+
+
+def own_memory(pid):
+    """What the process has allocated, without the files that it maps."""
+    with open(f"/proc/{pid}/status", encoding="ascii") as file:
+        return next(int(line.split()[1]) for line in file if line.startswith("RssAnon:")) << 10
+
+
+def fill(folder):
+    """Uses up what is left of the disk; gives the file that has to go to free it."""
+    path = f"{folder}/filler"
+    with contextlib.suppress(OSError), open(path, "wb", buffering=0) as file:
+        for size in (1 << 16, 1 << 12, 1):
+            with contextlib.suppress(OSError):
+                while file.write(b"x" * size):
+                    pass
+    return path
+
+
+def reloads(daemon):
+    end = time.monotonic() + SECONDS
+    for number in itertools.count():
+        write_file("directory.ldif", directory.ldif() + directory.newcomer(f"round{number}"))
+        for worker in daemon.workers():
+            os.kill(worker, signal.SIGUSR1)
+        for connection in (wire.Connection() for _ in range(2)):
+            with connection:
+                until(lambda one=connection, name=f"round{number}": one.user_search(name, 1).userList, "the reload")
+        if time.monotonic() > end:
+            print(f"{number + 1} reloads")
+            return
+
+
+def log_folder_comes_and_goes(daemon):
+    for _ in range(int(SECONDS * 5)):
+        os.rename(sandbox.LOG_DIR, HIDDEN_LOG)
+        time.sleep(0.05)
+        os.rename(HIDDEN_LOG, sandbox.LOG_DIR)
+        time.sleep(0.05)
+
+
+def log_disk_is_full(daemon):
+    sandbox.mount_small_disk(sandbox.LOG_DIR, "256k")
+    until(lambda: shutil.disk_usage(sandbox.LOG_DIR).free == 0, "a full disk")
+    time.sleep(SECONDS / 4)
+    for name in os.listdir(sandbox.LOG_DIR):
+        os.unlink(f"{sandbox.LOG_DIR}/{name}")
+    until(lambda: "messge_type(10), user(alice), rc(0)" in log_text(), "lines after the disk is free again")
+
+
+def clients_say_nothing(daemon):
+    silent = []
+    for _ in range(IDLE):  # served once, so that none is forgotten in the queue of new ones
+        silent.append(one := wire.Connection())
+        one.query("192.0.2.7")
+    assert sum(daemon.sockets().values()) > IDLE
+    time.sleep(SECONDS / 4)
+    for one in silent[::97]:
+        assert one.query("192.0.2.7").result == 1
+    for one in silent:
+        one.close()
+
+
+def clients_read_slowly(daemon):
+    question = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0))
+    readers = [wire.Connection(receive_buffer=4096) for _ in range(READERS)]
+    for reader in readers:
+        reader.send(question)
+    time.sleep(SECONDS / 4)
+    for reader in readers:
+        with reader:
+            message_type, body = reader.receive_frame()
+            assert message_type == wire.USER_SEARCH + 1 and body.count(b"Member ") > 2000
+
+
+def agent_is_silent(daemon):
+    """An exchange waits for its agent without a thread and without a limit."""
+    held, stopping = [], threading.Event()
+    with socket.create_server(("127.0.0.1", 5544), backlog=4096) as listener:
+        def hold():
+            while not stopping.is_set():
+                with contextlib.suppress(OSError):
+                    held.append(listener.accept()[0])
+
+        holder = threading.Thread(target=hold)
+        holder.start()
+        waiting = []
+        for number in range(WAITING):
+            waiting.append(one := wire.Connection())
+            one.query("192.0.2.7")
+            one.send(wire.frame(wire.IP_AUTH, IPAuthRequest(ip=f"10.70.{number // 250}.{number % 250}", **{"async": 1})))
+        until(lambda: len(held) == WAITING, lambda: f"all questions, not {len(held)}")
+        time.sleep(SECONDS / 4)
+        stopping.set()
+        listener.shutdown(socket.SHUT_RDWR)
+        holder.join()
+    for agent in held:
+        agent.close()
+    for one in waiting:
+        with one:
+            assert one.receive_answer(wire.IP_AUTH).result == -1
+
+
+@pytest.mark.parametrize("disturb, options", [
+    (reloads, []),
+    (log_folder_comes_and_goes, ["--verbose"]),
+    (log_disk_is_full, ["--verbose"]),
+    (clients_say_nothing, []),
+    (clients_read_slowly, []),
+    (agent_is_silent, []),
+], ids=lambda value: getattr(value, "__name__", ""))
+def test_everybody_is_served__while(daemon, disturb, options):
+    many = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (many, many))
+    crowd = directory.crowd(3000) if disturb is clients_read_slowly else ""
+    daemon.start(*options, open_files=(many, many),
+                 files={"directory.ldif": directory.ldif() + crowd, "LdapSetting.ini": "[LDAP_Setting]\nSearchLimit=0\n"
+                        "SyncInterval=1440\n"})
+    workers = daemon.workers()
+    with bind_load() as binders, everybody_is_served():
+        descriptors = {worker: len(daemon.descriptors(worker)) for worker in workers}
+        disturb(daemon)
+    print(f"{check_promises(binders)} bindings kept")
+    daemon.wait_idle()
+    assert daemon.workers() == workers
+    assert daemon.count_lines(re.compile("."), level="ERR") == 0
+    for worker in workers:
+        assert len(daemon.descriptors(worker)) <= descriptors[worker]
+        assert own_memory(worker) < 400 << 20
+    assert daemon.stop() == 0
+
+
+def test_disk__full_under_the_working_directory(daemon):
+    """Binds are refused, look-ups and what was promised stay; a reload changes nothing; room makes all well."""
+    sandbox.clean(True)
+    sandbox.mount_small_disk(sandbox.WORKDIR, "3m")
+    daemon.start(files=directory.files(), keep=True)
+    workers = daemon.workers()
+    promised = {f"10.60.{number // 250}.{number % 250}": f"CORP\\user{number}" for number in range(1000)}
+    with daemon.connections_by_worker() as connections:
+        one = connections[workers[0]]
+        for ip, user in promised.items():
+            assert one.bind(ip, user) == 0
+        write_file("directory.ldif", directory.ldif() + directory.newcomer())
+        filler = fill(sandbox.WORKDIR)
+        before = log_text().count("<ERR>")
+        refused = [one.bind(f"10.61.{number // 250}.{number % 250}", "u" * 1000) for number in range(1000)]
+        assert set(refused) <= {0, -2} and refused[-1] == -2
+        for worker in workers:
+            os.kill(worker, signal.SIGUSR1)
+        daemon.wait_line(re.compile("^Directory: .*(full|No space left)"), level="ERR", count=len(workers))
+        for connection in connections.values():
+            assert connection.user_info("alice").result == 0
+            assert not connection.user_search("newman", 1).userList
+            for ip, user in promised.items():
+                assert connection.bound_user(ip) == user
+        assert log_text().count("<ERR>") - before <= 3 * len(workers), log_text()[-3000:]
+        os.unlink(filler)
+        assert one.bind("10.62.0.1", "CORP\\later") == 0
+        for worker, connection in connections.items():
+            os.kill(worker, signal.SIGUSR1)
+            until(lambda one=connection: one.user_search("newman", 1).userList, "the reload")
+    assert daemon.stop() == 0
+    daemon.start(keep=True)
+    with wire.Connection() as connection:
+        for ip, user in promised.items():
+            assert connection.bound_user(ip) == user
+    assert daemon.stop() == 0
+
+
+def test_clock__set_back_and_forth(daemon):
+    sandbox.clean(True)
+    sandbox.set_clock(0)
+    daemon.start(files=directory.files(), keep=True)
+    minutes, days = 60, 86_400
+    with wire.Connection() as connection, everybody_is_served():
+        assert connection.bind("10.50.0.1", "CORP\\early") == 0
+        for seconds in (10 * minutes, -10 * minutes, -4000 * days, 4000 * days, 7 * 60 * minutes):
+            sandbox.set_clock(seconds)
+            time.sleep(0.1)  # some of the others' requests, too
+            assert connection.bind("10.50.0.2", f"CORP\\at{seconds}") == 0
+            answer = connection.query("10.50.0.2")
+            assert answer.userInfo.user_ln == f"CORP\\at{seconds}"
+            assert abs(answer.expire_at - (time.time() + seconds + 480 * minutes)) < 30
+            # Bound eight hours before the end, whatever the clock showed meanwhile.
+            assert connection.bound_user("10.50.0.1") == (None if seconds > 480 * minutes else "CORP\\early")
+            assert connection.user_info("alice").result == 0
+    assert daemon.stop() == 0
+
+
+def fifty_kinds(chance):
+    """Requests of all families: known and unknown, right and wrong, kept and not kept in the reply cache."""
+    for _ in range(50):
+        number = chance.randrange(2000)
+        ip = f"10.40.{number // 250}.{number % 250}"
+        yield chance.choice([
+            (wire.USER_INFO, UserInfoQueryRequest(user_ln=f"user{number}")),
+            (wire.USER_INFO, UserInfoQueryRequest(user_ln="alice")),
+            (wire.USER_SEARCH, UserSearchRequest(name="a", fullmatch=0)),
+            (wire.VALIDATE, UserValidateRequest(user_ln="alice", password=chance.choice(["wrong", directory.PASSWORDS["alice"]]))),
+            (wire.IP_BIND, IPUserBindRequest(ip=ip, user_ln="CORP\\alice")),
+            (wire.IP_QUERY, IPUserQueryRequest(ip=ip)),
+            (wire.IP_UNBIND, IPUserBindRequest(ip=ip, user_ln="")),
+        ])
+
+
+def ask_many(count, chance):
+    """A connection for every hundred requests; every third leaves in the middle of one."""
+    asked = 0
+    while asked < count:
+        frames = [wire.frame(*request) for request in fifty_kinds(chance)] * 2
+        with wire.Connection() as connection:
+            for number, frame in enumerate(frames):
+                connection.send(frame)
+                if number == 99 and asked % 300 == 0:
+                    break
+                connection.receive_frame()
+        asked += len(frames)
+
+
+def test_leaks__none_over_many_requests(daemon):
+    daemon.start(files=directory.files())
+    ask_many(REQUESTS // 10, random.Random(SEED))
+    daemon.wait_idle()
+    workers = daemon.workers()
+    before = {worker: (len(daemon.descriptors(worker)), own_memory(worker)) for worker in workers}
+    clients = [threading.Thread(target=ask_many, args=(REQUESTS // 4, random.Random(SEED + number))) for number in range(4)]
+    for client in clients:
+        client.start()
+    for client in clients:
+        client.join()
+    daemon.wait_idle()
+    assert daemon.workers() == workers
+    for worker in workers:
+        descriptors, memory = before[worker]
+        print(f"\n{REQUESTS} requests: worker {worker} from {memory >> 10} to {own_memory(worker) >> 10} KB")
+        assert len(daemon.descriptors(worker)) <= descriptors
+        assert own_memory(worker) < memory + (12 << 20)
+    assert daemon.stop() == 0
