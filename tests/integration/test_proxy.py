@@ -7,12 +7,16 @@ import pytest
 from harness import directory, wire
 from harness.daemon import Daemon, until
 from harness.helper import ScriptedDaemon
-from servers.ntlm import NT_HASHES
+from servers.kdc import GATEWAY, PASSWORDS, Realm
+from servers.ntlm import HASH
+from servers.process import run
 from servers.squid import Squid, origin
 
 LOGIN, GROUP, ADDRESS, ADDRESS_GROUP = range(3128, 3132)
 
 _CONFIGURATION = """
+auth_param negotiate program {helper} --mode negotiate
+auth_param negotiate children 5 startup=0 idle=1
 auth_param ntlm program {helper} --mode ntlm
 auth_param ntlm key_extras "%>a"
 auth_param ntlm children 10 startup=0 idle=1
@@ -43,7 +47,7 @@ http_access deny all
 # Their passwords are "password". The second one's account is disabled.
 _NTLM_USERS = "".join(
     directory.entry(directory.user_dn(uid), ("objectClass", "user"), ("cn", uid), ("sAMAccountName", uid),
-                    ("userAccountControl", control), ("sambaNTPassword", NT_HASHES["password"]))
+                    ("userAccountControl", control), ("sambaNTPassword", HASH))
     for uid, control in [("nora", "512"), ("oscar", "514")])
 
 
@@ -53,7 +57,13 @@ def login(user, password=None):
 
 
 @pytest.fixture(scope="module")
-def gateway(tmp_path_factory):
+def realm():
+    with Realm() as one:
+        yield one
+
+
+@pytest.fixture(scope="module")
+def gateway(tmp_path_factory, realm):
     """A daemon and a Squid; (daemon, squid)."""
     groups = tmp_path_factory.mktemp("groups")
     for folder in (groups, groups.parent):
@@ -61,7 +71,9 @@ def gateway(tmp_path_factory):
     (groups / "list").write_text("no such group\n\u00dcber G\u00e4ste\nstaff\n", encoding="utf-8")
     daemon = Daemon()
     try:
-        daemon.start("--verbose", files={"directory.ldif": directory.ldif() + _NTLM_USERS})
+        daemon.start("--verbose", files={
+            "directory.ldif": directory.ldif() + _NTLM_USERS, "http.keytab": realm.keytab(GATEWAY),
+            "LdapSetting.ini": "[Negotiate]\nKeytab=http.keytab\n"})
         with origin(), Squid(_CONFIGURATION.replace("{groups}", str(groups / "list")), range(LOGIN, ADDRESS_GROUP + 1)) as squid:
             yield daemon, squid
     finally:
@@ -95,6 +107,21 @@ def test_ntlm__with_the_hashes_of_the_directory(gateway):
         assert squid.fetch(LOGIN, *ntlm(user, password))[0] == 407
     # The client's address came along with key_extras.
     daemon.wait_line(re.compile("NTLM from 127.0.0.1 refused: .*oscar"))
+
+
+def test_negotiate__with_a_ticket(realm, squid):
+    environment = realm.client_environment()
+    def fetch(port):
+        return squid.fetch(port, "--proxy-negotiate", "-U", ":", host=GATEWAY, environment=environment)
+    for user in ("alice", "zo\u00eb"):
+        run("kinit", user, input=PASSWORDS[user] + "\n", env=environment)
+        assert fetch(LOGIN) == (200, f"{user}@CORP.TEST")
+        assert fetch(GROUP)[0] == (200 if user == "alice" else 403)
+    run("kdestroy", env=environment)
+    assert fetch(LOGIN)[0] == 407
+    for token in ("TlRMTVNTUAABAAAAB4IIogAAAAAAAAAAAAAAAAAAAAA=", "YIIabc", "%41"):
+        assert squid.fetch(LOGIN, "-H", f"Proxy-Authorization: Negotiate {token}")[0] == 407
+    assert "authhelper negotiate: a client sent an NTLM message for Negotiate" in squid.cache_log()
 
 
 def test_group__of_whoever_logged_in(squid):

@@ -46,12 +46,12 @@ class Squid(ServerProcess):
         run("mount", "-t", "tmpfs", "shm", "/dev/shm")  # what a killed one leaves there is nobody else's
         super().__init__(["squid", "-N", "-f", path], ports, f"{self.folder}/out")
 
-    def fetch(self, port, *options, source="127.0.0.1"):
+    def fetch(self, port, *options, source="127.0.0.1", host="127.0.0.1", environment=None):
         """(status of the proxy, client and user in its log) of a page fetched by curl."""
         before = len(self._log())
         done = subprocess.run(["curl", "-sS", "-o", "-", "-w", "%{http_code}", "--noproxy", "none.invalid", "--interface", source,
-                               "-x", f"http://127.0.0.1:{port}", *options, "http://%s:%d/" % ORIGIN],
-                              capture_output=True, timeout=LONG_WAIT, check=False)
+                               "-x", f"http://{host}:{port}", *options, "http://%s:%d/" % ORIGIN],
+                              capture_output=True, timeout=LONG_WAIT, check=False, env=environment)
         assert done.returncode == 0, done.stderr
         status = int(done.stdout[-3:])
         assert (status == 200) == (done.stdout[:-3] == PAGE)
