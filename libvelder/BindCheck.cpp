@@ -5,21 +5,30 @@
 #include <openssl/hmac.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <array>
 #include <condition_variable>
 #include <list>
 #include <map>
 #include <mutex>
 #include <utility>
+#include <vector>
 
 #include "brellog/VrLog.h"
 #include "libvelder/Dn.h"
+#include "libvelder/LongWaits.h"
 #include "libvelder/ServerPool.h"
 
 namespace velder {
 namespace {
 
 using Digest = std::array<unsigned char, 32>;
+
+// How often a thread that waits for another's bind looks whether it may go on waiting.
+constexpr std::chrono::milliseconds kSlice{500};
+
+// So many refused passwords of one user are remembered: several devices may have an old one each.
+constexpr size_t kPasswordsOfUser = 4;
 
 // A random key; without one (the system has no random numbers) nothing can be remembered.
 class KeyedHash {
@@ -65,9 +74,13 @@ std::string user_key(std::string_view domain, const std::string& dn) {
 
 // Invariant: `users` and `order` hold the same users; `order` begins with the one refused longest ago.
 struct RefusedPasswords::Table {
+  using Time = std::chrono::steady_clock::time_point;
+  struct Password {
+    Digest digest{};
+    Time until;
+  };
   struct Entry {
-    Digest password{};
-    std::chrono::steady_clock::time_point until;
+    std::vector<Password> passwords;  // the one refused last at the end
     std::list<Digest>::iterator place;
   };
 
@@ -101,9 +114,13 @@ bool RefusedPasswords::contains(std::string_view user, std::string_view password
   const std::lock_guard lock(table_->mutex);
   const auto found = table_->users.find(who);
   if (found == table_->users.end()) return false;
-  if (table_->clock() < found->second.until) return same(found->second.password, what);
-  table_->drop(found);
-  return false;
+  const auto now = table_->clock();
+  auto& passwords = found->second.passwords;
+  std::erase_if(passwords, [&](const auto& one) { return one.until <= now; });
+  const bool known = std::any_of(passwords.begin(), passwords.end(),
+                                 [&](const auto& one) { return same(one.digest, what); });
+  if (passwords.empty()) table_->drop(found);
+  return known;
 }
 
 void RefusedPasswords::remember(std::string_view user, std::string_view password) {
@@ -111,10 +128,17 @@ void RefusedPasswords::remember(std::string_view user, std::string_view password
   const Digest who = table_->hash(user, {});
   const Digest what = table_->hash(user, password);
   const std::lock_guard lock(table_->mutex);
-  if (const auto found = table_->users.find(who); found != table_->users.end()) table_->drop(found);
+  std::vector<Table::Password> passwords;
+  if (const auto found = table_->users.find(who); found != table_->users.end()) {
+    passwords = std::move(found->second.passwords);
+    table_->drop(found);
+  }
+  std::erase_if(passwords, [&](const auto& one) { return same(one.digest, what); });
+  if (passwords.size() == kPasswordsOfUser) passwords.erase(passwords.begin());
+  passwords.push_back({what, table_->clock() + table_->lifetime});
   if (table_->users.size() >= table_->most_users) table_->drop(table_->users.find(table_->order.front()));
   const auto place = table_->order.insert(table_->order.end(), who);
-  table_->users.emplace(who, Table::Entry{what, table_->clock() + table_->lifetime, place});
+  table_->users.emplace(who, Table::Entry{std::move(passwords), place});
 }
 
 void RefusedPasswords::forget(std::string_view user) {
@@ -128,9 +152,10 @@ void RefusedPasswords::forget(std::string_view user) {
 // have read the result.
 struct BindCheck::Flights {
   struct Flight {
+    const std::chrono::steady_clock::time_point began = std::chrono::steady_clock::now();
     std::condition_variable landed;
     bool done = false;
-    BindResult result{BindVerdict::kCannotTell, kDirectoryOther, "the bind did not end"};
+    BindResult result{BindVerdict::kCannotTell, kDirectoryTimeout, "the server has not answered yet"};
   };
 
   const KeyedHash hash;
@@ -138,14 +163,20 @@ struct BindCheck::Flights {
   std::map<Digest, std::shared_ptr<Flight>> under_way;
 
   // The flight for this password. True: it is the caller's, who makes the bind and lands. False: it was
-  // another thread's and has landed.
+  // another thread's, and has landed unless the wait for it had to end.
   std::pair<std::shared_ptr<Flight>, bool> board(const Digest& what) {
     std::unique_lock lock(mutex);
     auto& place = under_way[what];
     if (!place) return {place = std::make_shared<Flight>(), true};
     const auto flight = place;
-    flight->landed.wait(lock, [&] { return flight->done; });
+    LongWait patience(flight->began);
+    while (!flight->done && patience.may_go_on()) flight->landed.wait_for(lock, kSlice);
     return {flight, false};
+  }
+
+  BindResult result_of(const Flight& flight) {
+    const std::lock_guard lock(mutex);
+    return flight.result;
   }
 
   void report(Flight& flight, const BindResult& result) {
@@ -186,7 +217,7 @@ BindResult BindCheck::check(const Bind& bind, std::string_view domain, const std
 
   const Digest what = flights_->hash(user, password);
   const auto [flight, ours] = flights_->board(what);
-  if (!ours) return flight->result;
+  if (!ours) return flights_->result_of(*flight);
   // Lands whatever happens, or the others would wait for ever.
   const auto land = [&](Flights* flights) { flights->land(what); };
   const std::unique_ptr<Flights, decltype(land)> landing(flights_.get(), land);

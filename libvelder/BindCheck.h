@@ -1,9 +1,9 @@
 // Proves passwords by binding, without letting clients that repeat a wrong one lock the account.
 //
-// A password that a server has just refused is remembered for its user, as a keyed hash under a random key
-// of this process. The same one again within the time is refused without asking; another one goes to the
-// server, so that a corrected password works at once. Only "wrong" is remembered: an account that was locked
-// or a server that was silent may be fine a second later.
+// The passwords of a user that a server has just refused, the last few, are remembered as keyed hashes under
+// a random key of this process. The same one again within the time is refused without asking; another one
+// goes to the server, so that a corrected password works at once. Only "wrong" is remembered: an account that
+// was locked or a server that was silent may be fine a second later.
 //
 // Threads that bring the same password of the same user at the same moment (a browser opens six connections)
 // share one bind and its result.

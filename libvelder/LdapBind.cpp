@@ -96,7 +96,7 @@ Result<Outcome> simple_bind(LdapConnection::Session& session, const std::string&
   const int rc = ldap_sasl_bind(session.ld, dn.c_str(), LDAP_SASL_SIMPLE, &secret,
                                 policy ? controls.data() : nullptr, nullptr, &id);
   if (rc != LDAP_SUCCESS) return session.fail_local(rc, "bind");
-  return session.finish(id, until, "bind");
+  return session.finish(id, LDAP_RES_BIND, until, "bind");
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "libvelder/Certificate.h"
 #include "libvelder/Fold.h"
 #include "libvelder/LdapConnectionInternal.h"
+#include "libvelder/LongWaits.h"
 
 namespace {
 
@@ -271,7 +272,7 @@ Result<void> ask_for_tls(LdapConnection::Session& session, Deadline deadline) {
   int id = 0;
   const int rc = ldap_start_tls(session.ld, nullptr, nullptr, &id);
   if (rc != LDAP_SUCCESS) return session.fail_local(rc, "asking for TLS");
-  const auto outcome = session.finish(id, deadline, "StartTLS");
+  const auto outcome = session.finish(id, LDAP_RES_EXTENDED, deadline, "StartTLS");
   if (!outcome) return tl::unexpected(outcome.error());
   if (outcome->code != LDAP_SUCCESS)
     return session.lose(kDirectoryServerDown, "no StartTLS: " + describe(outcome->code, outcome->text));
@@ -410,6 +411,7 @@ void LdapConnection::Session::abandon(int id) const {
 }
 
 Result<Message> LdapConnection::Session::wait(int id, Deadline until, std::string_view doing) {
+  LongWait patience;
   for (;;) {
     timeval slice = to_timeval(slice_until(until));
     LDAPMessage* raw = nullptr;
@@ -421,9 +423,11 @@ Result<Message> LdapConnection::Session::wait(int id, Deadline until, std::strin
       ldap_get_option(ld, LDAP_OPT_RESULT_CODE, &code);
       return fail_local(code < 0 ? code : LDAP_SERVER_DOWN, doing);
     }
-    if (steady_clock::now() >= until) {
+    const bool late = steady_clock::now() >= until;
+    if (late || !patience.may_go_on()) {
       abandon(id);
-      return lose(kDirectoryTimeout, std::string(doing) + ": no answer in time");
+      const std::string_view why = late ? ": no answer in time" : ": no answer soon, too many wait longer";
+      return lose(kDirectoryTimeout, std::string(doing).append(why));
     }
   }
 }
@@ -444,9 +448,11 @@ Result<Outcome> LdapConnection::Session::parse_outcome(LDAPMessage* message, std
   return outcome;
 }
 
-Result<Outcome> LdapConnection::Session::finish(int id, Deadline until, std::string_view doing) {
+Result<Outcome> LdapConnection::Session::finish(int id, int type, Deadline until, std::string_view doing) {
   const auto message = wait(id, until, doing);
   if (!message) return tl::unexpected(message.error());
+  if (ldap_msgtype(message->get()) != type)
+    return lose(kDirectoryServerDown, std::string(doing) + ": an answer to something else");
   return parse_outcome(message->get(), doing);
 }
 

@@ -46,11 +46,6 @@ struct BindResult {
   BindVerdict verdict = BindVerdict::kCannotTell;
   int code = kDirectoryOther;  // 0 only when proven; 49 for kWrong and kAccount
   std::string text;            // for the log: the server and what it said; empty when proven without remarks
-
-  // No verdict because the server did not answer: another one may be asked.
-  bool is_transport_failure() const {
-    return verdict == BindVerdict::kCannotTell && (code == kDirectoryServerDown || code == kDirectoryTimeout);
-  }
 };
 
 enum class SearchScope { kBase, kOneLevel, kSubtree };

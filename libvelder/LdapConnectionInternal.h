@@ -72,8 +72,8 @@ struct LdapConnection::Session {
   // The next message that answers request `id`. A time-out ends the session.
   Result<Message> wait(int id, Deadline until, std::string_view doing);
   Result<Outcome> parse_outcome(LDAPMessage* message, std::string_view doing);
-  // The one message that answers request `id`.
-  Result<Outcome> finish(int id, Deadline until, std::string_view doing);
+  // The one message that answers request `id`, which must be of this type.
+  Result<Outcome> finish(int id, int type, Deadline until, std::string_view doing);
   void abandon(int id) const;
 
   // The server's refusal of an operation.

@@ -11,6 +11,7 @@
 #include "libvelder/DirectoryQueries.h"
 #include "libvelder/Dn.h"
 #include "libvelder/LdapQueries.h"
+#include "libvelder/LineLimit.h"
 #include "libvelder/LiveDirectory.h"
 #include "libvelder/NegotiateLogon.h"
 #include "libvelder/NtlmLogon.h"
@@ -21,6 +22,7 @@ using velder::CredentialResult;
 using velder::CredentialVerdict;
 using velder::DirectoryQueries;
 using velder::LdapQueries;
+using velder::LineLimit;
 using velder::Match;
 
 // Of an error line: file names may be long, but a line of the log ends at 4,095 characters.
@@ -92,10 +94,17 @@ const char* describe(CredentialVerdict verdict) {
   return "cannot tell";
 }
 
+// Clients that try again at once must not fill the log: neither while no server answers nor with bad names.
+LineLimit g_undecided_lines(10);
+LineLimit g_refusal_lines(100);
+
 void log_refusal(const char* user, const CredentialResult& result) {
-  VRLOG(kLogInfo, "Directory: password of user %s refused: %s%s%s", velder::printable(user).c_str(),
+  std::string more;
+  LineLimit& limit = result.verdict == CredentialVerdict::kCannotTell ? g_undecided_lines : g_refusal_lines;
+  if (!limit.lets_through(more)) return;
+  VRLOG(kLogInfo, "Directory: password of user %s refused: %s%s%s%s", velder::printable(user).c_str(),
         describe(result.verdict), result.why.empty() ? "" : ", ",
-        velder::printable(result.why, kErrorTextLimit).c_str());
+        velder::printable(result.why, kErrorTextLimit).c_str(), more.c_str());
 }
 
 }  // namespace

@@ -24,19 +24,8 @@ LdapServers::LdapServers(const Settings& settings, const LdapServers* before) : 
 }
 
 void LdapServers::complain(const Error& error) const {
-  const auto now = std::chrono::steady_clock::now();
-  unsigned held_back = 0;
-  {
-    const std::lock_guard lock(mutex_);
-    if (complained_at_ != std::chrono::steady_clock::time_point() && now - complained_at_ < kComplainEvery) {
-      ++held_back_;
-      return;
-    }
-    complained_at_ = now;
-    held_back = std::exchange(held_back_, 0);
-  }
-  const std::string more =
-      held_back == 0 ? "" : " (and " + std::to_string(held_back) + " more since the last such line)";
+  std::string more;
+  if (!complaints_.lets_through(more)) return;
   VRLOG(kLogError, "Directory: a look-up at the servers failed (%d): %s%s", error.code,
         printable(error.text, 1000).c_str(), more.c_str());
 }

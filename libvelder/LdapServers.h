@@ -2,12 +2,11 @@
 // the servers and the accounts there.
 #pragma once
 
-#include <chrono>
 #include <memory>
-#include <mutex>
 #include <string_view>
 
 #include "libvelder/BindCheck.h"
+#include "libvelder/LineLimit.h"
 #include "libvelder/LiveSearch.h"
 #include "libvelder/Settings.h"
 #include "libvelder/UnknownNames.h"
@@ -27,18 +26,15 @@ class LdapServers {
   BindCheck& bind_check() const { return *bind_check_; }
   UnknownNames& unknown_names() const { return unknown_names_; }
 
-  // One line for the log, and no more than one in kComplainEvery: a domain that is down fails every question.
+  // One line for the log, now and then: a domain that is down fails every question.
   void complain(const Error& error) const;
-  static constexpr std::chrono::seconds kComplainEvery{10};
 
  private:
   const Settings settings_;
   ServerPools pools_;
   std::shared_ptr<BindCheck> bind_check_;
   mutable UnknownNames unknown_names_;
-  mutable std::mutex mutex_;  // guards the two below
-  mutable std::chrono::steady_clock::time_point complained_at_;
-  mutable unsigned held_back_ = 0;
+  mutable LineLimit complaints_{1};
 };
 
 }  // namespace velder

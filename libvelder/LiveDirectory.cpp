@@ -17,6 +17,7 @@
 #include "daemonbase/Immortal.h"
 #include "libvelder/LdapSource.h"
 #include "libvelder/LdifSource.h"
+#include "libvelder/LongWaits.h"
 #include "libvelder/Settings.h"
 
 namespace velder {
@@ -90,6 +91,7 @@ class Connection {
 
   // After drop().
   Result<void> turn_to(const InForce& what, uint64_t generation) {
+    count_request_thread();
     if (what.file) {
       auto opened = SnapshotReader::open(what.file);
       if (!opened) return tl::make_unexpected(opened.error());

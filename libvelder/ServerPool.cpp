@@ -274,9 +274,12 @@ Result<void> ServerPool::read(const std::function<Result<void>(LdapConnection&)>
     tried[attempt->number] = true;
     const auto result = own->read_on(*attempt, work);
     const int code = result ? kDirectorySuccess : result.error().code;
-    if (is_at_work(code)) own->put_back(*attempt);
-    if (!is_transport_failure(code)) return result;
+    if (is_at_work(code)) {
+      own->put_back(*attempt);
+      return result;
+    }
     last = result.error();
+    if (!is_transport_failure(code)) last.code = kDirectoryServerDown;  // says itself that it cannot work
     own->put_aside(*attempt, last);
   }
   return tl::unexpected(last);
@@ -292,9 +295,12 @@ BindResult ServerPool::check_bind(const std::string& dn, std::string_view passwo
     last = connection
                ? connection->bind(dn, password)
                : BindResult{BindVerdict::kCannotTell, connection.error().code, connection.error().text};
-    if (is_at_work(last.code)) own->put_back(*attempt);
-    if (!last.is_transport_failure()) return last;
+    if (is_at_work(last.code)) {
+      own->put_back(*attempt);
+      return last;
+    }
     own->put_aside(*attempt, {last.code, last.text});
+    if (!is_transport_failure(last.code)) return last;  // it got the password, and may count it
   }
   return last;
 }

@@ -66,9 +66,10 @@ class ServerPool {
 
   // Runs `work` on a connection that is bound as the reading account (anonymous without one) and is nobody
   // else's meanwhile. When it returns 81 or 85 the connection is closed, and `work` is run once more from its
-  // beginning on the next server (on the same one after a connection that had been idle): it must be able to
-  // start over. Any other result is passed on at once, and so is a refused reading account (49). The last
-  // error comes back when no server is left.
+  // beginning on the next server; the same when a server says that it is busy or unavailable (51, 52) (on the
+  // same one after a connection that had been idle): it must be able to start over. Any other result is
+  // passed on at once, and so is a refused reading account (49). The last error comes back when no server is
+  // left.
   Result<void> read(const std::function<Result<void>(LdapConnection&)>& work);
 
   // Proves a password by a bind on a connection of its own, which is closed afterwards. One bind on one

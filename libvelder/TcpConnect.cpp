@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <cstring>
@@ -19,6 +18,7 @@
 
 #include "libvelder/BackgroundThread.h"
 #include "libvelder/LdapModule.h"
+#include "libvelder/LongWaits.h"
 
 namespace velder {
 namespace {
@@ -64,31 +64,15 @@ int look_up(const std::string& host, uint16_t port, int flags, std::vector<Addre
   return 0;
 }
 
-// How many look-ups are under way in this process: its id above, the number below. A child that inherits the
-// number has none of the threads and starts at zero.
-std::atomic<uint64_t> g_lookups{0};
-
-bool begin_lookup() {
-  const uint64_t own = static_cast<uint64_t>(getpid()) << 32;
-  uint64_t seen = g_lookups.load();
-  for (;;) {
-    const uint64_t count = (seen >> 32) == (own >> 32) ? (seen & 0xffffffffU) : 0;
-    if (count >= kMostLookups) return false;
-    if (g_lookups.compare_exchange_weak(seen, own | (count + 1))) return true;
-  }
-}
-
-void end_lookup() {
-  g_lookups.fetch_sub(1);
-}
+ProcessCount g_lookups;  // under way
 
 Result<std::vector<Address>> look_up_in_time(const std::string& host, uint16_t port, Deadline deadline) {
-  if (!begin_lookup()) return down("too many look-ups of host names are waiting for an answer");
+  if (!g_lookups.add(kMostLookups)) return down("too many look-ups of host names are waiting for an answer");
   auto lookup = std::make_shared<Lookup>();
   const bool started = start_background_thread([lookup, host, port] {
     std::vector<Address> addresses;
     const int code = look_up(host, port, 0, addresses);
-    end_lookup();
+    g_lookups.subtract();
     const std::lock_guard lock(lookup->mutex);
     lookup->code = code;
     lookup->addresses = std::move(addresses);
@@ -96,7 +80,7 @@ Result<std::vector<Address>> look_up_in_time(const std::string& host, uint16_t p
     lookup->ended.notify_all();
   });
   if (!started) {
-    end_lookup();
+    g_lookups.subtract();
     return down("no thread to look up the host name");
   }
   std::unique_lock lock(lookup->mutex);

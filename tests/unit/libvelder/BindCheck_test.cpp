@@ -48,6 +48,22 @@ TEST_F(BindCheckTest, TheSameWrongPasswordIsOneBind) {
   EXPECT_EQ(binds_, 4);
 }
 
+TEST_F(BindCheckTest, DevicesWithDifferentOldPasswordsDoNotLockTheAccountInTurns) {
+  for (int turn = 0; turn < 5; ++turn)
+    for (const char* old : {"old", "older", "oldest"}) EXPECT_EQ(check("cn=a", old), BindVerdict::kWrong);
+  EXPECT_EQ(binds_, 3);
+  advance_clock(std::chrono::seconds(kSeconds) / 2);
+  for (const char* guess : {"1", "2", "3"}) check("cn=a", guess);
+  EXPECT_EQ(binds_, 6);
+  check("cn=a", "oldest");
+  EXPECT_EQ(binds_, 6) << "the last four are known";
+  check("cn=a", "old");
+  EXPECT_EQ(binds_, 7);
+  advance_clock(std::chrono::seconds(kSeconds) / 2);
+  check("cn=a", "3");
+  EXPECT_EQ(binds_, 7) << "each has its own time";
+}
+
 TEST_F(BindCheckTest, ACorrectedPasswordWorksAtOnceAndClearsTheMemory) {
   check("cn=a", "bad");
   EXPECT_EQ(check("cn=a", "good"), BindVerdict::kProven);
