@@ -64,6 +64,9 @@ class Measured:
         lines = [self.circumstances(), ""]
         if self.rows:
             lines += [*HEAD, *(line for row, results in self.rows for line in table_lines(row, results)), ""]
+        for row, results in self.rows:
+            if row.daemon.load.pace:
+                lines += [delay_line(row, results), ""]
         if self.memory:
             lines += [self.memory_line(), ""]
         if self.curve:
@@ -77,9 +80,16 @@ class Measured:
                 f"memcached {self.memory['memcached']:.0f} bytes.")
 
     def curve_lines(self):
-        lines = [f"| {rows.CURVE_TITLE} | " + " | ".join(f"{size:,}" for size in rows.CURVE_SIZES) + " |",
-                 "|---|" + "--:|" * len(rows.CURVE_SIZES)]
-        return lines + [f"| {name} | " + " | ".join(map(count, rates)) + " |" for name, rates in self.curve.items()]
+        lines = [f"| {rows.CURVE_TITLE} | " + " | ".join(f"{size:,}" for size in self.curve) + " |",
+                 "|---|" + "--:|" * len(self.curve)]
+        return lines + [f"| {name} | " + " | ".join(map(count, rates)) + " |"
+                        for name, rates in by_server(self.curve).items()]
+
+
+def by_server(curve):
+    """name of the server -> rates, in the order of the numbers of connections."""
+    names = next(iter(curve.values()))
+    return {name: [rates[name] for rates in curve.values()] for name in names}
 
 
 def table_lines(row, by_name):
@@ -92,6 +102,13 @@ def table_lines(row, by_name):
                  "" if ours else f"{ratio(by_name[row.daemon.name], results, 'rate'):.2f}", goals,
                  f"{median_of(results, cpu_per_100k):.2f}", *percentiles]
         yield "| " + " | ".join(cells) + " |"
+
+
+def delay_line(row, by_name):
+    """How far the times of a paced row can be believed."""
+    delays = ", ".join(f"{name} {count(median_of(results, lambda result: result['delay_p99_us']))} us"
+                       for name, results in by_name.items())
+    return f"{row.title}: the generator itself sent one question in a hundred late by more than this: {delays}."
 
 
 def goal_text(goal, by_name):
@@ -142,4 +159,4 @@ How to read it:
 
 def write(measured):
     PAGE.write_text("\n".join(page(measured)) + "\n", encoding="utf-8")
-    PLOT.write_text(plot.throughput(rows.CURVE_SIZES, measured.curve), encoding="utf-8")
+    PLOT.write_text(plot.throughput(list(measured.curve), by_server(measured.curve)), encoding="utf-8")

@@ -34,7 +34,7 @@ class Bench:
     def __init__(self, build, quick):
         self.programs = build / "bin"
         self.quick = quick
-        self.rounds, self.seconds, self.warmup = (1, 0.3, 0.1) if quick else (5, 1.0, 0.2)
+        self.rounds, self.seconds, self.warmup = (1, 0.25, 0.05) if quick else (5, 1.0, 0.2)
         self.load_before = os.getloadavg()[0]
         self.daemon = None
         self.daemon_kind = None
@@ -132,14 +132,15 @@ class Bench:
         return results
 
     def measure_curve(self):
-        """name of the server -> rates, in the order of rows.CURVE_SIZES."""
-        rounds, seconds = (1, 0.2) if self.quick else (3, 0.6)
-        rates = {}
-        for size in rows.CURVE_SIZES:
+        """Number of connections -> name of the server -> rate."""
+        sizes, rounds, seconds = (rows.CURVE_SIZES_QUICK, 1, 0.2) if self.quick else (rows.CURVE_SIZES, 3, 0.6)
+        curve = {}
+        for size in sizes:
             progress(f"{rows.CURVE_TITLE}: {size:,}")
-            for name, results in self.measure(rows.curve_row(size), rounds, seconds).items():
-                rates.setdefault(name, []).append(report.median_of(results, lambda result: result["rate"]))
-        return rates
+            by_name = self.measure(rows.curve_row(size), rounds, seconds)
+            curve[size] = {name: report.median_of(results, lambda result: result["rate"])
+                           for name, results in by_name.items()}
+        return curve
 
     def idle_bytes(self, server):
         """Memory of a server for one more idle connection, beyond the first thousand."""
