@@ -89,7 +89,7 @@ Velder::UserInfoQueryResponse sample_reply() {
 void EncodeReplyFrame(benchmark::State& state) {
   const Velder::UserInfoQueryResponse reply = sample_reply();
   std::string frame;
-  for (auto _ : state) benchmark::DoNotOptimize(message2buffer(kUserInfoType, &reply, frame));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(message2buffer(kUserInfoType, &reply, frame));
 }
 BENCHMARK(EncodeReplyFrame);
 
@@ -98,7 +98,7 @@ void DecodeRequestFrame(benchmark::State& state) {
   request.set_user_ln("user0000007@corp.example");
   std::string frame;
   message2buffer(Velder::USER_INFO_QUERY_REQUEST, &request, frame);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     const FrameHeader header = read_header(frame);
     Velder::UserInfoQueryRequest parsed;
     if (!parsed.ParseFromArray(frame.data() + kHeaderBytes, header.body_length)) state.SkipWithError("bad");
@@ -119,7 +119,7 @@ void ReplyCacheHit(benchmark::State& state) {
   fill_reply_cache();
   std::string encoded;
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     encoded.clear();
     if (Velder::search_reply_cache(kUserInfoType, next_subject(turn).user_ln.c_str(), encoded) != 0) {
       state.SkipWithError("a miss");
@@ -131,7 +131,7 @@ BENCHMARK(ReplyCacheHit);
 void ReplyCacheHitAsMessage(benchmark::State& state) {
   fill_reply_cache();
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     Velder::UserInfoQueryResponse reply;
     if (Velder::search_reply_cache(kUserInfoType, next_subject(turn).user_ln.c_str(), &reply) != 0) {
       state.SkipWithError("a miss");
@@ -144,7 +144,7 @@ void ReplyCacheStore(benchmark::State& state) {
   Velder::reset_reply_cache();
   const Velder::UserInfoQueryResponse reply = sample_reply();
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     Velder::update_reply_cache(kUserInfoType, next_subject(turn).user_ln.c_str(), &reply, kLifetime);
   }
 }
@@ -154,7 +154,7 @@ const std::string kToken(1500, 'k');  // as long as a ticket of a big domain
 
 void TokenToBase64(benchmark::State& state) {
   std::vector<char> text(kToken.size() * 2);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     ToB64Enc(kToken.data(), static_cast<int>(kToken.size()), text.data(), static_cast<int>(text.size()));
     benchmark::ClobberMemory();
   }
@@ -164,7 +164,7 @@ BENCHMARK(TokenToBase64);
 void TokenFromBase64(benchmark::State& state) {
   const std::string text = velder::encode_base64(kToken);
   std::vector<char> bytes(kToken.size() + 1);
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     benchmark::DoNotOptimize(ToB64Dec(text.c_str(), bytes.data(), static_cast<int>(bytes.size())));
   }
 }
@@ -173,26 +173,26 @@ BENCHMARK(TokenFromBase64);
 void HashFromBase64(benchmark::State& state) {
   const std::string text = velder::encode_base64(std::string(24, 'h'));  // SHA-1 and a salt of four bytes
   std::string bytes;
-  for (auto _ : state) benchmark::DoNotOptimize(velder::decode_base64(text, bytes));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(velder::decode_base64(text, bytes));
 }
 BENCHMARK(HashFromBase64);
 
 constexpr const char* kDn = "CN=Hugo Baker 0000007,OU=Finance,OU=People,DC=corp,DC=example";
 
 void ParseDn(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(velder::parse_dn(kDn));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(velder::parse_dn(kDn));
 }
 BENCHMARK(ParseDn);
 
 void NormalizeDn(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(velder::normalize_dn(kDn));
+  while (state.KeepRunning()) benchmark::DoNotOptimize(velder::normalize_dn(kDn));
 }
 BENCHMARK(NormalizeDn);
 
 void SnapshotUserInfo(benchmark::State& state) {
   std::string domain, uid, cn, dn, upn;
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (LdapModule::get_user_info(next_subject(turn).user_ln, domain, uid, cn, dn, upn) != 0) {
       state.SkipWithError("no such user");
     }
@@ -202,7 +202,7 @@ BENCHMARK(SnapshotUserInfo);
 
 void SnapshotUserGroups(benchmark::State& state) {
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     std::list<GroupMeta> groups;
     if (LdapModule::get_user_groups(next_subject(turn).user_ln, groups) != 0) state.SkipWithError("none");
   }
@@ -211,7 +211,7 @@ BENCHMARK(SnapshotUserGroups);
 
 void SnapshotPassword(benchmark::State& state) {
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     const bench::Subject& subject = next_subject(turn);
     if (!LdapModule::validate_credential(subject.user_ln.c_str(), subject.password.c_str(), nullptr)) {
       state.SkipWithError("refused");
@@ -222,7 +222,7 @@ BENCHMARK(SnapshotPassword);
 
 void BindAddress(benchmark::State& state) {
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     const bench::Subject& subject = next_subject(turn);
     if (g_bindings->update_cache_item(subject.bound_ip.c_str(), subject.user_ln) != 0)
       state.SkipWithError("bad");
@@ -237,7 +237,7 @@ void QueryAddress(benchmark::State& state) {
   std::string user;
   long expire = 0;
   uint32_t turn = 0;
-  for (auto _ : state) {
+  while (state.KeepRunning()) {
     if (g_bindings->query_cache_item(next_subject(turn).bound_ip.c_str(), user, expire) != 0) {
       state.SkipWithError("not bound");
     }

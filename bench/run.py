@@ -34,7 +34,7 @@ class Bench:
     def __init__(self, build, quick):
         self.programs = build / "bin"
         self.quick = quick
-        self.rounds, self.seconds, self.warmup = (1, 0.25, 0.05) if quick else (5, 1.0, 0.2)
+        self.rounds, self.seconds, self.warmup = (1, 0.25, 0.05) if quick else (5, 0.8, 0.2)
         self.load_before = os.getloadavg()[0]
         self.daemon = None
         self.daemon_kind = None
