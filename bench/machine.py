@@ -5,6 +5,7 @@ nothing else, /etc and /var are layers over the host's, and what is started ends
 run is killed.
 """
 
+import contextlib
 import os
 import pathlib
 import pwd
@@ -108,6 +109,47 @@ def connections_left(port):
         rows = [line.split() for line in table.readlines()[1:]]
     established, close_wait = "01", "08"
     return sum(row[1].endswith(f":{port:04X}") and row[3] in (established, close_wait) for row in rows)
+
+
+def cpu_seconds(pid):
+    """User and system time of a process with all its threads."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rpartition(")")[2].split()
+    return sum(map(int, fields[11:13])) / os.sysconf("SC_CLK_TCK")
+
+
+def all_cpu_seconds():
+    """The same of everything on the machine, with what other guests of its host took from it.
+
+    Most kernels charge interrupts to the process that they hit, so they are counted here as well. One that keeps
+    them apart makes the others' share look bigger than it is, never smaller.
+    """
+    with open("/proc/stat", encoding="ascii") as table:
+        user, nice, system, _, _, irq, softirq, steal = map(int, table.readline().split()[1:9])
+    return (user + nice + system + irq + softirq + steal) / os.sysconf("SC_CLK_TCK")
+
+
+class Intruders:
+    """What work of others took of the processors while `watch` blocks lasted: the load average of the start does not
+    know what comes later."""
+
+    def __init__(self):
+        self._theirs = self._possible = 0.0
+
+    @contextlib.contextmanager
+    def watch(self, server):
+        def spent():
+            waited_for = resource.getrusage(resource.RUSAGE_CHILDREN)
+            ours = server.cpu_seconds() + waited_for.ru_utime + waited_for.ru_stime
+            return all_cpu_seconds() - ours, time.monotonic()
+
+        theirs, start = spent()
+        yield
+        theirs_after, end = spent()
+        self._theirs += theirs_after - theirs
+        self._possible += (end - start) * os.cpu_count()
+
+    def share(self):
+        return max(0.0, self._theirs / self._possible) if self._possible else 0.0
 
 
 def collected(pid):

@@ -13,7 +13,7 @@ DOCS = pathlib.Path(__file__).resolve().parent.parent / "docs"
 PAGE, PLOT = DOCS / "performance.md", DOCS / "performance-connections.svg"
 MEMORY_TITLE = "memory of an idle connection"
 MEMORY_GOAL = 256  # bytes
-BUSY = 3  # load average before the run from which on its figures are doubtful
+BUSY = 0.1  # of the processors, taken by work of others: from here on the figures are doubtful
 
 HEAD = ["| workload | server | requests/s | daemon / this | goal | CPU s per 100,000 | p50 us | p99 us | p99.9 us |",
         "|---|---|--:|--:|---|--:|--:|--:|--:|"]
@@ -49,14 +49,15 @@ class Measured:
         self.rounds, self.seconds, self.load_before = rounds, seconds, load_before
         self.users, self.groups = users, groups
         self.rows = []
+        self.intruders = 0.0  # share of the processors that work of others took
         self.memory = {}
         self.curve = {}
 
     def circumstances(self):
         text = (f"{datetime.date.today()}, {kind_of_machine()}. {self.users:,} users and {self.groups:,} groups; "
                 f"{self.rounds} round{'s' * (self.rounds > 1)} of {self.seconds} s, medians. Load average before "
-                f"the run: {self.load_before:.1f} (0 when nothing else runs).")
-        if self.load_before > BUSY:
+                f"the run: {self.load_before:.1f}; of the processors, other work took {self.intruders:.0%} during it.")
+        if self.intruders > BUSY:
             text += " **The machine was busy with other things: take no figure from this run.**"
         return text
 
@@ -133,7 +134,9 @@ def kind_of_machine():
 def page(measured):
     head = f"""# Performance
 
-Renewed by `make bench BENCH_FLAGS=--write`, which runs `bench/run.py` and takes some minutes.
+Renewed by `make bench BENCH_FLAGS=--write`, which runs `bench/run.py` and takes some minutes. `BENCH_FLAGS=--quick`
+takes half a minute, `BENCH_FLAGS="--only REGEX"` measures the rows whose title it is found in (`--list`: the titles).
+`build/bin/micro` measures steps of a request by themselves.
 
 ![Requests a second against connections]({PLOT.name})
 
@@ -144,8 +147,8 @@ How to read it:
   "daemon / this" is the median of the rounds' ratios; above 1 the daemon is faster.
 - Every server is asked by the same client code, and every answer is compared byte by byte with the right one;
   questions and answers are made before the load. An answer of slapd is bytes to it like one of the daemon.
-- memcached has two threads, redis one, the daemon two workers of ten threads; slapd has its default of 16. memcached
-  and redis are asked for a value of the daemon's answer's size, or store the same address and user.
+- memcached has two threads, redis one, the daemon two workers of ten threads; slapd four. memcached and
+  redis are asked for a value of the daemon's answer's size, or store the same address and user.
 - slapd has the same users and groups in a memory-mapped database on the RAM disk. Its search is by the
   indexed account name, for names and direct groups only; its bind is told the DN, which the daemon has to find.
 - Both echo servers answer frames of the daemon's size and do nothing else. "fast" has two threads and an epoll set

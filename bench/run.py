@@ -35,7 +35,7 @@ class Bench:
         self.programs = build / "bin"
         self.quick = quick
         self.rounds, self.seconds, self.warmup = (1, 0.25, 0.05) if quick else (5, 0.8, 0.2)
-        self.load_before = os.getloadavg()[0]
+        self.intruders = machine.Intruders()
         self.daemon = None
         self.daemon_kind = None
         self.others = {}
@@ -105,7 +105,8 @@ class Bench:
             command = ["taskset", "--cpu-list", ",".join(map(str, ONE_PROCESSOR)), *command]
             server.allow_processors(ONE_PROCESSOR)
         try:
-            done = subprocess.run(command, capture_output=True, text=True, check=False, timeout=LOAD_LIMIT)
+            with self.intruders.watch(server):
+                done = subprocess.run(command, capture_output=True, text=True, check=False, timeout=LOAD_LIMIT)
         finally:
             if load.pinned:
                 server.allow_processors(ANY_PROCESSOR)
@@ -184,7 +185,7 @@ def progress(text):
 
 
 def measure_all(bench, only):
-    result = report.Measured(bench.rounds, bench.seconds, bench.load_before, USERS, GROUPS)
+    result = report.Measured(bench.rounds, bench.seconds, os.getloadavg()[0], USERS, GROUPS)
     # First, in a daemon that has just started: nothing that it was asked before is in its memory.
     if only.search(report.MEMORY_TITLE):
         result.memory = bench.measure_memory()
@@ -194,6 +195,7 @@ def measure_all(bench, only):
             result.rows.append((row, bench.measure(row)))
     if only.search(rows.CURVE_TITLE):
         result.curve = bench.measure_curve()
+    result.intruders = bench.intruders.share()
     return result
 
 

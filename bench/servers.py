@@ -34,6 +34,7 @@ objectclass ( 1.3.6.1.4.1.4203.666.3.9002 NAME 'group' SUP top STRUCTURAL
   MAY ( cn $ sAMAccountName $ objectSid $ member ) )
 objectclass ( 1.3.6.1.4.1.4203.666.3.9003 NAME 'domainDNS' SUP domain STRUCTURAL )
 """
+# Four threads: of what was tried on two processors, the fastest at searches and at binds.
 CONFIGURATION = """
 include /etc/ldap/schema/core.schema
 include /etc/ldap/schema/cosine.schema
@@ -41,6 +42,7 @@ include {folder}/directory.schema
 modulepath /usr/lib/ldap
 moduleload back_mdb
 loglevel 0
+threads 4
 database mdb
 maxsize 1073741824
 suffix "DC=example"
@@ -81,6 +83,9 @@ class Server:
         for pid in self.pids():
             for thread in os.listdir(f"/proc/{pid}/task"):
                 os.sched_setaffinity(int(thread), processors)
+
+    def cpu_seconds(self):
+        return sum(machine.cpu_seconds(pid) for pid in self.pids())
 
     def memory(self):
         """Bytes of heap and stacks of all its processes; mapped files are left out."""
