@@ -1,8 +1,8 @@
 // The client library for directory servers: one session with one server. Only the units behind this header
-// (LdapConnection, LdapBind, LdapSearch) see ldap.h.
+// (LdapConnection, LdapBind, LdapSearch) and LdapClient see ldap.h.
 //
-// prldap_install_routines, which the public header declares, is defined here, too: it readies the client
-// library of the whole process before any connection exists.
+// LdapClient has prldap_install_routines, which readies the client library of the whole process before any
+// connection exists.
 //
 // Codes of the errors below:
 //   81 (kDirectoryServerDown)  not resolved, not connected, no TLS, connection lost, an answer that is no

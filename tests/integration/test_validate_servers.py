@@ -1,12 +1,13 @@
 """Passwords proved by the server: what is sent there, what is not, and what the log says."""
 
 import concurrent.futures
+import contextlib
 import random
 import re
 
 import pytest
 
-from harness.daemon import log_text
+from harness.daemon import has_event_loop, log_text, processes
 from harness.wire import pb
 from harness import wire
 from servers import people, workdir
@@ -127,6 +128,30 @@ def test_repeated_wrong_password__locks_nobody(daemon, slapd):
 def validate_once(name, password):
     with Questions() as ask:
         return ask.validate(name, password)
+
+
+def memory_of(pid):
+    with open(f"/proc/{pid}/maps", encoding="utf-8") as maps, open(f"/proc/{pid}/mem", "rb") as memory:
+        for line in maps:
+            begin, end = (int(number, 16) for number in line.split()[0].split("-"))
+            if line.split()[1].startswith("rw") and end - begin < 2**30:  # sanitizers map the whole address space
+                with contextlib.suppress(OSError):
+                    memory.seek(begin)
+                    yield memory.read(end - begin)
+
+
+@pytest.mark.parametrize("tls", ["no", "yes"], ids=["plain", "StartTLS"])
+def test_memory__keeps_no_password(daemon, slapd, tls):
+    start(daemon, slapd, StartTLS=tls, CACertFile=slapd.ca)
+    right, wrong = "pw c00009", "nobody's password"
+    with Questions() as ask:
+        for _ in range(20):
+            assert (ask.validate("c00009", right), ask.validate("c00010", wrong)) == (True, False)
+            assert ask.validate("c00010", "pw c00010") is True
+        assert ask.user("somebody new") == 32  # the reading account's is used for that
+        [worker] = [pid for pid in processes() if has_event_loop(pid)]
+        for password in (right, wrong, READER_PASSWORD):
+            assert not any(password.encode() in piece for piece in memory_of(worker)), password
 
 
 def test_memory_off__every_try_is_the_servers(daemon, slapd):
