@@ -41,7 +41,7 @@ def spread(positions, distance):
     return placed
 
 
-def throughput(sizes, rates):
+def throughput(sizes, rates, warning=""):
     """`rates`: name -> requests a second for each of `sizes`, which stand at even distances."""
     top = max(max(values) for values in rates.values())
     step = round_step(top)
@@ -56,6 +56,7 @@ def throughput(sizes, rates):
              "<title>Look-ups a second against the number of connections</title>",
              f'<rect width="{WIDTH}" height="{HEIGHT}" fill="#fff"/>',
              text(LEFT, 24, "Cached look-ups a second", "start", 'font-weight="bold"'),
+             text(WIDTH - 20, 24, warning, "end", 'font-style="italic"'),
              text(LEFT + inner_width / 2, HEIGHT - 16, "connections, each with one question under way")]
     for line in range(int(ceiling / step) + 1):
         x, y = place(0, line * step)

@@ -29,6 +29,21 @@ def test_a_goal_is_judged_by_the_median_of_the_rounds_ratios(goal, ours, others,
     assert report.goal_text(goal, {"daemon": ours, "memcached": others}) == expected
 
 
+def test_beside_other_work_no_goal_is_judged_but_memory():
+    measured = report.Measured(5, 1.0, 0.0, 10, 10)
+    row = rows.Row("a row", rows.LOOK_UP, ["memcached"], [rows.at_least(0.9, "memcached"),
+                                                           rows.Goal("p99", "memcached", 1.25),
+                                                           rows.Goal("p999", "daemon", 1000)])
+    measured.rows = [(row, {"daemon": rounds(100), "memcached": rounds(1)})]
+    measured.memory = {"daemon": 10, "memcached": 10}
+    measured.intruders = report.BUSY / 2
+    calm = "\n".join(measured.lines())
+    assert calm.count(": met") == 4 and "busy" not in calm
+    measured.intruders = report.BUSY * 2
+    busy = "\n".join(measured.lines())
+    assert busy.count("not judged") == 3 and busy.count(": met") == 1 and "busy" in busy
+
+
 @pytest.mark.parametrize("p999, verdict", [(1000, "met"), (1001, "short")])
 def test_the_slowest_answers_are_judged_by_themselves(p999, verdict):
     goal = rows.Goal("p999", "daemon", 1000)
