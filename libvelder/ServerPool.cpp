@@ -336,6 +336,7 @@ Result<void> try_server(ServerPool::State& state, ServerStatus& status) {
   status.tls = stages.tls;
   if (!connection) return tl::unexpected(connection.error());
   connection = state.open_reader(status.url);
+  status.account_refused = !connection && connection.error().code == kDirectoryBadCredentials;
   if (!connection) return tl::unexpected(connection.error());
   status.bound = true;
   // Not every server lets everybody read what it says about itself; the base decides.

@@ -35,9 +35,10 @@ struct ServerStatus {
   bool connected = false;
   bool tls_wanted = false;
   bool tls = false;
-  bool bound = false;        // as the reading account, or anonymously without one
-  bool base_found = false;   // BaseDN exists and may be read
-  bool users_found = false;  // at least one, as the settings recognise them
+  bool bound = false;            // as the reading account, or anonymously without one
+  bool account_refused = false;  // the server says that the reading account or its password is wrong
+  bool base_found = false;       // BaseDN exists and may be read
+  bool users_found = false;      // at least one, as the settings recognise them
   size_t naming_contexts = 0;
   bool offers_paging = false;
   std::string error;  // of the first step that failed; empty: all is well

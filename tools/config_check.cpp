@@ -206,6 +206,7 @@ class Checker {
   }
 
   void check_domains(const velder::Settings& settings) {
+    std::vector<velder::Domain> questions;
     for (const velder::Domain& domain : settings.domains) {
       bool usable = true;
       if (!domain.bind_password_file.empty()) {
@@ -229,27 +230,32 @@ class Checker {
         usable = usable && text.has_value();
       }
       // What is wrong with the account or the certificates would be said once more for each server.
-      if (usable && ask_servers_) check_servers(domain);
+      if (!usable || !ask_servers_) continue;
+      for (const std::string& url : domain.servers) {
+        velder::Domain& one = questions.emplace_back(domain);
+        one.servers = {url};
+      }
     }
+    ask_all(questions);
   }
 
-  void check_servers(const velder::Domain& domain) {
-    std::vector<velder::ServerStatus> statuses(domain.servers.size());
+  // Of one server each, all at once.
+  void ask_all(const std::vector<velder::Domain>& questions) {
+    std::vector<velder::ServerStatus> answers(questions.size());
     std::vector<std::thread> threads;
-    for (size_t i = 0; i < domain.servers.size(); ++i) {
-      threads.emplace_back([&domain, &statuses, i] {
-        velder::Domain one = domain;
-        one.servers = {domain.servers[i]};
-        const velder::ServerPool pool(one, velder::ServerPool::Probes::kNone);
-        const auto answers = pool.probe_all();
-        if (!answers.empty()) statuses[i] = answers.front();
+    for (size_t i = 0; i < questions.size(); ++i) {
+      threads.emplace_back([&questions, &answers, i] {
+        const velder::ServerPool pool(questions[i], velder::ServerPool::Probes::kNone);
+        for (velder::ServerStatus& answer : pool.probe_all()) answers[i] = std::move(answer);
       });
     }
     for (std::thread& thread : threads) thread.join();
-    for (size_t i = 0; i < statuses.size(); ++i) {
-      if (statuses[i].works()) continue;
-      error(settings_file_, line_of(domain.section, "Servers"),
-            "[" + domain.section + "] Servers: " + domain.servers[i] + ": " + statuses[i].error);
+    for (size_t i = 0; i < questions.size(); ++i) {
+      if (answers[i].works()) continue;
+      const std::string& url = questions[i].servers.front();
+      error(settings_file_, line_of(questions[i].section, "Servers"),
+            "[" + questions[i].section +
+                "] Servers: " + (answers[i].error.starts_with(url) ? "" : url + ": ") + answers[i].error);
     }
   }
 
@@ -398,6 +404,19 @@ bool become_daemon(std::vector<Finding>& findings) {
   return false;
 }
 
+// File by file in the order in which they were looked at, each from its first line to its last.
+void sort_findings(std::vector<Finding>& findings) {
+  std::vector<std::string> files;
+  for (const Finding& one : findings) {
+    if (std::find(files.begin(), files.end(), one.file) == files.end()) files.push_back(one.file);
+  }
+  const auto place = [&files](const Finding& one) {
+    return std::pair(std::find(files.begin(), files.end(), one.file) - files.begin(), one.line);
+  };
+  std::stable_sort(findings.begin(), findings.end(),
+                   [&place](const Finding& one, const Finding& other) { return place(one) < place(other); });
+}
+
 void print_text(const std::string& workdir, const std::vector<Finding>& findings, long errors) {
   for (const Finding& one : findings) {
     std::string line = one.file;
@@ -436,6 +455,7 @@ int check_config(const CheckOptions& options) {
   Checker checker(*workdir, options.ask_servers);
   checker.run();
   findings.insert(findings.end(), checker.findings().begin(), checker.findings().end());
+  sort_findings(findings);
   const long errors =
       std::count_if(findings.begin(), findings.end(), [](const Finding& one) { return one.error; });
   if (options.json) {

@@ -135,7 +135,7 @@ ServerReport ask_server(velder::Domain domain, const std::string& url, bool* ref
     report.works = status.works();
     report.milliseconds = status.took.count();
     report.error = status.error;
-    *refused = status.connected && !status.bound;
+    *refused = status.account_refused;
   }
   return report;
 }

@@ -35,9 +35,10 @@ void judge_processes(StatusReport& report) {
                               " workers are running; the parent starts new ones every ten minutes");
   }
   if (expected != 0 && static_cast<int>(workers) > expected) {
-    report.notes.push_back(std::to_string(workers) + " workers are running, expected " +
-                           std::to_string(expected) +
-                           ": one that was stopped and continued gets a successor all the same");
+    report.notes.push_back(
+        std::to_string(workers) + " workers are running, expected " + std::to_string(expected) +
+        ": one that was stopped and continued gets a successor, and the parent no longer ends it; "
+        "send SIGTERM to the oldest");
   }
   for (const Process& process : daemon.processes) {
     const std::string who = "process " + std::to_string(process.pid);
@@ -144,7 +145,9 @@ void judge(StatusReport& report) {
     report.notes.push_back("the daemon's working directory is not known to this user: --workdir names it");
   }
   for (const ServerReport& server : report.servers) {
-    if (!server.works) report.problems.push_back(server.domain + ": " + server.url + ": " + server.error);
+    if (server.works) continue;
+    const bool named = server.error.starts_with(server.url);
+    report.problems.push_back(server.domain + ": " + (named ? "" : server.url + ": ") + server.error);
   }
 }
 

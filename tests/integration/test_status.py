@@ -333,6 +333,27 @@ def test_status__each_directory_server(daemon, slapd):
     assert status("--no-servers")[1]["servers"] == []
 
 
+def test_watch__looking_often_does_not_bind_often(daemon, slapd):
+    place(slapd)
+    workdir.good_sync()
+    daemon.start(keep=True)
+    write_file(workdir.PASSWORD_FILE, "may not\n")
+    os.chmod(f"{sandbox.WORKDIR}/{workdir.PASSWORD_FILE}", 0o600)
+    binds = len(refused_binds(slapd))
+    with subprocess.Popen([program("authctl"), "status", "--watch", "0.1", "--json"], stdout=subprocess.PIPE,
+                          text=True) as piped:
+        for _ in range(5):
+            report = json.loads(piped.stdout.readline())
+            assert problems(report, "reading account.*wrong user or password")
+        piped.kill()
+    assert len(refused_binds(slapd)) == binds + 1
+
+
+def refused_binds(slapd):
+    with open(f"{slapd.folder}/log", encoding="utf-8", errors="replace") as file:
+        return re.findall("RESULT tag=97 err=49", file.read())
+
+
 def test_status__no_snapshot_of_the_servers_yet(daemon, slapd):
     place(slapd)
     daemon.start(keep=True)
