@@ -69,9 +69,11 @@ std::optional<LogLine> parse_log_line(std::string_view line) {
   parsed.level = line.substr(0, level);
   line.remove_prefix(level + 1);
   uint64_t tag = 0;
-  const bool complete = take(line, "<") && take_number(line, tag) && take(line, ":") &&
-                        take_number(line, parsed.pid) && take(line, ":") &&
-                        take_number(line, parsed.thread) && take(line, "> ");
+  const auto take_field = [&line](std::string_view before, auto& number) {
+    return take(line, before) && take_number(line, number);
+  };
+  const bool complete = take_field("<", tag) && take_field(":", parsed.pid) &&
+                        take_field(":", parsed.thread) && take(line, "> ");
   if (!complete) return std::nullopt;
   // A line that was cut has no place behind its text, and a quoted text may look like one: the last counts.
   const size_t place = line.rfind(" @@<");
