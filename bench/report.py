@@ -139,7 +139,7 @@ def page(measured):
     head = f"""# Performance
 
 Renewed by `make bench BENCH_FLAGS=--write`, which runs `bench/run.py` and takes some minutes. `BENCH_FLAGS=--quick`
-takes half a minute, `BENCH_FLAGS="--only REGEX"` measures the rows whose title it is found in (`--list`: the titles).
+takes half a minute, `BENCH_FLAGS="--only 'REGEX'"` measures the rows whose title it is found in (`--list`: the titles).
 `build/bin/micro` measures steps of a request by themselves.
 
 ![Requests a second against connections]({PLOT.name})

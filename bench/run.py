@@ -22,6 +22,7 @@ import servers
 from machine import WORKDIR, Broken, Impossible
 
 USERS, GROUPS = 20000, 2000
+TITLES = [report.MEMORY_TITLE, *(row.title for row in rows.ROWS), rows.CURVE_TITLE]
 LOAD_LIMIT = 120  # seconds that a load run with all its connections may take
 MANY_BINDINGS = 1_000_000
 ANY_PROCESSOR = os.sched_getaffinity(0)
@@ -199,15 +200,24 @@ def measure_all(bench, only):
     return result
 
 
+def regex(text):
+    try:
+        return re.compile(text)
+    except re.error as error:
+        raise argparse.ArgumentTypeError(f"{text}: {error}") from error
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=pathlib.Path, help="build directory, configured with -DBUILD_BENCH=ON")
     parser.add_argument("--quick", action="store_true", help="half a minute instead of a few; one short round each")
-    parser.add_argument("--only", type=re.compile, metavar="REGEX", default=re.compile(""),
+    parser.add_argument("--only", type=regex, metavar="REGEX", default="",
                         help="only the rows whose title it is found in")
     parser.add_argument("--list", action="store_true", help="print the titles and end")
     parser.add_argument("--write", action="store_true", help="write docs/performance.md and its plot, too")
     arguments = parser.parse_args()
+    if not any(map(arguments.only.search, TITLES)):
+        parser.error(f"--only {arguments.only.pattern}: no title has it; --list prints them")
     if arguments.write and (arguments.only.pattern or arguments.quick):
         parser.error("--write is for a whole run: without --only and --quick")
     return arguments
@@ -216,7 +226,7 @@ def parse_arguments():
 def main():
     arguments = parse_arguments()
     if arguments.list:
-        print("\n".join([report.MEMORY_TITLE, *(row.title for row in rows.ROWS), rows.CURVE_TITLE]))
+        print("\n".join(TITLES))
         return 0
     try:
         machine.enter()
