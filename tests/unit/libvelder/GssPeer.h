@@ -9,65 +9,87 @@
 #include <string>
 #include <string_view>
 
-// An NTLM client with a user's name and password. One exchange.
-class NtlmPeer {
+inline gss_OID_desc g_peer_ntlm = {10, const_cast<char*>("\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a")};
+inline gss_OID_desc g_peer_spnego = {6, const_cast<char*>("\x2b\x06\x01\x05\x05\x02")};
+
+inline gss_buffer_desc peer_buffer(std::string_view text) {
+  return {text.size(), const_cast<char*>(text.data())};
+}
+
+inline gss_name_t peer_name(std::string_view text, gss_OID type) {
+  OM_uint32 minor = 0;
+  gss_name_t name = GSS_C_NO_NAME;
+  gss_buffer_desc buffer = peer_buffer(text);
+  if (GSS_ERROR(gss_import_name(&minor, &buffer, type, &name))) throw std::runtime_error("no name");
+  return name;
+}
+
+// A user's name, "DOMAIN\\user" or "user", and password.
+class NtlmUser {
  public:
-  // `user` is "DOMAIN\user" or "user".
-  NtlmPeer(std::string_view user, std::string_view password) {
+  NtlmUser(std::string_view user, std::string_view password) {
     OM_uint32 minor = 0;
-    gss_OID_set_desc mechanisms = {1, &ntlm()};
-    gss_buffer_desc secret = buffer(password);
-    gss_name_t name = import(user, GSS_C_NT_USER_NAME);
+    gss_OID_set_desc mechanisms = {1, &g_peer_ntlm};
+    gss_buffer_desc secret = peer_buffer(password);
+    gss_name_t name = peer_name(user, GSS_C_NT_USER_NAME);
     const OM_uint32 major = gss_acquire_cred_with_password(
         &minor, name, &secret, GSS_C_INDEFINITE, &mechanisms, GSS_C_INITIATE, &credential_, nullptr, nullptr);
     gss_release_name(&minor, &name);
     if (GSS_ERROR(major)) throw std::runtime_error("no NTLM client credential");
   }
-  ~NtlmPeer() {
+  ~NtlmUser() {
     OM_uint32 minor = 0;
-    gss_delete_sec_context(&minor, &context_, GSS_C_NO_BUFFER);
     gss_release_cred(&minor, &credential_);
   }
-  NtlmPeer(const NtlmPeer&) = delete;
-  NtlmPeer& operator=(const NtlmPeer&) = delete;
-
-  std::string type1(OM_uint32 flags = 0) {
-    flags_ = flags;
-    return next("").value_or("");
-  }
-  // Nothing when the client does not take the challenge.
-  std::optional<std::string> type3(std::string_view challenge) { return next(challenge); }
+  NtlmUser(const NtlmUser&) = delete;
+  NtlmUser& operator=(const NtlmUser&) = delete;
+  gss_cred_id_t get() const { return credential_; }
 
  private:
-  static gss_OID_desc& ntlm() {
-    static gss_OID_desc oid = {10, const_cast<char*>("\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a")};
-    return oid;
+  gss_cred_id_t credential_ = GSS_C_NO_CREDENTIAL;
+};
+
+// The client of one exchange.
+class GssPeer {
+ public:
+  static GssPeer ntlm(const NtlmUser& user, OM_uint32 flags = 0) {
+    return GssPeer(user.get(), &g_peer_ntlm, "HTTP@gateway.example.com", flags);
   }
-  static gss_buffer_desc buffer(std::string_view text) {
-    return {text.size(), const_cast<char*>(text.data())};
+  // With a ticket of the default credential cache.
+  static GssPeer negotiate(std::string_view service) {
+    return GssPeer(GSS_C_NO_CREDENTIAL, &g_peer_spnego, service, GSS_C_MUTUAL_FLAG);
   }
-  static gss_name_t import(std::string_view text, gss_OID type) {
+  ~GssPeer() {
     OM_uint32 minor = 0;
-    gss_name_t name = GSS_C_NO_NAME;
-    gss_buffer_desc text_buffer = buffer(text);
-    if (GSS_ERROR(gss_import_name(&minor, &text_buffer, type, &name))) throw std::runtime_error("no name");
-    return name;
+    gss_delete_sec_context(&minor, &context_, GSS_C_NO_BUFFER);
+    gss_release_name(&minor, &target_);
   }
-  std::optional<std::string> next(std::string_view input) {
+  GssPeer(const GssPeer&) = delete;
+  GssPeer& operator=(const GssPeer&) = delete;
+
+  // Nothing when the client does not take what it received.
+  std::optional<std::string> next(std::string_view received = "") {
     OM_uint32 minor = 0;
-    gss_buffer_desc in = buffer(input), out = GSS_C_EMPTY_BUFFER;
-    gss_name_t target = import("HTTP@gateway.example.com", GSS_C_NT_HOSTBASED_SERVICE);
+    gss_buffer_desc in = peer_buffer(received), out = GSS_C_EMPTY_BUFFER;
     const OM_uint32 major =
-        gss_init_sec_context(&minor, credential_, &context_, target, &ntlm(), flags_, 0,
+        gss_init_sec_context(&minor, credential_, &context_, target_, mechanism_, flags_, 0,
                              GSS_C_NO_CHANNEL_BINDINGS, &in, nullptr, &out, nullptr, nullptr);
     const std::string token(static_cast<const char*>(out.value), out.length);
     gss_release_buffer(&minor, &out);
-    gss_release_name(&minor, &target);
     if (GSS_ERROR(major)) return std::nullopt;
     return token;
   }
 
-  gss_cred_id_t credential_ = GSS_C_NO_CREDENTIAL;
+ private:
+  GssPeer(gss_cred_id_t credential, gss_OID mechanism, std::string_view target, OM_uint32 flags)
+      : credential_(credential),
+        mechanism_(mechanism),
+        flags_(flags),
+        target_(peer_name(target, GSS_C_NT_HOSTBASED_SERVICE)) {}
+
+  const gss_cred_id_t credential_;  // not ours
+  const gss_OID mechanism_;
+  const OM_uint32 flags_;
+  gss_name_t target_;
   gss_ctx_id_t context_ = GSS_C_NO_CONTEXT;
-  OM_uint32 flags_ = 0;
 };

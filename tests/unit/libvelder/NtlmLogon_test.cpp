@@ -53,9 +53,10 @@ class NtlmLogonTest : public SampleDirectory {
     return std::to_string(code) + ":" + out.substr(0, static_cast<size_t>(length));
   }
   static std::string log_on(const std::string& name, const std::string& password, OM_uint32 flags = 0) {
-    NtlmPeer peer(name, password);
+    const NtlmUser client(name, password);
+    GssPeer peer = GssPeer::ntlm(client, flags);
     LdapModule module;
-    const auto answer = peer.type3(message1(module, peer.type1(flags)));
+    const auto answer = peer.next(message1(module, peer.next().value_or("")));
     return answer ? message3(module, *answer) : "no answer to the challenge";
   }
 };
@@ -89,16 +90,18 @@ TEST_F(NtlmLogonTest, TheDirectorySaysWhoAHashProves) {
 
 TEST_F(NtlmLogonTest, AChallengeAnswersForOneMessage3) {
   ASSERT_EQ(initialize(), 0);
-  NtlmPeer peer("CORP\\alice", "password");
+  const NtlmUser client("CORP\\alice", "password");
+  GssPeer peer = GssPeer::ntlm(client);
   LdapModule first, second;
-  const std::string challenge = message1(first, peer.type1());
+  const std::string type1 = peer.next().value_or("");
+  const std::string challenge = message1(first, type1);
   ASSERT_NE(challenge, "");
-  ASSERT_NE(message1(second, NtlmPeer("CORP\\alice", "password").type1()), "");
-  const std::string answer = peer.type3(challenge).value_or("");
+  ASSERT_NE(message1(second, type1), "");
+  const std::string answer = peer.next(challenge).value_or("");
   EXPECT_EQ(message3(second, answer), "-1:");
   EXPECT_EQ(message3(first, answer, 9), "-1:") << "CORP\\alice takes one byte more than there is room";
   EXPECT_EQ(message3(first, answer), "-1:");
-  EXPECT_EQ(message1(first, peer.type1()), "") << "an exchange that is over does not begin again";
+  EXPECT_EQ(message1(first, type1), "") << "an exchange that is over does not begin again";
 
   LdapModule third;
   EXPECT_EQ(message3(third, answer), "-1:") << "without a message 1";
@@ -115,9 +118,10 @@ TEST_F(NtlmLogonTest, LengthsAreJudgedBeforeTheToken) {
     EXPECT_EQ(out_length, 0) << length;
   }
   // Beyond the challenge, too: what it was given for is over.
-  NtlmPeer peer("CORP\\alice", "password");
+  const NtlmUser client("CORP\\alice", "password");
+  GssPeer peer = GssPeer::ntlm(client);
   LdapModule module;
-  const auto answer = peer.type3(message1(module, peer.type1()));
+  const auto answer = peer.next(message1(module, peer.next().value_or("")));
   int out_length = sizeof out;
   EXPECT_EQ(module.validate_ntlm_message("192.0.2.1", &nothing, 3072, out, out_length), -1);
   EXPECT_EQ(message3(module, answer.value_or("")), "-1:");
