@@ -33,7 +33,6 @@
 
 namespace {
 
-constexpr char kPassword[] = "password";
 constexpr unsigned char kHash[16] = {0x88, 0x46, 0xf7, 0xea, 0xee, 0x8f, 0xb1, 0x17,
                                      0xad, 0x06, 0xbd, 0xd8, 0x30, 0xb7, 0x58, 0x6c};
 constexpr char kUser[] = "CORP\\alice";
@@ -281,6 +280,8 @@ void make_workdir(const std::string& path, const Options& options) {
       << "version: 1\n\ndn: cn=alice,dc=corp,dc=test\ncn: alice\nuserPrincipalName: alice@corp.test\n"
       << user << "8846F7EAEE8FB117AD06BDD830B7586C\n\ndn: cn=bob,dc=corp,dc=test\ncn: bob\n"
       << user << "0123456789ABCDEF0123456789ABCDEF\n";
+  std::ofstream(path + "/users") << "alice:0:" << std::string(32, 'X')
+                                 << ":8846F7EAEE8FB117AD06BDD830B7586C:[U]:LCT-0:\n";
   if (!options.keytab.empty()) {
     std::ofstream(path + "/LdapSetting.ini")
         << "[Negotiate]\nKeytab=" << options.keytab << "\nReplayCache=no\n";
@@ -299,7 +300,7 @@ int main(int argc, char** argv) {
   if (LdapModule::initialize(workdir.c_str(), true) != 0) return 2;
   g_draw.seed(options.seed);
 
-  const NtlmUser user(kUser, kPassword);
+  const NtlmUser user(kUser, NtlmUser::UsersFile{workdir + "/users"});
   const bool negotiate = !options.keytab.empty();
   long resident_before = 0;
   size_t descriptors_before = 0;
