@@ -402,10 +402,17 @@ void set_ntlm_environment(std::string_view netbios_domain) {
   setenv("LM_COMPAT_LEVEL", "5", 1);
   // One connection to winbind for each thread instead of one for each exchange.
   setenv("GSSNTLMSSP_WB_TLS_CTX", "1", 1);
-  // With both names set winbind is not asked for them at each challenge, nor is a made-up domain shown.
-  setenv("NETBIOS_COMPUTER_NAME", netbios_form(own_host_name()).c_str(), 1);
-  setenv("NETBIOS_DOMAIN_NAME", netbios_domain.empty() ? "WORKGROUP" : std::string(netbios_domain).c_str(),
-         1);
+  if (netbios_domain.empty()) {
+    unsetenv("NETBIOS_COMPUTER_NAME");
+    unsetenv("NETBIOS_DOMAIN_NAME");
+  } else {
+    setenv("NETBIOS_COMPUTER_NAME", netbios_form(own_host_name()).c_str(), 1);
+    setenv("NETBIOS_DOMAIN_NAME", std::string(netbios_domain).c_str(), 1);
+  }
+}
+
+bool ntlm_challenge_asks_winbind() {
+  return getenv("NETBIOS_DOMAIN_NAME") == nullptr;
 }
 
 }  // namespace velder

@@ -85,8 +85,11 @@ class GssAcceptor {
 
 // The variables that the NTLM mechanism reads from the environment at each call: the names in the challenge
 // and what is refused. Changing the environment is not safe beside other threads, so this is done once,
-// before there are any. `netbios_domain` may be empty.
+// before there are any. An empty `netbios_domain` leaves the names to winbind: a domain controller lets
+// nobody in whose challenge was given under another name than that of the member that asks it.
 void set_ntlm_environment(std::string_view netbios_domain);
+// Whether each challenge asks winbind for the names.
+bool ntlm_challenge_asks_winbind();
 
 // Whether the files that the settings name can be used; the error names the file and what was expected.
 Result<void> check_acceptor_files(const Settings& settings);

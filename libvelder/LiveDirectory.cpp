@@ -352,7 +352,8 @@ Result<void> initialize_directory(const std::string& workdir) {
   auto settings = read_settings(workdir);
   if (!settings) return tl::make_unexpected(settings.error());
   if (auto checked = check_acceptor_files(*settings); !checked) return checked;
-  std::string main_domain = settings->domains.empty() ? "" : settings->domains.front().netbios_name;
+  std::string main_domain = settings->domains.empty() ? "WORKGROUP" : settings->domains.front().netbios_name;
+  bool asks_winbind = settings->ntlm_user_file.empty();
   std::optional<FileIdentity> verified;
   if (settings->source == Source::kLdap) {
     const SharedSnapshot file = usable_ldap_snapshot(workdir, std::nullopt);
@@ -363,9 +364,11 @@ Result<void> initialize_directory(const std::string& workdir) {
     if (!update) return tl::make_unexpected(update.error());
     log_update(*update, *settings);
     verified = update->file->identity();
-    if (main_domain.empty()) main_domain = update->file->meta().main_domain;
+    const SnapshotMeta& meta = update->file->meta();
+    if (settings->domains.empty() && !meta.main_domain.empty()) main_domain = meta.main_domain;
+    asks_winbind = asks_winbind && meta.nt_hashes == 0;
   }
-  set_ntlm_environment(main_domain);
+  set_ntlm_environment(asks_winbind ? "" : main_domain);
 
   State& s = state();
   std::shared_ptr<const InForce> before;

@@ -2,6 +2,7 @@
 
 #include <openssl/crypto.h>
 
+#include <optional>
 #include <utility>
 
 #include "brellog/VrLog.h"
@@ -18,6 +19,7 @@ namespace {
 // Checked, and ignored, for users without a hash, so that the time of an answer does not tell who has one.
 constexpr char kNobodysHash[] = "8846F7EAEE8FB117AD06BDD830B7586C";
 constexpr size_t kReasonLimit = 300;
+constexpr char kWinbindBusy[] = "winbind does not keep up with its questions";
 
 // What the directory has of the user whom a message names.
 struct Account {
@@ -147,6 +149,12 @@ NtlmLogon::Step NtlmLogon::challenge(std::string_view client_ip, std::string& me
   const auto lease = lease_directory();
   if (!lease) return Step::kRefused;  // was logged
   acceptor_ = lease->acceptor;
+  std::optional<WinbindTurn> turn;
+  if (ntlm_challenge_asks_winbind()) turn.emplace();
+  if (turn && !turn->granted()) {
+    log_ntlm_refusal(client_ip, kWinbindBusy);
+    return Step::kRefused;
+  }
   GssAnswer answer = acceptor_->ntlm_challenge(context_, message);
   const auto flags = ntlm_challenge_flags(answer.token);
   if (answer.outcome == GssOutcome::kAnotherLeg && flags) {
@@ -194,7 +202,7 @@ NtlmLogon::Step NtlmLogon::verify(std::string_view client_ip, std::string& messa
     if (refusal.empty()) {
       const WinbindTurn turn;
       if (!turn.granted()) {
-        refusal = "winbind does not keep up with its questions";
+        refusal = kWinbindBusy;
       } else if (const GssAnswer answer = acceptor_->ntlm_ask_winbind(context_, message);
                  answer.outcome != GssOutcome::kProven) {
         refusal = refusal_of_winbind(answer);

@@ -70,7 +70,7 @@ def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm):
     start(daemon, realm.keytab(GATEWAY))
     def authctl(*arguments, given=""):
         done = subprocess.run([program("authctl"), "negotiate", *arguments], input=given, capture_output=True, text=True,
-                              check=False, env=realm.client_environment())
+                              check=False, env=kdc.client_environment(realm.folder))
         return done.returncode, done.stdout, done.stderr
     token = realm.token()
     code, out, errors = authctl("--service", f"HTTP@{GATEWAY}")

@@ -112,22 +112,27 @@ class Realm(ServerProcess):
         os.unlink(path)
         return content
 
-    def client_environment(self):
-        """Of programs that use the tickets of the user for whom token() was called last."""
-        return dict(os.environ, KRB5CCNAME=f"FILE:{self.folder}/cache", LC_ALL="C.UTF-8")
+    def token(self, user="alice", host=GATEWAY, **more):
+        return token(self.folder, user, PASSWORDS[user], host, **more)
 
-    def token(self, user="alice", host=GATEWAY, life="1h", clock=None, answer=None):
-        """What a browser sends, in base64. `answer` gets it and says what to send back; curl has to like that."""
-        environment = self.client_environment()
-        run(*at(clock, "kinit", "-l", life, user), input=PASSWORDS[user] + "\n", env=environment)
-        with Origin("Negotiate", lambda sent, _: (True, answer(sent) if answer else "")) as origin:
-            done = subprocess.run(at(clock, "curl", "--silent", "--show-error", "--fail", "--negotiate", "--user", ":",
-                                     f"http://{host}:{origin.server_port}/"), env=environment, capture_output=True,
-                                  text=True, check=False, timeout=LONG_WAIT)
-        if not origin.tokens:
-            raise sandbox.Impossible(f"curl sent no token: {done.stderr}")
-        assert done.returncode == 0, done.stderr
-        return origin.tokens[0]
+
+def client_environment(folder):
+    """Of programs that use the tickets of the user for whom token() was called last."""
+    return dict(os.environ, KRB5CCNAME=f"FILE:{folder}/tickets", LC_ALL="C.UTF-8")
+
+
+def token(folder, user, password, host, life="1h", clock=None, answer=None):
+    """What a browser sends, in base64. `answer` gets it and says what to send back; curl has to like that."""
+    environment = client_environment(folder)
+    run(*at(clock, "kinit", "-l", life, user), input=password + "\n", env=environment)
+    with Origin("Negotiate", lambda sent, _: (True, answer(sent) if answer else "")) as origin:
+        done = subprocess.run(at(clock, "curl", "--silent", "--show-error", "--fail", "--negotiate", "--user", ":",
+                                 f"http://{host}:{origin.server_port}/"), env=environment, capture_output=True, text=True,
+                              check=False, timeout=LONG_WAIT)
+    if not origin.tokens:
+        raise sandbox.Impossible(f"curl sent no token: {done.stderr}")
+    assert done.returncode == 0, done.stderr
+    return origin.tokens[0]
 
 
 # Tokens of other forms, made of real ones.

@@ -50,7 +50,7 @@ ntp signd socket directory = {folder}/run/ntp_signd
 log file = {folder}/log/log.%m
 logging = file
 log level = 1
-server services = rpc, ldap, cldap, kdc
+server services = {services}
 load printers = no
 disable spoolss = yes
 dns forwarder =
@@ -65,10 +65,14 @@ _KERBEROS = """[libdefaults]
 default_realm = CORP.TEST
 dns_lookup_realm = false
 dns_lookup_kdc = false
+dns_canonicalize_hostname = false
+rdns = false
 [realms]
 CORP.TEST = {{
 kdc = {address}
 }}
+[domain_realm]
+.corp.test = CORP.TEST
 """
 
 
@@ -108,7 +112,8 @@ def _content():
 
 
 class SambaDomain(ServerProcess):
-    def __init__(self):
+    def __init__(self, services="rpc, ldap, cldap, kdc"):
+        self.services = services
         need_programs("samba", "samba-tool", "ldbadd", "ldbmodify", "ldbsearch", "tar", "unshare")
         make_room()
         self.folder = new_folder("ad")
@@ -122,13 +127,15 @@ class SambaDomain(ServerProcess):
         try:
             self._make_machine()
             self._make_domain()
+            os.chmod(os.path.join(self.folder, "state/winbindd_privileged"), 0o750)  # else winbind does not start
         except sandbox.Impossible as error:
             cannot_run(f"no domain controller on this machine: {error}")
 
     @staticmethod
     def _in_a_machine(*command):
-        """Under a host name of its own."""
-        return ["unshare", "--uts", "sh", "-c", 'hostname dc1 && exec "$0" "$@"', *command]
+        """Under a host name of its own, and with pipes of its own, which a member of the domain has, too."""
+        return ["unshare", "--uts", "--mount", "sh", "-c",
+                'hostname dc1 && mount -t tmpfs samba /run/samba && exec "$0" "$@"', *command]
 
     def _make_machine(self):
         """An address that is not loopback's own, and the few system paths that Samba and Kerberos read."""
@@ -148,7 +155,7 @@ class SambaDomain(ServerProcess):
         for name in ("etc", "run", "cache", "log", "private", "state/winbindd_privileged", "bind-dns"):
             os.makedirs(os.path.join(self.folder, name), 0o755)
         with open(self.configuration, "w", encoding="ascii") as file:
-            file.write(_CONFIGURATION.format(folder=self.folder, address=ADDRESS))
+            file.write(_CONFIGURATION.format(folder=self.folder, address=ADDRESS, services=self.services))
 
     def _make_domain(self):
         with open(__file__, "rb") as file:
