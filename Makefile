@@ -4,6 +4,7 @@
 CMAKE_FLAGS =
 CTEST_FLAGS =
 BENCH_FLAGS =
+GSS_MUTATIONS = 1000000
 
 INSTALL = sh packaging/install-packages.sh
 CONFIGURE = cmake -G Ninja -S . $(CMAKE_FLAGS) -B
@@ -57,11 +58,12 @@ tsan: ## Runs all tests under the thread sanitizer
 	@if setarch -R true 2>/dev/null; then fixed="setarch -R"; fi; \
 	TSAN_OPTIONS="suppressions=$$PWD/tests/tsan.supp $$TSAN_OPTIONS" $$fixed $(TEST) build/tsan
 
-fuzz: ## Feeds hostile bytes to every parser for FUZZ_SECONDS each (default 12)
+fuzz: ## Feeds hostile bytes to every parser for FUZZ_SECONDS each (12), GSS_MUTATIONS messages to NTLM and Kerberos
 	@$(INSTALL) build fuzz
 	@CC=clang-14 CXX=clang++-14 $(CONFIGURE) build/fuzz -DFUZZ=ON -DSANITIZE=address,undefined
-	@$(COMPILE) build/fuzz --target fuzz_targets
+	@$(COMPILE) build/fuzz --target fuzz_targets gss_mutation
 	@/usr/bin/python3 tests/fuzz/run.py build/fuzz/bin/fuzz_targets
+	@/usr/bin/python3 tests/fuzz/gss_mutation.py build/fuzz/bin/gss_mutation --count $(GSS_MUTATIONS) --jobs "$$(nproc)"
 
 chaos: ## Makes the daemon's surroundings fail for CHAOS_SECONDS in each test (default 30), a million requests
 	@$(INSTALL) build test

@@ -62,7 +62,7 @@ apt-get -o DPkg::Lock::Timeout=300 install -y --no-install-recommends $missing <
 # Nor shall such a service come up at the next boot: the tests and benchmarks start their own.
 for package in $missing; do
   case $package in
-    memcached | redis-server)
+    memcached | redis-server | krb5-kdc | krb5-admin-server | winbind)
       if command -v systemctl >/dev/null; then systemctl --quiet disable "$package" || true; fi
       ;;
   esac

@@ -57,5 +57,8 @@ Result<void> check_acceptor_files(const Settings& /*settings*/) {
   return {};
 }
 void set_ntlm_environment(std::string_view /*netbios_domain*/) {}
+bool ntlm_challenge_asks_winbind() {
+  return false;
+}
 
 }  // namespace velder
