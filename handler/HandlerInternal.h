@@ -69,8 +69,9 @@ struct UserRecord {
 int get_user_attributes(const std::string& user, UserRecord& record);
 int get_user_record(const std::string& user, UserRecord& record);
 
-void fill_user_info(const std::string& user_ln, const UserRecord& record, Velder::UserInfo* info);
-void fill_groups(const std::list<GroupMeta>& groups,
+// Both take the texts of the groups out of what they are given.
+void fill_user_info(const std::string& user_ln, UserRecord& record, Velder::UserInfo* info);
+void fill_groups(std::list<GroupMeta>& groups,
                  google::protobuf::RepeatedPtrField<Velder::GroupInfo>* group_list);
 
 // The request handlers, by family.

@@ -9,7 +9,7 @@ int get_user_record(const std::string& user, UserRecord& record) {
   return code != 0 ? code : LdapWrapper::get_user_groups(user, record.groups);
 }
 
-void fill_user_info(const std::string& user_ln, const UserRecord& record, Velder::UserInfo* info) {
+void fill_user_info(const std::string& user_ln, UserRecord& record, Velder::UserInfo* info) {
   info->set_user_ln(user_ln);
   info->set_domain_dns(record.domain_dns);
   info->set_uid(record.uid);
@@ -19,11 +19,11 @@ void fill_user_info(const std::string& user_ln, const UserRecord& record, Velder
   fill_groups(record.groups, info->mutable_grouplist());
 }
 
-void fill_groups(const std::list<GroupMeta>& groups,
+void fill_groups(std::list<GroupMeta>& groups,
                  google::protobuf::RepeatedPtrField<Velder::GroupInfo>* group_list) {
-  for (const GroupMeta& group : groups) {
+  for (GroupMeta& group : groups) {
     Velder::GroupInfo* info = group_list->Add();
-    info->set_dn(group.dn);
-    info->set_cn(group.cn);
+    info->set_dn(std::move(group.dn));
+    info->set_cn(std::move(group.cn));
   }
 }

@@ -12,6 +12,9 @@ namespace {
 // Checked, and ignored, for users that do not exist, so that the time of an answer does not tell who does.
 constexpr std::string_view kNobodysPassword = "{SSHA}2vFJ1bWpXKXMvCDZ1VnBmGXgIzlxdmVsZGVyLW5v";
 
+// Longer ones are hardly anybody's; a client must not make every thread keep megabytes.
+constexpr size_t kLongestKeptName = 256;
+
 // A text of nothing but characters that folding ignores. It is in no name, while the empty text is in all.
 bool vanishes(std::string_view name) {
   return !name.empty() && search_text(name).empty();
@@ -158,13 +161,25 @@ CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std:
   return CredentialVerdict::kCannotTell;
 }
 
+// Asks the snapshot unless the name is the one that was looked for last.
+std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
+  SnapshotReader::Meaning& last = reader_.last_meaning();
+  if (name != last.name) {
+    std::vector<EntryId> ids = users_meant(name);
+    sort_unique(ids);
+    if (reader_.failure() || name.size() > kLongestKeptName) return only_one(ids);
+    last = {std::string(name), std::move(ids)};
+  }
+  std::vector<EntryId> ids = last.users;
+  return only_one(ids);
+}
+
 // A name can be read in several ways (a principal name of one user may be uid@domain of another), and each
 // way may give several users. All are asked; only a name that means one user in the end means anybody.
-std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
+std::vector<EntryId> DirectoryQueries::users_meant(std::string_view name) {
   std::vector<EntryId> ids;
   const std::string key = fold_text(name);
-  ambiguous_ = false;
-  if (key.empty()) return std::nullopt;
+  if (key.empty()) return ids;
   reader_.users_named(key, NameUse::kIdentity, ids);
   const std::string_view folded = key;
   if (const size_t slash = folded.find('\\'); slash != std::string_view::npos && slash > 0) {
@@ -176,7 +191,7 @@ std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
   if (folded.find('=') != std::string_view::npos) {
     if (const std::string dn_key = normalize_dn(name); !dn_key.empty()) reader_.users_with_dn(dn_key, ids);
   }
-  return only_one(ids);
+  return ids;
 }
 
 std::optional<EntryId> DirectoryQueries::find_group(std::string_view name, bool by_cn, bool by_dn) {

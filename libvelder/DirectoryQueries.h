@@ -56,6 +56,7 @@ class DirectoryQueries {
  private:
   std::optional<EntryId> only_one(std::vector<EntryId>& ids);
   std::optional<EntryId> find_user(std::string_view name);
+  std::vector<EntryId> users_meant(std::string_view name);
   std::optional<EntryId> find_group(std::string_view name, bool by_cn, bool by_dn);
   void list_groups(const std::vector<EntryId>& ids, std::list<GroupMeta>& groups);
   std::vector<EntryId> users_below(EntryId group);

@@ -155,6 +155,13 @@ class SnapshotReader {
 
   const GroupGraph& groups() const { return *groups_; }
 
+  // For the caller to keep what it found for a name: one request often takes several look-ups of one user.
+  struct Meaning {
+    std::string name;
+    std::vector<EntryId> users;
+  };
+  Meaning& last_meaning() { return last_meaning_; }
+
   // Direct memberships only, primary groups among them.
   void groups_of_user(EntryId user, std::vector<EntryId>& ids);
   void member_users(EntryId group, std::vector<EntryId>& ids);
@@ -168,6 +175,7 @@ class SnapshotReader {
   std::shared_ptr<const SnapshotFile> file_;
   const GroupGraph* groups_ = nullptr;
   std::optional<Error> failure_;
+  Meaning last_meaning_;
   std::unique_ptr<Statements> statements_;
 };
 

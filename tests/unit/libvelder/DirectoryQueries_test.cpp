@@ -44,7 +44,10 @@ TEST_F(DirectoryQueriesTest, UserIsFoundByEachOfItsNamesAndByNothingElse) {
       {"cn=zoe adams", "32"},
       {"=,=", "32"},
   };
-  for (const auto& row : kRows) EXPECT_EQ(who_is(row.name), row.answer) << row.name;
+  for (const auto& row : kRows) {
+    EXPECT_EQ(who_is(row.name), row.answer) << row.name;
+    EXPECT_EQ(who_is(row.name), row.answer) << row.name << ", again";  // what was found is kept
+  }
   EXPECT_EQ(who_is(std::string("zoe\0", 4)), "32");
 }
 
