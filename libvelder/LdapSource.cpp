@@ -13,6 +13,10 @@ namespace {
 
 constexpr uint64_t kProgressEvery = 500;  // entries
 
+// Of entries that come twice from one domain, beside those that another domain has as well. Beyond that the
+// server goes round in circles.
+constexpr size_t kMostRepeats = 1000;
+
 constexpr std::string_view kNoUsers =
     "the servers gave no users at all (are BaseDN and Schema right, may the reading account see them?); "
     "nothing "
@@ -64,8 +68,11 @@ class Attempt {
     request.base = domain.base_dn;
     request.filter = domain.schema == Schema::kAd ? kAdFilter : kPosixFilter;
     request.attributes = directory_attributes();
+    const size_t most_repeats = builder_.repeat_count() + entries_ + kMostRepeats;
     return connection.search(request, [&](LdifRecord& entry) -> Result<void> {
       report(domain.dns_name);
+      if (builder_.repeat_count() > most_repeats)
+        return failed(kDirectoryOther, connection.url() + ": the same entries come again and again");
       if (auto added = builder_.add(entry); !added) {
         return failed(added.error().code, connection.url() + ": " + added.error().text);
       }

@@ -101,6 +101,12 @@ bool is_usable(const LiveEntry& entry) {
   return entry.kind == EntryKind::kGroup || (entry.kind == EntryKind::kUser && !fold_text(entry.uid).empty());
 }
 
+std::chrono::seconds longest_answer(const Settings& settings) {
+  uint32_t longest = 0;
+  for (const Domain& one : settings.domains) longest = std::max(longest, one.operation_timeout);
+  return std::chrono::seconds(longest);
+}
+
 // A DN in the one form that every server reads; "" for a text that is no DN.
 std::string plain_dn(std::string_view text) {
   const auto rdns = parse_dn(text);
@@ -179,7 +185,10 @@ std::string_view group_classes(Schema schema) {
 }
 
 LiveSearch::LiveSearch(const ServerPools& pools, const Settings& settings)
-    : pools_(pools), settings_(settings), finds_dns_(pools.size(), Finds::kUnknown) {
+    : pools_(pools),
+      settings_(settings),
+      finds_dns_(pools.size(), Finds::kUnknown),
+      patience_(longest_answer(settings)) {
   for (const auto& servers : pools_) base_keys_.push_back(normalize_dn(servers->domain().base_dn));
   deadline_ = std::chrono::steady_clock::now() + kMostTime;
 }
@@ -201,7 +210,9 @@ bool LiveSearch::may_hold(size_t number, std::string_view dns) const {
   return base.empty() || wanted == base || wanted.ends_with("." + base);
 }
 
-Result<void> LiveSearch::in_time() const {
+Result<void> LiveSearch::in_time() {
+  if (!patience_.may_go_on())
+    return failed(kDirectoryTimeout, "the servers are slow, and too many look-ups take longer already");
   if (std::chrono::steady_clock::now() < deadline_) return {};
   return failed(kDirectoryTimeout, "the servers took too long over one look-up, more than " +
                                        std::to_string(kMostTime.count()) + " seconds");
@@ -210,13 +221,13 @@ Result<void> LiveSearch::in_time() const {
 // The pool may run the search again from its beginning, on another server.
 Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Question& question,
                              std::vector<LiveEntry>& found) {
-  if (auto time = in_time(); !time) return tl::make_unexpected(time.error());
+  if (auto begin = in_time(); !begin) return tl::make_unexpected(begin.error());
   request.attributes = attributes_for(question.wanted);
   request.limits.max_entries = kMostEntries;
   const size_t before = found.size();
-  bool late = false;  // not the server's time-out, which would put it aside
+  Result<void> time;  // no time left is not the server's time-out, which would put it aside
   const auto take = [&](LdifRecord& record) -> Result<void> {
-    if (late = !in_time(); late) return failed(kDirectoryOther, "late");
+    if (time = in_time(); !time) return failed(kDirectoryOther, "late");
     LiveEntry entry = take_entry(record, settings_);
     if (!is_usable(entry) || (question.keep && !question.keep(entry))) return {};
     if (found.size() - before == question.most) return failed(kDirectorySizeLimit, "enough");
@@ -229,7 +240,7 @@ Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Questio
   });
   if (done) return true;
   const int code = done.error().code;
-  if (late) return tl::make_unexpected(in_time().error());
+  if (!time) return tl::make_unexpected(time.error());
   if (code == kDirectorySizeLimit) return false;
   // An entry that another server holds is not in this tree either.
   const bool elsewhere = code == kDirectoryNoSuchObject || code == kReferral;

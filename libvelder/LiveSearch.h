@@ -14,6 +14,7 @@
 #include "libvelder/DirectoryEntry.h"
 #include "libvelder/Error.h"
 #include "libvelder/LdapConnection.h"
+#include "libvelder/LongWaits.h"
 #include "libvelder/ServerPool.h"
 #include "libvelder/Settings.h"
 
@@ -75,7 +76,7 @@ class LiveSearch {
   // DNs or names in one filter: few round trips, and short enough for every server.
   static constexpr size_t kChunk = 50;
   // Of one look-up, however many searches it takes. A thread is not to be lost to a server that answers
-  // everything a little too late.
+  // everything a little too late: beyond the time-out for one answer not every thread may go on.
   static constexpr std::chrono::seconds kMostTime{30};
 
   // Both must outlive this.
@@ -104,7 +105,7 @@ class LiveSearch {
                          std::vector<LiveEntry>& found);
 
  private:
-  Result<void> in_time() const;
+  Result<void> in_time();
   Result<bool> run(size_t domain, SearchRequest request, const Question& question,
                    std::vector<LiveEntry>& found);
   Result<void> read_in(size_t domain, const std::string& dn, std::string_view dn_key, Wanted wanted,
@@ -120,6 +121,7 @@ class LiveSearch {
   std::vector<std::string> base_keys_;
   std::vector<Finds> finds_dns_;  // whether the domain's servers can search for a DN
   std::chrono::steady_clock::time_point deadline_;
+  LongWait patience_;
 };
 
 }  // namespace velder

@@ -13,6 +13,7 @@ ProcessCount g_places_taken;
 // Leaves the count when its thread ends.
 struct RequestThread {
   pid_t process = 0;  // that it was counted in; 0: in none
+  int waits = 0;      // that share its place
   RequestThread() = default;
   RequestThread(const RequestThread&) = delete;
   RequestThread& operator=(const RequestThread&) = delete;
@@ -61,7 +62,7 @@ void count_request_thread() {
 }
 
 LongWait::~LongWait() {
-  if (has_place_) g_places_taken.subtract();
+  if (has_place_ && --this_thread().waits == 0) g_places_taken.subtract();
 }
 
 LongWait::LongWait(Time began) : began_(began) {
@@ -69,14 +70,16 @@ LongWait::LongWait(Time began) : began_(began) {
 }
 
 bool LongWait::may_go_on() {
-  if (has_place_ || std::chrono::steady_clock::now() - began_ < kFree) return true;
+  if (has_place_ || std::chrono::steady_clock::now() - began_ < free_) return true;
   if (this_thread().process != getpid()) return true;
   take_place();
   return has_place_;
 }
 
 void LongWait::take_place() {
-  has_place_ = g_places_taken.add(std::max(g_request_threads.get() / 2, 1U));
+  int& waits = this_thread().waits;
+  has_place_ = waits > 0 || g_places_taken.add(std::max(g_request_threads.get() / 2, 1U));
+  if (has_place_) ++waits;
 }
 
 }  // namespace velder

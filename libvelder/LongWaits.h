@@ -31,13 +31,13 @@ class ProcessCount {
 // From now on the calling thread is one that answers requests. May be called again.
 void count_request_thread();
 
-// One wait of the calling thread.
+// One wait of the calling thread; inside another one it shares that one's place.
 class LongWait {
  public:
   using Time = std::chrono::steady_clock::time_point;
   static constexpr std::chrono::seconds kFree{2};
 
-  LongWait() = default;
+  explicit LongWait(std::chrono::seconds free = kFree) : free_(free) {}
   // For a thread that waits for another one, which waits for the server since `began`. Takes a place at once,
   // so that the other one, which has to end its wait for all of them, gets none when they are many.
   explicit LongWait(Time began);
@@ -52,6 +52,7 @@ class LongWait {
   void take_place();
 
   const Time began_ = std::chrono::steady_clock::now();
+  const std::chrono::seconds free_ = kFree;
   bool has_place_ = false;
 };
 
