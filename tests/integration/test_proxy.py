@@ -7,7 +7,7 @@ import pytest
 from harness import directory, wire
 from harness.daemon import Daemon, until
 from harness.helper import ScriptedDaemon
-from servers.kdc import GATEWAY, PASSWORDS, Realm
+from servers.kdc import GATEWAY, PASSWORDS, Realm, client_environment
 from servers.ntlm import HASH
 from servers.process import run
 from servers.squid import Squid, origin
@@ -110,7 +110,7 @@ def test_ntlm__with_the_hashes_of_the_directory(gateway):
 
 
 def test_negotiate__with_a_ticket(realm, squid):
-    environment = realm.client_environment()
+    environment = client_environment(realm.folder)
     def fetch(port):
         return squid.fetch(port, "--proxy-negotiate", "-U", ":", host=GATEWAY, environment=environment)
     for user in ("alice", "zo\u00eb"):
