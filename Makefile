@@ -77,8 +77,17 @@ lint: ## Checks layout, looks for bugs with clang-tidy, checks the shell scripts
 	@$(COMPILE) build/lint --target velder_proto
 	@bash tools/lint.sh build/lint
 
+deb: ## Builds the Debian packages into build/deb
+	@$(INSTALL) build deb
+	@bash packaging/make-deb.sh
+
+deb-test: ## Builds the packages, then installs, upgrades and removes them in a Debian root of their own (needs root)
+	@$(INSTALL) build deb deb-test
+	@bash packaging/make-deb.sh
+	@/usr/bin/python3 -B tests/packaging/alone.py build/deb tests/packaging
+
 clean: ## Removes what was built; stops the demo, keeps its files in build/demo
 	@bash tools/demo.sh stop
 	@if [ -d build ]; then find build -mindepth 1 -maxdepth 1 ! -name demo -exec rm -rf {} +; fi
 
-.PHONY: help build demo demo-proxy demo-stop check bench asan tsan fuzz chaos lint clean
+.PHONY: help build demo demo-proxy demo-stop check bench asan tsan fuzz chaos lint deb deb-test clean
