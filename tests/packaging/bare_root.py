@@ -95,7 +95,7 @@ def make_roots():
     make_root(ROOTS / "minimal", bootstrap, [])
     copy = lambda draft: run("cp", "--archive", str(ROOTS / "minimal"), str(draft))  # noqa: E731
     make_root(ROOTS / "plain", copy, [*ours, *STANDALONE, "logrotate", "bash-completion"])
-    make_root(ROOTS / "systemd", copy, [*ours, "systemd", "systemd-sysv", "dbus"])
+    make_root(ROOTS / "systemd", copy, [*ours, "systemd", "systemd-sysv", "dbus", "iproute2"])
 
 
 class Root:
@@ -107,7 +107,6 @@ class Root:
             (scratch / name).mkdir()
         run("mount", "-t", "overlay", "overlay", "-o",
             f"lowerdir={lower},upperdir={scratch}/upper,workdir={scratch}/work", str(self.path))
-        run("mount", "--bind", str(PACKAGES), str(self.mkdir("mnt")))
 
     def mkdir(self, name):
         (self.path / name).mkdir(parents=True, exist_ok=True)
