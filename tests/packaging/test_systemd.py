@@ -57,6 +57,7 @@ def test_a_life_as_a_service(machine, scratch):
     machine("systemctl", "reload", "quarn-authd")
     assert "told 2 worker processes" in machine("journalctl", "--no-pager").stdout[-3000:]
     until(lambda: answer(machine, "ip-query", "192.0.2.11").get("userInfo", {}).get("uid") == "jmueller", "the example")
+    assert machine("authctl", "status").stdout.startswith(f"daemon:     running, pid {first}, 2 of 2 workers")
     # Where it may write, and where not: the export of a client names the path.
     assert answer(machine, "export", f"{WORK}/export/bindings.csv")["result"] == 0
     assert answer(machine, "export", "/var/lib/misc/bindings.csv")["result"] != 0
