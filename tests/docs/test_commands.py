@@ -1,0 +1,209 @@
+"""Every command block of README and docs is run, in the order of the page, on a machine that looks like one with the
+package: programs in PATH, settings in /etc/quarn, the working directory in /var/lib, a service to start and stop.
+
+What a block is stands behind its fence:  ```sh  commands, each has to succeed;  ```console  commands with what they
+print, to the letter or, with the word roughly, in the first words of lines;  ```ini PATH  and  ```ldif PATH  files that the reader writes;  "not run: REASON"  behind
+the word what only a machine of another kind could run. Other blocks hold no commands, which is checked."""
+
+import os
+import pathlib
+import re
+import shutil
+import subprocess
+
+import pytest
+
+from harness import sandbox, wire
+from harness.daemon import LONG_WAIT, PROGRAMS, processes, until
+from servers import people
+from servers.samba_ad import PEOPLE_OF_NOTE, READER_PASSWORD as AD_PASSWORD, SambaDomain
+from servers.slapd import READER, READER_PASSWORD, Slapd
+
+TOP = pathlib.Path(__file__).resolve().parents[2]
+PAGES = sorted([TOP / "README.md", *TOP.glob("docs/*.md"), *TOP.glob("examples/*.md")])
+WORK = "/var/lib/quarn-authd"
+FENCE = re.compile(r"^(?P<indent> *)```(?P<info>[^\n]*)\n(?P<text>.*?)^(?P=indent)```$", re.MULTILINE | re.DOTALL)
+OUR_PROGRAMS = r"authctl|ldap_sync|authhelper|AuthDaemon|LdapSyncTool\.sh|systemctl|quarn-authd-allow|make|ipcache_dump"
+DATA = ("ini", "ldif", "frames", "python", "text", "conf")
+
+# Stands in for the init system: the package's own tests use the real one.
+SYSTEMCTL = f"""#!/bin/sh
+set -e
+stop() {{
+  if [ -s {sandbox.PID_FILE} ]; then kill "$(cat {sandbox.PID_FILE})"; fi
+  for pid in $(pgrep -x AuthDaemon); do while grep -qs 'State:.[^Z]' /proc/$pid/status; do sleep 0.05; done; done
+}}
+start() {{
+  AuthDaemon --workdir {WORK}
+  i=0
+  while ! authctl --timeout 5 ip-query 0.0.0.0 >/dev/null 2>&1 && [ $i -lt 200 ]; do
+    if authctl ip-query 0.0.0.0 2>&1 | grep -q 'no binding'; then break; fi
+    i=$((i + 1)); sleep 0.05
+  done
+}}
+case "$1 $2" in
+  "start quarn-authd") start ;;
+  "stop quarn-authd") stop ;;
+  "restart quarn-authd") stop; start ;;
+  "reload quarn-authd") {WORK}/LdapSyncTool.sh ;;
+  "daemon-reload ") ;;
+  *) echo "systemctl: not here: $*" >&2; exit 1 ;;
+esac
+"""
+
+
+class Block:
+    def __init__(self, page, match):
+        self.line = page.read_text(encoding="utf-8")[:match.start()].count("\n") + 1
+        self.where = f"{page.relative_to(TOP)}:{self.line}"
+        self.kind, _, self.rest = match["info"].strip().partition(" ")
+        self.text = re.sub(rf"(?m)^{match['indent']}", "", match["text"])
+
+
+def begins(text):
+    """The first word of each line; numbers are all alike."""
+    return [re.sub(r"\d+", "0", line.split()[0]) if line.strip() else "" for line in text.splitlines()]
+
+
+def blocks(page):
+    return [Block(page, match) for match in FENCE.finditer(page.read_text(encoding="utf-8"))]
+
+
+class Gateway:
+    """Where the commands run. `names` turns what a page says into what the test's servers are called."""
+
+    def __init__(self, names=()):
+        self.names = names
+        self.ran, self.passed_over = [], []
+
+    def set_up(self):
+        for name in pathlib.Path("/etc/quarn").glob("*.ini"):
+            name.unlink()
+        sandbox.clean(account=True)
+        for folder in (WORK, "/root/bin"):
+            shutil.rmtree(folder, ignore_errors=True)
+            os.makedirs(folder)
+        for folder in ("log", "export"):
+            os.mkdir(f"{WORK}/{folder}")
+        for name in ("LdapSetting.ini", "IPUserCache.ini"):
+            shutil.copy(TOP / "examples/workdir" / name, "/etc/quarn")
+            os.symlink(f"/etc/quarn/{name}", f"{WORK}/{name}")
+        for name in ("LdapSyncTool.sh", "wmi_agent.csv"):
+            shutil.copy(TOP / "examples/workdir" / name, WORK)
+        shutil.copy(TOP / "examples/workdir/directory.ldif", f"{WORK}/example.ldif")
+        subprocess.run(["chown", "--recursive", "quarn:quarn", WORK], check=True)
+        os.chmod(WORK, 0o750)
+        self.program("systemctl", SYSTEMCTL)
+        shutil.copy(TOP / "packaging/quarn-authd-allow", "/root/bin")
+        self.sh("systemctl start quarn-authd")
+
+    def program(self, name, text):
+        path = pathlib.Path("/root/bin") / name
+        path.write_text(text)
+        path.chmod(0o755)
+
+    def sh(self, commands):
+        for said, meant in self.names:
+            commands = commands.replace(said, meant)
+        environment = {**os.environ, "PATH": f"/root/bin:{PROGRAMS}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8"}
+        return subprocess.run(["bash", "-e", "-u", "-c", commands], env=environment, cwd=WORK, text=True,
+                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                              timeout=3 * LONG_WAIT, check=False)
+
+    def run(self, block):
+        if block.rest.startswith("not run"):
+            self.passed_over.append(f"{block.where}: {block.rest}")
+        elif block.kind == "sh":
+            done = self.sh(block.text)
+            assert done.returncode == 0, f"{block.where}: status {done.returncode}\n{done.stdout}"
+            self.ran += block.text.splitlines()
+        elif block.kind == "console":
+            for command, expected in re.findall(r"(?ms)^\$ (.*?)\n(.*?)(?=^\$ |\Z)", block.text):
+                printed = self.sh(command).stdout
+                if block.rest == "roughly":
+                    same = begins(printed) == begins(expected)
+                else:
+                    same = printed == expected
+                assert same, f"{block.where}: {command}\nprinted:\n{printed}"
+                self.ran.append(command)
+        elif block.kind in ("ini", "ldif") and block.rest.startswith("/"):
+            text = block.text
+            for said, meant in self.names:
+                text = text.replace(said, meant)
+            if "$HASH" in text:
+                text = text.replace("$6$0123456789abcdef$HASH", self.sh(
+                    "openssl passwd -6 -salt 0123456789abcdef 'first password'").stdout.strip())
+            pathlib.Path(block.rest).write_text(text)
+
+    def tear_down(self):
+        for pid in processes():
+            os.kill(pid, 9)
+        until(lambda: not [pid for pid, (_, state) in processes().items() if state != "Z"], "the end of all daemons")
+
+
+def run_page(name, names=(), prepare=lambda: None, finish=lambda: None):
+    gateway = Gateway(names)
+    gateway.set_up()
+    prepare()
+    try:
+        for block in blocks(TOP / name):
+            gateway.run(block)
+        finish()
+    finally:
+        gateway.tear_down()
+    print(f"\n{name}: ran")
+    print("\n".join(f"  {command}" for command in gateway.ran))
+    print("\n".join(f"  passed over: {reason}" for reason in gateway.passed_over))
+
+
+def serve_examples():
+    shutil.copy(TOP / "examples/workdir/directory.ldif", WORK)
+    subprocess.run([f"{WORK}/LdapSyncTool.sh"], env={**os.environ, "AUTH_PROGRAM_DIR": PROGRAMS}, check=True)
+
+
+def test_page_readme():
+    run_page("README.md", [("build/bin/", ""), ("/srv/auth", WORK)], serve_examples)
+
+
+def test_page_run_alone():
+    run_page("docs/run-alone.md")
+
+
+def test_page_operations():
+    """What was bound in the beginning is in the backup, and back in the end."""
+    def bind():
+        with wire.Connection() as connection:
+            connection.bind("192.0.2.77", "OFFICE\\alice")
+
+    def is_back():
+        with wire.Connection() as connection:
+            assert connection.bound_user("192.0.2.77") == "OFFICE\\alice"
+    run_page("docs/operations.md", (), bind, is_back)
+
+
+def test_page_openldap():
+    # The certificate is for the address.
+    with Slapd(people.content()) as server:
+        run_page("docs/run-openldap.md", [
+            ("cn=gateway,ou=services,dc=example,dc=com", READER), ("ldap://ldap1.example.com", server.url),
+            ("example.com", "corp.test"), ("the reading account'\"'\"'s password", READER_PASSWORD),
+        ], lambda: shutil.copy(server.ca, "/root/ca.pem"))
+
+
+def test_page_active_directory():
+    with SambaDomain() as domain:
+        run_page("docs/run-active-directory.md", [
+            ("corp.example.com", "corp.test"), ("CORP.EXAMPLE.COM", "CORP.TEST"), ("svc-gateway", "svc-read"),
+            ("the reading account'\"'\"'s password", AD_PASSWORD), ("Al1ce.Pass", PEOPLE_OF_NOTE["alice"][1]),
+        ], lambda: shutil.copy(domain.ca, "/root/ca.pem"))
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: str(page.relative_to(TOP)))
+def test_no_command_is_overlooked(page):
+    """A block that begins like a command says what it is, and a page with commands is run above."""
+    tried = {"README.md", "docs/run-alone.md", "docs/operations.md", "docs/run-openldap.md", "docs/run-active-directory.md"}
+    for block in blocks(page):
+        if block.kind in ("sh", "console"):
+            assert str(page.relative_to(TOP)) in tried or block.rest.startswith("not run"), f"{block.where}: never run"
+        elif block.kind not in DATA:
+            assert not re.search(rf"(?m)^\s*(\$ |([\w./]*/)?({OUR_PROGRAMS})\s)", block.text), f"{block.where}: a command?"
