@@ -23,7 +23,9 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 PAGES = sorted([TOP / "README.md", *TOP.glob("docs/*.md"), *TOP.glob("examples/*.md")])
 WORK = "/var/lib/quarn-authd"
 FENCE = re.compile(r"^(?P<indent> *)```(?P<info>[^\n]*)\n(?P<text>.*?)^(?P=indent)```$", re.MULTILINE | re.DOTALL)
-OUR_PROGRAMS = r"authctl|ldap_sync|authhelper|AuthDaemon|LdapSyncTool\.sh|systemctl|quarn-authd-allow|make|ipcache_dump"
+OUR_PROGRAMS = r"authctl|ldap_sync|authhelper|AuthDaemon|LdapSyncTool\.sh|systemctl|quarn-authd-allow|make|ipcache_dump|sqlite3|kinit|ldapsearch"
+TRIED = {"README.md", *(f"docs/{name}.md" for name in (
+    "run-alone", "operations", "run-openldap", "run-active-directory", "directory-snapshot", "protocol"))}
 DATA = ("ini", "ldif", "frames", "python", "text", "conf")
 
 # Stands in for the init system: the package's own tests use the real one.
@@ -77,8 +79,6 @@ class Gateway:
         self.ran, self.passed_over = [], []
 
     def set_up(self):
-        for name in pathlib.Path("/etc/quarn").glob("*.ini"):
-            name.unlink()
         sandbox.clean(account=True)
         for folder in (WORK, "/root/bin"):
             shutil.rmtree(folder, ignore_errors=True)
@@ -136,6 +136,8 @@ class Gateway:
             pathlib.Path(block.rest).write_text(text)
 
     def tear_down(self):
+        for path in pathlib.Path("/etc/quarn").glob("*.ini"):
+            path.unlink()
         for pid in processes():
             os.kill(pid, 9)
         until(lambda: not [pid for pid, (_, state) in processes().items() if state != "Z"], "the end of all daemons")
@@ -163,6 +165,18 @@ def serve_examples():
 
 def test_page_readme():
     run_page("README.md", [("build/bin/", ""), ("/srv/auth", WORK)], serve_examples)
+
+
+def test_page_directory_snapshot():
+    run_page("docs/directory-snapshot.md", (), serve_examples)
+
+
+def test_page_protocol():
+    def write_client():
+        serve_examples()
+        (client,) = [block.text for block in blocks(TOP / "docs/protocol.md") if block.kind == "python"]
+        pathlib.Path(f"{WORK}/client.py").write_text(client)
+    run_page("docs/protocol.md", (), write_client)
 
 
 def test_page_run_alone():
@@ -201,9 +215,12 @@ def test_page_active_directory():
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: str(page.relative_to(TOP)))
 def test_no_command_is_overlooked(page):
     """A block that begins like a command says what it is, and a page with commands is run above."""
-    tried = {"README.md", "docs/run-alone.md", "docs/operations.md", "docs/run-openldap.md", "docs/run-active-directory.md"}
+    command = re.compile(rf"(?m)^\s*(\$ |([\w./]*/)?({OUR_PROGRAMS})\s)")
     for block in blocks(page):
         if block.kind in ("sh", "console"):
-            assert str(page.relative_to(TOP)) in tried or block.rest.startswith("not run"), f"{block.where}: never run"
-        elif block.kind not in DATA:
-            assert not re.search(rf"(?m)^\s*(\$ |([\w./]*/)?({OUR_PROGRAMS})\s)", block.text), f"{block.where}: a command?"
+            assert str(page.relative_to(TOP)) in TRIED or block.rest.startswith("not run"), f"{block.where}: never run"
+        else:
+            assert block.kind in DATA or not command.search(block.text), f"{block.where}: a command?"
+    outside = FENCE.sub("", page.read_text(encoding="utf-8"))
+    indented = "\n".join(line for line in outside.splitlines() if line.startswith("    "))
+    assert not command.search(indented), f"{page.name}: {command.search(indented).group()} in no block"
