@@ -41,7 +41,9 @@ bugs() {
 }
 
 shell() {
-  own sh | xargs -0 -r shellcheck .ci/run
+  own sh | xargs -0 -r shellcheck .ci/run packaging/await-start packaging/quarn-authd-allow debian/quarn-authd.init \
+    debian/quarn-authd.postrm &&
+    shellcheck --shell=bash packaging/authctl.bash-completion
 }
 
 run clang-format layout

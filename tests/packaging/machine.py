@@ -5,7 +5,7 @@ import os
 import signal
 import subprocess
 
-from bare_root import ENVIRONMENT, until
+from bare_root import ENVIRONMENT, run, until
 
 
 class Machine:
@@ -17,6 +17,9 @@ class Machine:
         self.console = open(f"{root.path.parent}/console", "w+b")  # pylint: disable=consider-using-with
 
     def __enter__(self):
+        # Where the tool keeps what belongs to a name; nobody else's shall be met there.
+        os.makedirs("/run/systemd/nspawn", exist_ok=True)
+        run("mount", "-t", "tmpfs", "tmpfs", "/run/systemd/nspawn")
         # Its own hierarchy of control groups, whatever this machine has: filters of addresses hang on it.
         settings = {**ENVIRONMENT, "SYSTEMD_NSPAWN_UNIFIED_HIERARCHY": "1", "SYSTEMD_NSPAWN_LOCK": "0",
                     "SYSTEMD_SECCOMP": "0"}  # which would refuse the system call for the filters
