@@ -91,7 +91,7 @@ def make_root(place, make, packages):
 
 def make_roots():
     """`plain` has no systemd but its two tools that work alone; `systemd` can be booted."""
-    ours = dependencies("quarn-authd")
+    ours = sorted({*dependencies("quarn-authd"), *dependencies("quarn-authhelper"), "gss-ntlmssp"})
     make_root(ROOTS / "minimal", bootstrap, [])
     copy = lambda draft: run("cp", "--archive", str(ROOTS / "minimal"), str(draft))  # noqa: E731
     make_root(ROOTS / "plain", copy, [*ours, *STANDALONE, "logrotate", "bash-completion"])

@@ -81,6 +81,10 @@ def test_a_life_on_a_bare_root(root, scratch):
     assert answer(root, "bind", "192.0.2.11", "jmueller@corp.example.com")["result"] == 0
     assert root.shell("stat -c '%U:%G %a' /var/brel/log/AuthDaemon.log.*") == "quarn:adm 660"
 
+    install(root, package("quarn-authhelper"))
+    assert root.shell("echo 192.0.2.11 | authhelper --mode ip-user") == "OK user=jmueller@corp.example.com"
+    root("dpkg", "--purge", "quarn-authhelper")
+
     # A later version over the running daemon: its files are in place, the daemon a new one, nothing is lost.
     install(root, next_version(scratch))
     second = int(root.read("etc/quarn/pids/auth_daemon.pid"))

@@ -57,6 +57,9 @@ def test_a_life_as_a_service(machine, scratch):
     machine("systemctl", "reload", "quarn-authd")
     assert "told 2 worker processes" in machine("journalctl", "--no-pager").stdout[-3000:]
     until(lambda: answer(machine, "ip-query", "192.0.2.11").get("userInfo", {}).get("uid") == "jmueller", "the example")
+    # The mechanism keeps its secrets in memory files, which the unit's limits must not forbid.
+    logon = machine("sh", "-c", "echo Trial.jmueller | authctl ntlm 'EXAMPLE\\jmueller'")
+    assert logon.stdout == "EXAMPLE\\jmueller\n"
     assert machine("authctl", "status").stdout.startswith(f"daemon:     running, pid {first}, 2 of 2 workers")
     # Where it may write, and where not: the export of a client names the path.
     assert answer(machine, "export", f"{WORK}/export/bindings.csv")["result"] == 0
