@@ -53,3 +53,10 @@ def test_an_unknown_server_changes_nothing(tmp_path):
 def test_the_manual_is_well_formed(page):
     assert run("mandoc", "-T", "lint", "-W", "warning", page).stdout == ""
     assert run("man", "--warnings", "-E", "UTF-8", "-l", "-Tutf8", "-Z", page).stderr == ""
+
+
+def test_the_package_is_built_with_what_the_makefile_installs():
+    libraries = {line.split()[1] for line in (TOP / "packaging/apt-packages.txt").read_text().splitlines()
+                 if line.startswith("build ") and line.endswith("-dev")}
+    control = (TOP / "debian/control").read_text()
+    assert libraries and not {name for name in libraries if f" {name}," not in control and f" {name}\n" not in control}
