@@ -86,10 +86,10 @@ class Asker(threading.Thread):
 
     def run(self):
         try:
-            with wire.Connection(timeout=20) as staying:
+            with wire.Connection(timeout=60) as staying:
                 while not self.stopping.is_set():
                     begin = time.monotonic()
-                    with wire.Connection(timeout=20) as passing:
+                    with wire.Connection(timeout=60) as passing:
                         for connection in (staying, passing):
                             assert connection.user_info("alice").userInfo.uid == "alice"
                     self.longest = max(self.longest, time.monotonic() - begin)
@@ -100,8 +100,9 @@ class Asker(threading.Thread):
 
 
 @contextlib.contextmanager
-def everybody_is_served(limit=5):
-    """While the body runs and for a moment before and after it; `limit` is the longest that one may wait."""
+def everybody_is_served(limit=20):
+    """While the body runs and for a moment before and after it; `limit` is the longest that one may wait, on a machine
+    that has other work, too."""
     stopping = threading.Event()
     askers = [Asker(stopping) for _ in range(2)]
     for asker in askers:

@@ -17,11 +17,12 @@ import pytest
 from crowd import LONG, SECONDS, SEED, bind_load, check_promises, everybody_is_served
 from harness import directory, sandbox, wire
 from harness.daemon import log_text, until, write_file
+from servers.workdir import sanitized
 from Velder_pb2 import IPAuthRequest, IPUserBindRequest, IPUserQueryRequest, UserInfoQueryRequest, UserSearchRequest, UserValidateRequest
 
 IDLE = 10_000 if LONG else 1_500
 WAITING = 5_000 if LONG else 700
-READERS = 60
+READERS = 24
 REQUESTS = 1_000_000 if LONG else 30_000
 HIDDEN_LOG = sandbox.LOG_DIR + ".away"
 
@@ -152,7 +153,7 @@ def test_everybody_is_served__while(daemon, disturb, options):
     assert daemon.count_lines(re.compile("."), level="ERR") == 0
     for worker in workers:
         assert len(daemon.descriptors(worker)) <= descriptors[worker]
-        assert own_memory(worker) < 400 << 20
+        assert sanitized("AuthDaemon") or own_memory(worker) < 400 << 20
     assert daemon.stop() == 0
 
 
@@ -261,5 +262,5 @@ def test_leaks__none_over_many_requests(daemon):
         descriptors, memory = before[worker]
         print(f"\n{REQUESTS} requests: worker {worker} from {memory >> 10} to {own_memory(worker) >> 10} KB")
         assert len(daemon.descriptors(worker)) <= descriptors
-        assert own_memory(worker) < memory + (12 << 20)
+        assert sanitized("AuthDaemon") or own_memory(worker) < memory + (4 << 20)
     assert daemon.stop() == 0

@@ -1,5 +1,5 @@
-// In a coverage build every program has this in the place of _exit, with which the daemon's workers end: their
-// counters would be lost.
+// In a coverage build every program has this in the place of _exit, with which the daemon's workers end:
+// their counters would be lost.
 #include <cstdlib>
 
 extern "C" void __gcov_dump();

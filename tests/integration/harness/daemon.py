@@ -64,8 +64,9 @@ def has_event_loop(pid):
     """What tells a worker from the child that synchronises, and from one that is just dying."""
     with contextlib.suppress(OSError):
         for fd in sorted(os.listdir(f"/proc/{pid}/fd"), key=int):
-            if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:[eventpoll]":
-                return True
+            with contextlib.suppress(FileNotFoundError):  # closed meanwhile, such as the log's
+                if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:[eventpoll]":
+                    return True
     return False
 
 
