@@ -1,7 +1,14 @@
 #include "libtorrin/Recovery.h"
 
-#include <csignal>
+#include <fcntl.h>
+#include <gmock/gmock.h>
 
+#include <csignal>
+#include <vector>
+
+#include "libtorrin/Store.h"
+#include "libtorrin/StoreFile.h"
+#include "libtorrin/UniqueFd.h"
 #include "tests/unit/libtorrin/CacheTest.h"
 
 class RecoveryTest : public CacheTest {
@@ -130,6 +137,42 @@ TEST_F(RecoveryTest, ADamagedFileIsPutAsideAndTheCopyTakesItsPlace) {
     EXPECT_EQ(lookup("10.0.0.199"), "<1>") << row.name;
     EXPECT_EQ(bind("10.0.0.199", "u"), 0) << row.name;
   }
+}
+
+TEST_F(RecoveryTest, AListOfFreePagesThatFillsPagesOfItsOwnIsReadButNotBelieved) {
+  ASSERT_EQ(start(), 0);
+  std::vector<torrin::AddressKey> keys;
+  for (int i = 0; i < 2000; ++i) {
+    const std::string ip = "10.0." + std::to_string(i / 200) + "." + std::to_string(i % 200);
+    ASSERT_EQ(bind(ip.c_str(), std::string(1000, 'u')), 0);
+    keys.push_back(*torrin::parse_address(ip.c_str()));
+  }
+  cache_.reset();
+  torrin::Store store;
+  ASSERT_TRUE(store.open({file("bindings.mdb"), false, map_bytes_}, [] {}));
+  ASSERT_EQ(store.remove_expired(keys, INT64_MAX), 2000);
+  store.close();
+  const auto check = [this] {
+    const torrin::UniqueFd fd(open(file("bindings.mdb").c_str(), O_RDONLY));
+    const auto header = torrin::check_store_file(fd.get());
+    return header ? std::to_string(header->free_pages.overflow_pages > 0) : header.error();
+  };
+  EXPECT_EQ(check(), "1");
+
+  // A run of nearly 4 GB from the last page number there is: neither may be added up or allocated first.
+  std::string text = read_text(file("bindings.mdb"));
+  const std::string flags_and_key_size("\1\0\10\0", 4);
+  size_t changed = 0;
+  for (size_t at = text.find(flags_and_key_size); at != std::string::npos;
+       at = text.find(flags_and_key_size, at + 1)) {
+    if (at % 2 != 0 || at < 4) continue;
+    text.replace(at - 4, 4, "\xf8\xff\xff\xff");
+    text.replace(at + 12, 8, 8, '\xff');
+    ++changed;
+  }
+  ASSERT_GT(changed, 0U);
+  write_text(file("bindings.mdb"), text);
+  EXPECT_THAT(check(), testing::HasSubstr("begins a run that leaves the file"));
 }
 
 TEST_F(RecoveryTest, ASecondDaemonIsTurnedAwayAndADeadOneBlocksNobody) {
