@@ -84,7 +84,7 @@ Result<void> Database::open_mapped(const SnapshotFile& file) {
   // take the lock of the whole process with which it ends a transaction.
   return execute(
       "PRAGMA mmap_size = 2147418112; PRAGMA locking_mode = EXCLUSIVE; PRAGMA temp_store = MEMORY;"
-      "PRAGMA trusted_schema = OFF; PRAGMA cell_size_check = ON; PRAGMA query_only = ON; BEGIN;");
+      "PRAGMA trusted_schema = OFF; PRAGMA query_only = ON; BEGIN;");
 }
 
 Result<void> Database::close() {
