@@ -20,18 +20,34 @@ namespace {
 // No directory takes longer ones; hashing what a client sends must stay cheap.
 constexpr size_t kLongestPassword = 4096;
 
+// Fetched once: the engine would look an algorithm up for each digest, under a lock of the whole process.
+const EVP_MD* sha1() {
+  static const EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA1", nullptr);
+  return fetched != nullptr ? fetched : EVP_sha1();
+}
+
+const EVP_MD* sha256() {
+  static const EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA256", nullptr);
+  return fetched != nullptr ? fetched : EVP_sha256();
+}
+
+const EVP_MD* sha512() {
+  static const EVP_MD* const fetched = EVP_MD_fetch(nullptr, "SHA512", nullptr);
+  return fetched != nullptr ? fetched : EVP_sha512();
+}
+
 struct HashScheme {
   std::string_view name;
   const EVP_MD* (*digest)();
   bool salted;
 };
 
-constexpr std::array<HashScheme, 6> kHashSchemes = {{{"SSHA", EVP_sha1, true},
-                                                     {"SSHA256", EVP_sha256, true},
-                                                     {"SSHA512", EVP_sha512, true},
-                                                     {"SHA", EVP_sha1, false},
-                                                     {"SHA256", EVP_sha256, false},
-                                                     {"SHA512", EVP_sha512, false}}};
+constexpr std::array<HashScheme, 6> kHashSchemes = {{{"SSHA", sha1, true},
+                                                     {"SSHA256", sha256, true},
+                                                     {"SSHA512", sha512, true},
+                                                     {"SHA", sha1, false},
+                                                     {"SHA256", sha256, false},
+                                                     {"SHA512", sha512, false}}};
 
 // A text that holds a password or hash and is wiped with all its room.
 class WipedString {
@@ -162,8 +178,8 @@ PasswordVerdict check_crypt(std::string_view hash, std::string_view given) {
 PasswordVerdict check_clear(std::string_view stored, std::string_view given) {
   Digest stored_digest;
   Digest given_digest;
-  if (!compute_digest(EVP_sha256(), stored, {}, stored_digest) ||
-      !compute_digest(EVP_sha256(), given, {}, given_digest)) {
+  if (!compute_digest(sha256(), stored, {}, stored_digest) ||
+      !compute_digest(sha256(), given, {}, given_digest)) {
     return PasswordVerdict::kCannotTell;
   }
   return verdict_of(

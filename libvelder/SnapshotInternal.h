@@ -84,6 +84,7 @@ class Statement {
 
   int64_t number(int column) const { return sqlite3_column_int64(handle_, column); }
   std::string text(int column) const;
+  bool is_null(int column) const { return sqlite3_column_type(handle_, column) == SQLITE_NULL; }
 
  private:
   sqlite3_stmt* handle_ = nullptr;

@@ -20,8 +20,7 @@ enum Query : size_t {
   kUsersScanned,
   kUser,
   kUserAddress,
-  kPasswords,
-  kSecrets,
+  kCredentials,
   kDomain,
   kGroupsByCn,
   kGroupsByDn,
@@ -54,10 +53,9 @@ constexpr std::array<const char*, kQueries> kSql = {
     "WHERE u.id = ?1",
     // kUserAddress
     "SELECT u.uid, d.dns FROM user_entry u CROSS JOIN domain d ON d.id = u.domain_id WHERE u.id = ?1",
-    // kPasswords
-    "SELECT value FROM user_password WHERE user_id = ?1 ORDER BY position",
-    // kSecrets
-    "SELECT disabled, nt_hash FROM user_entry WHERE id = ?1",
+    // kCredentials: a row for each password, one without a password when there is none
+    "SELECT u.disabled, u.nt_hash, p.value FROM user_entry u LEFT JOIN user_password p ON p.user_id = u.id "
+    "WHERE u.id = ?1 ORDER BY p.position",
     // kDomain
     "SELECT 1 FROM domain WHERE dns_key = ?1 OR netbios_key = ?1 LIMIT 1",
     // kGroupsByCn
@@ -207,13 +205,17 @@ bool SnapshotReader::user_address(EntryId id, std::string& address) {
 }
 
 void SnapshotReader::credentials(EntryId id, Credentials& credentials) {
-  const auto bind = [&](Statement& s) { s.bind(1, id); };
-  statements_->run(kSecrets, failure_, bind, [&](Statement& s) {
-    credentials.disabled = s.number(0) != 0;
-    credentials.nt_hash = s.text(1);
-  });
-  statements_->run(kPasswords, failure_, bind,
-                   [&](Statement& s) { credentials.passwords.push_back(s.text(0)); });
+  bool first = true;
+  statements_->run(
+      kCredentials, failure_, [&](Statement& s) { s.bind(1, id); },
+      [&](Statement& s) {
+        if (first) {
+          credentials.disabled = s.number(0) != 0;
+          credentials.nt_hash = s.text(1);
+          first = false;
+        }
+        if (!s.is_null(2)) credentials.passwords.push_back(s.text(2));
+      });
 }
 
 bool SnapshotReader::has_domain(std::string_view domain_key) {
