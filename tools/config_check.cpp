@@ -163,7 +163,7 @@ class Checker {
       ini_.emplace(report.file);
       if (ini_->getparam("LDAP_Setting", "SyncInterval") == nullptr) {
         warn(report.file, line_of("LDAP_Setting", ""),
-             "[LDAP_Setting] SyncInterval is missing: the synchronisation runs every ten minutes, expected "
+             "[LDAP_Setting] SyncInterval is missing: the synchronisation runs about once a minute, expected "
              "minutes such as 1440");
       }
     }

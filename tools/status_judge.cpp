@@ -31,8 +31,9 @@ void judge_processes(StatusReport& report) {
   const size_t workers = daemon.workers().size();
   const int expected = daemon.parameters ? daemon.parameters->processes : 0;
   if (daemon.parent_alive && static_cast<int>(workers) < expected) {
-    report.problems.push_back(std::to_string(workers) + " of " + std::to_string(expected) +
-                              " workers are running; the parent starts new ones every ten minutes");
+    report.problems.push_back(
+        std::to_string(workers) + " of " + std::to_string(expected) +
+        " workers are running; the parent replaces dead ones, in its first minute when that is over");
   }
   if (expected != 0 && static_cast<int>(workers) > expected) {
     report.notes.push_back(
@@ -94,7 +95,7 @@ void judge_synchronisation(StatusReport& report) {
   const SyncReportLine& sync = report.sync;
   auto& told = report.from_servers ? report.problems : report.notes;
   if (sync.interval == 0) {
-    report.notes.push_back("SyncInterval is missing or 0: the synchronisation runs every ten minutes");
+    report.notes.push_back("SyncInterval is missing or 0: the synchronisation runs about once a minute");
   }
   const double up = report.daemon.processes.front().uptime;
   const int64_t due = 2 * sync.interval + kLate;
