@@ -28,6 +28,7 @@ constexpr std::string_view kNtlmOid("\x2b\x06\x01\x04\x01\x82\x37\x02\x02\x0a", 
 constexpr std::string_view kSpnegoOid("\x2b\x06\x01\x05\x05\x02", 6);
 constexpr std::string_view kKerberosOid("\x2a\x86\x48\x86\xf7\x12\x01\x02\x02", 9);
 
+constexpr std::string_view kSidsAttribute = "urn:gssntlmssp:sids";
 constexpr char kUsersFileKey[] = "ntlmssp_keyfile";
 constexpr size_t kLongestNetbiosName = 15;
 constexpr size_t kLongestHostName = 255;
@@ -132,6 +133,19 @@ std::string_view without_nul(std::string_view name) {
   return name;
 }
 
+// The user's own stands before those of the groups.
+std::string first_sid_of(gss_name_t peer) {
+  gss_buffer_desc attribute = buffer_of(kSidsAttribute);
+  Buffer sids;
+  OM_uint32 minor = 0;
+  int authenticated = 0, complete = 0, more = -1;
+  if (GSS_ERROR(gss_get_name_attribute(&minor, peer, &attribute, &authenticated, &complete, sids.get(),
+                                       nullptr, &more))) {
+    return {};
+  }
+  return std::string(sids.view().substr(0, sids.view().find_first_of(std::string_view(",\0", 2))));
+}
+
 // A context of NTLM takes some 65 KB. After a crowd of clients that got a challenge and then said nothing,
 // the allocator would keep what they took.
 class Crowd {
@@ -185,6 +199,7 @@ GssAnswer accept(gss_ctx_id_t* context, gss_cred_id_t credential, std::string_vi
     } else {
       answer.outcome = GssOutcome::kProven;
       answer.name = without_nul(name.view());
+      if (mechanism == &g_ntlm) answer.sid = first_sid_of(peer.get());
       answer.anonymous = (flags & GSS_C_ANON_FLAG) != 0;
     }
   }

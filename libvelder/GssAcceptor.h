@@ -43,6 +43,7 @@ struct GssAnswer {
   GssOutcome outcome = GssOutcome::kNoAcceptor;
   std::string token;       // for the peer; also a refusal may have one
   std::string name;        // of the peer when it is proven
+  std::string sid;         // of the user whom winbind has proven
   bool anonymous = false;  // proven to be nobody
   bool damaged = false;    // refused for its form, not for what it proves
   bool denied = false;     // refused by who was asked for the proof

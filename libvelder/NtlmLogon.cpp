@@ -101,6 +101,18 @@ std::string refusal_of_winbind(const GssAnswer& answer) {
   return "winbind cannot be asked: " + answer.reason;
 }
 
+// Winbind reads the name by itself: a principal name that has changed hands since the directory was read
+// last, or a domain that it does not know, may mean another user to it.
+std::string refusal_of_somebody_else(const GssAnswer& answer, const Account& account) {
+  const WinbindUser proven = look_up_sid(answer.sid);
+  if (proven.name.empty()) return "winbind does not say whom it let in";
+  if (fold_text(proven.netbios_domain) == fold_text(account.netbios) &&
+      fold_text(proven.name) == fold_text(account.row.meta.uid)) {
+    return {};
+  }
+  return "winbind takes this for " + proven.netbios_domain + "\\" + proven.name + ", who is somebody else";
+}
+
 std::string refusal_of_mechanism(const GssAnswer& answer) {
   if (answer.outcome == GssOutcome::kNoAcceptor) return "NTLM cannot be accepted: " + answer.reason;
   if (answer.outcome == GssOutcome::kAnotherLeg) return "the mechanism wants another message";
@@ -203,9 +215,10 @@ NtlmLogon::Step NtlmLogon::verify(std::string_view client_ip, std::string& messa
       const WinbindTurn turn;
       if (!turn.granted()) {
         refusal = kWinbindBusy;
-      } else if (const GssAnswer answer = acceptor_->ntlm_ask_winbind(context_, message);
-                 answer.outcome != GssOutcome::kProven) {
-        refusal = refusal_of_winbind(answer);
+      } else {
+        const GssAnswer answer = acceptor_->ntlm_ask_winbind(context_, message);
+        refusal = answer.outcome == GssOutcome::kProven ? refusal_of_somebody_else(answer, account)
+                                                        : refusal_of_winbind(answer);
       }
     }
   } else {

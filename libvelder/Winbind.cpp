@@ -93,4 +93,22 @@ WinbindState look_at_winbind() {
   return state;
 }
 
+WinbindUser look_up_sid(const std::string& sid) {
+  WinbindUser user;
+  struct wbcDomainSid binary {};
+  if (!WBC_ERROR_IS_OK(wbcStringToSid(sid.c_str(), &binary))) return user;
+  wbcContext* context = wbcCtxCreate();
+  char* domain = nullptr;
+  char* name = nullptr;
+  enum wbcSidType type = WBC_SID_NAME_USE_NONE;
+  if (context != nullptr && WBC_ERROR_IS_OK(wbcCtxLookupSid(context, &binary, &domain, &name, &type)) &&
+      domain != nullptr && name != nullptr) {
+    user = {domain, name};
+  }
+  wbcFreeMemory(domain);
+  wbcFreeMemory(name);
+  wbcCtxFree(context);
+  return user;
+}
+
 }  // namespace velder

@@ -14,6 +14,14 @@ struct WinbindState {
 
 WinbindState look_at_winbind();
 
+// Whose a SID is; `name` is empty when winbind does not say.
+struct WinbindUser {
+  std::string netbios_domain;
+  std::string name;
+};
+
+WinbindUser look_up_sid(const std::string& sid);
+
 // The turn to ask one question; ends with the object. A winbind that has stopped answering holds the threads
 // that asked it for minutes. A few may be held; the others refuse their clients and go on.
 class WinbindTurn {

@@ -63,6 +63,16 @@ def test_logons__winbind_proves_and_the_directory_names(daemon, domain, member):
         assert why in last_refusal(), last_refusal()
 
 
+def test_name_that_has_changed_hands__lets_nobody_in_as_its_former_owner(daemon, domain, member):
+    winbind.let_daemon_ask(True)
+    sandbox.clean(True)
+    write_file("directory.ldif", "dn: uid=before,dc=corp,dc=test\nobjectClass: person\nuid: before\ncn: Before\nsn: B\n"
+                                 "userPrincipalName: alice@corp.test\n")
+    daemon.start(keep=True)
+    assert ntlm.log_on("alice@corp.test", ALICES, "") is None
+    assert "CORP\\alice, who is somebody else" in last_refusal()
+
+
 def test_without_the_right_or_winbind__the_log_says_which(daemon, domain, member):
     start(daemon, domain, may_ask=False)
     assert ntlm.log_on("alice", ALICES, "CORP") is None and "group winbindd_priv" in last_refusal()
