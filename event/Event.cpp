@@ -6,7 +6,7 @@
 // when none of them is a removal or comes on top of another registration.
 //
 // A quick callback runs with the lead. Its descriptor, without a registration now, stays in epoll, since
-// nobody waits; it is taken out before the lead is given away, or the next registration takes the place.
+// nobody waits; the next registration takes the place, or it is taken out before somebody waits again.
 //
 // Invariant, while a thread waits: a descriptor is in the epoll set only if the table holds a registration of
 // it. Both change only under event_list_mutex. Lock order: epoll_mutex before event_list_mutex. event_add and
@@ -135,6 +135,8 @@ event take_ready(int fd) REQUIRES(event_list_mutex) {
 }
 
 void watch(event* record) REQUIRES(event_list_mutex) {
+  // Registered twice: from here on the place in epoll is this one's.
+  if (record->fd == t_lead.fired_fd) remove_fired();
   epoll_event request{};
   request.events = static_cast<uint32_t>(record->events & kEventMask);
   request.data.fd = record->fd;
@@ -299,6 +301,6 @@ int event_dispatch() {
     if (!ready.quick) event_release_lead();
     ready.callback(ready.fd, ready.events, ready.arg);
     if (ready.persist == 1) event_add(&ready, 1);
-    t_lead.fired_fd = -1;  // a callback that did not register it again has closed it
+    remove_fired();  // of a callback that neither registered it again nor closed it
   }
 }

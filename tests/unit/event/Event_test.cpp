@@ -376,6 +376,20 @@ void add_itself_among_others(int fd, short events, void* arg) {
   unwatch(2);
 }
 
+// A quick callback that leaves its descriptor alone, ready as it is, while another registration of it waits.
+void leave_alone_what_was_added_again(int fd, short events, void* arg) {
+  static bool again = false;
+  watch(1, again ? "second" : "first", true);
+  if (again) {
+    end_script(fd, events, arg);
+    return;
+  }
+  again = true;
+  event ev;
+  event_set(&ev, fd, EVENT_READ, leave_alone_what_was_added_again, nullptr);
+  event_add(&ev, 0);
+}
+
 TEST(EventDeathTest, ChangesOfOneCallbackAreMadeInTheirOrder) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   struct {
@@ -386,6 +400,7 @@ TEST(EventDeathTest, ChangesOfOneCallbackAreMadeInTheirOrder) {
       {add_one_twice, "served: first\n"},
       {add_and_remove, "served: 2\n"},
       {add_itself_among_others, "served: 1\n"},
+      {leave_alone_what_was_added_again, "served: firstsecond\n"},
   };
   for (const auto& [callback, expected] : cases) {
     for (bool quick : {false, true}) {
