@@ -210,12 +210,11 @@ NtlmLogon::Step NtlmLogon::verify(std::string_view client_ip, std::string& messa
 
   std::string refusal;
   if (account.ask_winbind) {
-    refusal = account.refusal.empty() ? refusal_before_winbind(who, account) : account.refusal;
+    refusal = account.refusal;
     if (refusal.empty()) {
-      const WinbindTurn turn;
-      if (!turn.granted()) {
-        refusal = kWinbindBusy;
-      } else {
+      const WinbindTurn turn;  // a frozen winbind holds whoever asks it anything
+      refusal = turn.granted() ? refusal_before_winbind(who, account) : kWinbindBusy;
+      if (refusal.empty()) {
         const GssAnswer answer = acceptor_->ntlm_ask_winbind(context_, message);
         refusal = answer.outcome == GssOutcome::kProven ? refusal_of_somebody_else(answer, account)
                                                         : refusal_of_winbind(answer);
