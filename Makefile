@@ -48,7 +48,7 @@ asan: ## Runs all tests under the address and undefined-behaviour sanitizers
 	@$(INSTALL) build test
 	@$(CONFIGURE) build/asan -DBUILD_TESTS=ON -DSANITIZE=address,undefined
 	@$(COMPILE) build/asan
-	@$(TEST) build/asan
+	@LSAN_OPTIONS="suppressions=$$PWD/tests/lsan.supp $$LSAN_OPTIONS" $(TEST) build/asan
 
 # The thread sanitizer cannot map its shadow memory where addresses are randomised over more bits than it knows.
 tsan: ## Runs all tests under the thread sanitizer

@@ -95,24 +95,24 @@ class EventTest : public testing::Test {
 };
 
 TEST_F(EventTest, OneShotRegistrationFiresOnceAndPersistentOneAgainAndAgain) {
+  static std::array<Recorder, 2> recorders;  // outlive the test: the loop keeps the persistent registration
   for (short persist : {short{0}, short{1}}) {
     SCOPED_TRACE(persist);
     const Pair pair;
-    auto* recorder = new Recorder;  // outlives the test: the loop keeps the persistent registration
-    add(pair.fd(), EVENT_READ, *recorder, persist);
+    Recorder& recorder = recorders[static_cast<size_t>(persist)];
+    add(pair.fd(), EVENT_READ, recorder, persist);
     pair.poke();
-    ASSERT_TRUE(recorder->wait_for_calls(1));
+    ASSERT_TRUE(recorder.wait_for_calls(1));
     pair.poke();
     if (persist == 1) {
-      EXPECT_TRUE(recorder->wait_for_calls(2));
+      EXPECT_TRUE(recorder.wait_for_calls(2));
       event ev;
       event_set(&ev, pair.fd(), EVENT_READ, nullptr, nullptr);
       event_del(&ev);
       settle();
     } else {
       settle();
-      EXPECT_EQ(recorder->count(), 1);
-      delete recorder;
+      EXPECT_EQ(recorder.count(), 1);
     }
   }
 }
@@ -146,19 +146,19 @@ TEST_F(EventTest, NewerOfTwoRegistrationsOfADescriptorFires) {
 TEST_F(EventTest, RemovedOrInvalidRegistrationDoesNotFire) {
   const Pair removed;
   const Pair invalid;
-  auto* recorder = new Recorder;
-  add(removed.fd(), EVENT_READ, *recorder, 0);
+  static Recorder recorder;  // outlives the test, as what was removed is kept
+  add(removed.fd(), EVENT_READ, recorder, 0);
   event ev;
-  event_set(&ev, removed.fd(), EVENT_READ, record_and_drain, recorder);
+  event_set(&ev, removed.fd(), EVENT_READ, record_and_drain, &recorder);
   event_del(&ev);
   settle();
   shutdown(invalid.fds[1], SHUT_RDWR);  // a hang-up is reported whatever was asked for
-  event_set(&ev, invalid.fd(), 2, record_and_drain, recorder);
+  event_set(&ev, invalid.fd(), 2, record_and_drain, &recorder);
   EXPECT_EQ(event_add(&ev, 0), 1);
   removed.poke();
   settle();
   settle();
-  EXPECT_EQ(recorder->count(), 0);
+  EXPECT_EQ(recorder.count(), 0);
 }
 
 TEST_F(EventTest, DescriptorBecomesNonBlockingAndWhatIsNoneDoesNoHarm) {
@@ -219,8 +219,8 @@ void serve_one_byte(int fd, short /*events*/, void* arg) {
 TEST_F(EventTest, DescriptorIsNeverServedByTwoThreadsAtOnceAndLosesNothing) {
   constexpr int kPairs = 50;
   constexpr int kBytes = 200;
-  auto& pairs = *new std::array<Pair, kPairs>;  // their registrations outlive the test
-  auto& loads = *new std::array<Load, kPairs>;
+  static std::array<Pair, kPairs> pairs;  // their registrations outlive the test
+  static std::array<Load, kPairs> loads;
   for (size_t i = 0; i < kPairs; ++i) {
     loads[i].quick = i % 2 == 0;
     event ev;
@@ -256,8 +256,8 @@ void serve_persistent(int fd, short /*events*/, void* arg) {
 
 TEST_F(EventTest, PersistentDescriptorIsNeverServedByTwoThreadsAtOnce) {
   constexpr int kBytes = 50;
-  auto& pair = *new Pair;  // its registration outlives the test
-  auto& load = *new Load;
+  static const Pair pair;  // its registration outlives the test
+  static Load load;
   event ev;
   event_set(&ev, pair.fd(), EVENT_READ, serve_persistent, &load);
   event_add(&ev, 1);

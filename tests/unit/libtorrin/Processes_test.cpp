@@ -111,6 +111,9 @@ TEST_F(ProcessesTest, EveryGenerationOfForksSeesAndChangesTheSameBindings) {
 }
 
 TEST_F(ProcessesTest, AForkWhileThreadsAreInsideCallsIsSafe) {
+#if defined(__SANITIZE_ADDRESS__)
+  GTEST_SKIP() << "this sanitizer's allocator stays locked in a child when another thread was inside it";
+#endif
   ASSERT_EQ(start(), 0);
   std::atomic<bool> stop{false};
   std::vector<std::thread> callers;
