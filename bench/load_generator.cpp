@@ -272,6 +272,13 @@ int generate(const Settings& settings) {
   wanted.users = settings.users;
   wanted.answer_bytes = settings.answer_bytes;
   if (wanted.shares.empty()) return complain("cannot read --request " + settings.requests);
+  const auto wants = [&](RequestKind kind) {
+    return std::any_of(wanted.shares.begin(), wanted.shares.end(),
+                       [&](const Share& share) { return share.kind == kind; });
+  };
+  if (wants(RequestKind::kBind) && wants(RequestKind::kIpQueryHit)) {
+    return complain("bind renews the expiry that ip-query-hit compares: ask for them apart");
+  }
 
   const auto addresses = velder_client::resolve({"127.0.0.1", port});
   if (!addresses) return complain(addresses.error().text);
