@@ -84,9 +84,10 @@ Result<UniqueFd> connect_any(const std::vector<SocketAddress>& addresses, const 
   std::vector<Candidate> candidates;
   candidates.reserve(addresses.size());
   for (const SocketAddress& address : addresses) candidates.push_back({&address, std::nullopt});
+  bool refused =
+      false;  // in any round: the last one may be cut short by the deadline before it hears anything
   for (milliseconds slice = kFirstSlice;; slice = std::min(2 * slice, kLongestSlice)) {
     bool again = false;
-    bool refused = false;
     const Clock::time_point round_start = Clock::now();
     for (Candidate& candidate : candidates) {
       if (candidate.failure) continue;
