@@ -84,8 +84,7 @@ Result<UniqueFd> connect_any(const std::vector<SocketAddress>& addresses, const 
   std::vector<Candidate> candidates;
   candidates.reserve(addresses.size());
   for (const SocketAddress& address : addresses) candidates.push_back({&address, std::nullopt});
-  bool refused =
-      false;  // in any round: the last one may be cut short by the deadline before it hears anything
+  bool refused = false;  // in any round: the deadline may cut the last one short
   for (milliseconds slice = kFirstSlice;; slice = std::min(2 * slice, kLongestSlice)) {
     bool again = false;
     const Clock::time_point round_start = Clock::now();
