@@ -4,8 +4,6 @@
 #include <strings.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <cstring>
 
@@ -13,6 +11,7 @@
 #include "cache/Cache.h"
 #include "handler/EventHandler.h"
 #include "handler/HandlerInternal.h"
+#include "handler/QuickWork.h"
 #include "handler/WmiExchange.h"
 #include "wrapper/CacheWrapper.h"
 
@@ -23,20 +22,7 @@ constexpr int kQueryLifetime = 86400;  // seconds
 constexpr int kAuthPlaceholderLifetime = 120;
 constexpr const char* kGuestUser = "Proxy_guest_user";  // the proxy's guest account: not in any directory
 
-// A change that takes longer waits for its disk (a store that is durable) or for another process.
-constexpr std::chrono::microseconds kQuickChange{500};
-std::atomic<bool> g_changes_wait{false};
-
-// Changes the bindings. When the change before had to wait, others get the lead of the event loop first: a
-// slow disk must not hold up who only looks something up.
-template <class Change>
-int change_bindings(Change change) {
-  if (g_changes_wait.load(std::memory_order_relaxed)) event_release_lead();
-  const auto start = std::chrono::steady_clock::now();
-  const int code = change();
-  g_changes_wait.store(std::chrono::steady_clock::now() - start > kQuickChange, std::memory_order_relaxed);
-  return code;
-}
+QuickWork g_changes;  // of the bindings
 
 void drop_cached_query(const char* ip) {
   Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, nullptr, 0);
@@ -151,8 +137,7 @@ Outcome handle_ip_bind(Frame& frame) {
 
   const char* ip = whole_text(request.ip());
   Velder::IPUserBindResponse response;
-  response.set_result(
-      change_bindings([&] { return CacheWrapper::update_cache_item(ip, request.user_ln()); }));
+  response.set_result(g_changes.run([&] { return CacheWrapper::update_cache_item(ip, request.user_ln()); }));
   drop_cached_query(ip);
   VRLOG(kLogDebug, "IP_USER_BIND_REQUEST, ip(%s)->user(%s), rc(%d)", request.ip().c_str(),
         request.user_ln().c_str(), response.result());
@@ -165,7 +150,7 @@ Outcome handle_ip_unbind(Frame& frame) {
 
   const char* ip = whole_text(request.ip());
   Velder::IPUserUnBindResponse response;
-  response.set_result(change_bindings([&] { return CacheWrapper::delete_cache_item(ip); }));
+  response.set_result(g_changes.run([&] { return CacheWrapper::delete_cache_item(ip); }));
   drop_cached_query(ip);
   VRLOG(kLogDebug, "IP_USER_UNBIND_REQUEST, ip(%s), rc(%d)", request.ip().c_str(), response.result());
   return reply(frame, response);
