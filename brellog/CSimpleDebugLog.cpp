@@ -32,43 +32,47 @@ BRELMutex& file_lock() {
   return lock.get();
 }
 
+// What a line says of the time, and in which day's file it goes. Each thread keeps its own for a second:
+// looking at the zone, whose file may be replaced while we run, would be a quarter of a line's cost.
 struct TimeStamp {
-  char clock[32];       // hours:minutes:seconds.milliseconds
-  char day_suffix[32];  // what the day adds to the file name
+  time_t second = -1;
+  char clock[16] = "";       // hours:minutes:seconds
+  char day_suffix[32] = "";  // what the day adds to the file name
+  int milliseconds = 0;
 };
 
-TimeStamp take_time_stamp() {
-  tzset();
+const TimeStamp& take_time_stamp() {
+  constinit thread_local TimeStamp stamp;
   timeval now = {};
   gettimeofday(&now, nullptr);
+  stamp.milliseconds = static_cast<int>(now.tv_usec / 1000);
+  if (now.tv_sec == stamp.second) return stamp;
+
+  tzset();
   tm local = {};
   localtime_r(&now.tv_sec, &local);
-
-  TimeStamp stamp;
-  char seconds[16];
-  strftime(seconds, sizeof seconds, "%T", &local);
-  snprintf(stamp.clock, sizeof stamp.clock, "%s.%03d", seconds, static_cast<int>(now.tv_usec / 1000));
+  strftime(stamp.clock, sizeof stamp.clock, "%T", &local);
   strftime(stamp.day_suffix, sizeof stamp.day_suffix, ".%Y%m%d.0001", &local);
+  stamp.second = now.tv_sec;
   return stamp;
 }
 
 // Builds the line, its line feed included, and returns its length.
 size_t build_line(char (&line)[kLineBytes], CSimpleDebugLog::DebugLevel level, int tag, bool raw,
-                  const char* clock, const char* text) {
-  int written = -1;
-  line[0] = '\0';
-  if (level == CSimpleDebugLog::kVerbatim) {
-    written = snprintf(line, sizeof line, "%s", text);
-  } else if (raw) {
-    written = snprintf(line, sizeof line, "%s %s", clock, text);
-  } else {
-    written = snprintf(line, sizeof line, "%s <%s><%u:%d:%d> %s", clock,
-                       CSimpleDebugLog::GetDebugLevelDisplayName(level), static_cast<unsigned>(tag), getpid(),
-                       gettid(), text);
+                  const TimeStamp& stamp, const char* format, va_list arguments) {
+  int header = 0;
+  if (level != CSimpleDebugLog::kVerbatim) {
+    header = snprintf(line, sizeof line, "%s.%03d ", stamp.clock, stamp.milliseconds);
   }
-  size_t length = static_cast<size_t>(written);
-  if (written < 0 || length >= sizeof line) length = strlen(line);
+  if (level != CSimpleDebugLog::kVerbatim && !raw) {
+    header += snprintf(line + header, sizeof line - static_cast<size_t>(header), "<%s><%u:%d:%d> ",
+                       CSimpleDebugLog::GetDebugLevelDisplayName(level), static_cast<unsigned>(tag), getpid(),
+                       gettid());
+  }
+  char* const text = line + header;
+  if (vsnprintf(text, sizeof line - static_cast<size_t>(header), format, arguments) < 0) *text = '\0';
 
+  size_t length = strlen(line);
   if (length > 0 && line[length - 1] == '\n') return length;
   if (length == sizeof line - 1) --length;
   line[length++] = '\n';
@@ -120,11 +124,9 @@ void CSimpleDebugLog::WriteLogV(DebugLevel level, int tag, bool raw, const char*
   if (dangling && !keep) return;
   if (level < minimum_level_.load(std::memory_order_relaxed)) return;
 
-  const TimeStamp stamp = take_time_stamp();
-  char text[kLineBytes] = "";
-  vsnprintf(text, sizeof text, format, arguments);
+  const TimeStamp& stamp = take_time_stamp();
   char buffer[kLineBytes];
-  const std::string_view line(buffer, build_line(buffer, level, tag, raw, stamp.clock, text));
+  const std::string_view line(buffer, build_line(buffer, level, tag, raw, stamp, format, arguments));
 
   if (dangling) {
     SaveDanglingRecords(line);

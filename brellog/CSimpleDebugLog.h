@@ -1,6 +1,9 @@
 // Puts finished log lines on disk: one open, append and close of the day's file per line, so that neither
-// the change of the day nor somebody's removal of the file leaves a stale descriptor behind. Lines that
-// come before a file is configured (dangling records) are kept and written once it is.
+// the change of the day nor somebody's removal of the file leaves a stale descriptor behind. A file kept open
+// and compared with its path before each line would hold a removed file's disk space and its file system's
+// mount until the next line, and a line would cost hardly less.
+//
+// Lines that come before a file is configured (dangling records) are kept and written once it is.
 //
 // Any thread may write; lines of different threads and processes never interleave. Nothing is reported: a
 // line that cannot be written is lost. Two locks of the whole process stand behind all objects, so one

@@ -139,6 +139,20 @@ TEST_F(DebugLogTest, EachLocalDayHasItsFileAndARemovedOneComesBack) {
   EXPECT_EQ(read_file(prefix() + ".20240302.0001"), "00:00:00.000 again\n");
 }
 
+TEST_F(DebugLogTest, AnotherZoneHoldsFromTheNextSecondWhicheverWayTheClockGoes) {
+  ASSERT_TRUE(log_.OpenDevice(prefix().c_str()));
+  log("a");
+  setenv("TZ", "XXX-2", 1);
+  clock_.set(kNoon + 2);
+  log("b");
+  setenv("TZ", "XXX-3", 1);
+  clock_.set(kNoon + 1);
+  log("c");
+  clock_.set(kNoon + 1, 250'000);
+  log("d");
+  EXPECT_EQ(written(), "12:00:00.007 a\n14:00:02.000 b\n15:00:01.000 c\n15:00:01.250 d\n");
+}
+
 TEST_F(DebugLogTest, FileIsForOwnerAndGroupWhateverTheUmask) {
   const mode_t before = umask(0);
   ASSERT_TRUE(log_.OpenDevice(prefix().c_str()));
