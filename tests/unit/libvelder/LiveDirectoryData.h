@@ -3,6 +3,7 @@
 // one.
 #pragma once
 
+#include <sstream>
 #include <string>
 
 inline constexpr char kLiveSchema[] = R"(
@@ -22,188 +23,56 @@ inline constexpr char kLiveSuffix[] = "dc=example,dc=com";
 // Of "Many" members there are more than one question names.
 inline constexpr int kManyUsers = 120;
 
-inline std::string live_ldif() {
-  std::string ldif = R"(dn: dc=example,dc=com
-objectClass: domain
-dc: example
-
-dn: dc=corp,dc=example,dc=com
-objectClass: domain
-dc: corp
-
-dn: ou=people,dc=corp,dc=example,dc=com
-objectClass: organizationalUnit
-ou: people
-
-dn: ou=old,dc=corp,dc=example,dc=com
-objectClass: organizationalUnit
-ou: old
-
-dn: uid=anna,ou=people,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: anna
-cn: Anna Berg
-sn: Berg
-userPassword: anna-secret
-
-dn: uid=Bert,ou=people,dc=corp,dc=example,dc=com
-objectClass: posixAccount
-objectClass: account
-uid: Bert
-cn: Bert Zorn
-userPassword: bert-secret
-
-dn: uid=carla,ou=people,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: carla
-cn: Anna Berg
-sn: C
-memberOf: cn=said,dc=corp,dc=example,dc=com
-memberOf: cn=gone,dc=corp,dc=example,dc=com
-
-dn: uid=twin,ou=people,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: twin
-cn: Twin One
-sn: T
-
-dn: uid=twin,ou=old,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: twin
-cn: Twin Two
-sn: T
-
-dn: uid=shared,ou=people,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: shared
-cn: Shared
-sn: S
-userPassword: corp-secret
-
-dn: uid=off,ou=people,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: off
-cn: Off
-sn: O
-userAccountControl: 514
-userPassword: off-secret
-
-dn: uid=o\2C*(d)\5C\22d,ou=people,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-uid: o,*(d)\"d
-cn: Odd (one), * \
-sn: O
-userPassword: odd-secret
-
-dn:: dWlkPWrDtnJnLG91PXBlb3BsZSxkYz1jb3JwLGRjPWV4YW1wbGUsZGM9Y29t
-objectClass: inetOrgPerson
-uid:: asO2cmc=
-cn:: SsO2cmcgU2NobWl0dA==
-sn: S
-userPassword: joerg-secret
-
-dn: cn=posix,dc=corp,dc=example,dc=com
-objectClass: posixGroup
-cn: posix
-gidNumber: 1
-memberUid: Bert
-memberUid: twin
-memberUid: nobody
-
-dn: cn=inner,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: inner
-member: uid=anna,ou=people,dc=corp,dc=example,dc=com
-member: cn=Lena Meyer,dc=lab,dc=example,dc=com
-member: uid=missing,ou=people,dc=corp,dc=example,dc=com
-
-dn: cn=Outer,dc=corp,dc=example,dc=com
-objectClass: groupOfUniqueNames
-cn: Outer
-uniqueMember: cn=inner,dc=corp,dc=example,dc=com
-uniqueMember: cn=posix,dc=corp,dc=example,dc=com
-
-dn: cn=ring one,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: ring one
-member: cn=ring two,dc=corp,dc=example,dc=com
-member: cn=Outer,dc=corp,dc=example,dc=com
-
-dn: cn=ring two,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: ring two
-member: CN=Ring One, DC=Corp, DC=Example, DC=com
-member: cn=ring two,dc=corp,dc=example,dc=com
-
-dn: cn=said,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: said
-member: cn=nobody,dc=corp,dc=example,dc=com
-memberOf: cn=above said,dc=corp,dc=example,dc=com
-
-dn: cn=above said,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: above said
-member: cn=nobody,dc=corp,dc=example,dc=com
-
-dn: cn=Staff,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: Staff
-member: uid=shared,ou=people,dc=corp,dc=example,dc=com
-
-dn: dc=lab,dc=example,dc=com
-objectClass: domain
-dc: lab
-
-dn: cn=Lena Meyer,dc=lab,dc=example,dc=com
-objectClass: user
-cn: Lena Meyer
-sAMAccountName: lena
-userPrincipalName: l.meyer@example.com
-objectSid: S-1-5-21-1-2-3-1105
-primaryGroupID: 513
-userPassword: lena-secret
-
-dn: cn=Shared,dc=lab,dc=example,dc=com
-objectClass: user
-cn: Shared
-sAMAccountName: shared
-objectSid: S-1-5-21-9-9-9-1106
-primaryGroupID: 513
-userPassword: lab-secret
-
-dn: cn=PC1,dc=lab,dc=example,dc=com
-objectClass: user
-objectClass: computer
-cn: PC1
-sAMAccountName: PC1$
-
-dn: cn=Contact,dc=lab,dc=example,dc=com
-objectClass: person
-cn: Contact
-sn: C
-
-dn: cn=Domain Users,dc=lab,dc=example,dc=com
-objectClass: group
-cn: Domain Users
-objectSid:: AQUAAAAAAAUVAAAAAQAAAAIAAAADAAAAAQIAAA==
-
-dn: cn=Staff,dc=lab,dc=example,dc=com
-objectClass: group
-cn: Staff
-member: cn=PC1,dc=lab,dc=example,dc=com
-member: cn=Domain Users,dc=lab,dc=example,dc=com
-member: cn=Contact,dc=lab,dc=example,dc=com
-
-dn: cn=Many,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: Many
+// An entry a line: DN, object class, attributes. %c and %l stand for the two domains.
+inline constexpr char kLiveEntries[] = R"(dc=example,dc=com|domain|dc: example
+dc=corp,dc=example,dc=com|domain|dc: corp
+ou=people%c|organizationalUnit|ou: people
+ou=old%c|organizationalUnit|ou: old
+uid=anna,ou=people%c|inetOrgPerson|uid: anna|cn: Anna Berg|userPassword: anna-secret
+uid=Bert,ou=people%c|posixAccount|uid: Bert|cn: Bert Zorn
+uid=carla,ou=people%c|inetOrgPerson|uid: carla|cn: Anna Berg|memberOf: cn=said%c|memberOf: cn=gone%c
+uid=twin,ou=people%c|inetOrgPerson|uid: twin|cn: Twin One
+uid=twin,ou=old%c|inetOrgPerson|uid: twin|cn: Twin Two
+uid=shared,ou=people%c|inetOrgPerson|uid: shared|cn: Shared|userPassword: corp-secret
+uid=off,ou=people%c|inetOrgPerson|uid: off|cn: Off|userAccountControl: 514|userPassword: off-secret
+uid=o\2C*(d)\5C\22d,ou=people%c|inetOrgPerson|uid: o,*(d)\"d|cn: Odd (one), * \
+uid=jörg,ou=people%c|inetOrgPerson|uid: jörg|cn: Jörg Schmitt
+cn=posix%c|posixGroup|cn: posix|gidNumber: 1|memberUid: Bert|memberUid: twin|memberUid: nobody
+cn=inner%c|groupOfNames|cn: inner|member: uid=anna,ou=people%c|member: cn=Lena Meyer%l|member: uid=missing%c
+cn=Outer%c|groupOfUniqueNames|cn: Outer|uniqueMember: cn=inner%c|uniqueMember: cn=posix%c
+cn=ring one%c|groupOfNames|cn: ring one|member: cn=ring two%c|member: cn=Outer%c
+cn=ring two%c|groupOfNames|cn: ring two|member: CN=Ring One, DC=Corp, DC=Example, DC=com|member: cn=ring two%c
+cn=said%c|groupOfNames|cn: said|member: cn=nobody%c|memberOf: cn=above said%c
+cn=above said%c|groupOfNames|cn: above said|member: cn=nobody%c
+cn=Staff%c|groupOfNames|cn: Staff|member: uid=shared,ou=people%c
+dc=lab,dc=example,dc=com|domain|dc: lab
+cn=Lena Meyer%l|user|cn: Lena Meyer|sAMAccountName: lena|userPrincipalName: l.meyer@example.com|objectSid: S-1-5-21-1-2-3-1105|primaryGroupID: 513|userPassword: lena-secret
+cn=Shared%l|user|cn: Shared|sAMAccountName: shared|objectSid: S-1-5-21-9-9-9-1106|primaryGroupID: 513
+cn=PC1%l|computer|cn: PC1|sAMAccountName: PC1$
+cn=Contact%l|person|cn: Contact
+cn=Domain Users%l|group|cn: Domain Users|objectSid:: AQUAAAAAAAUVAAAAAQAAAAIAAAADAAAAAQIAAA==
+cn=Staff%l|group|cn: Staff|member: cn=PC1%l|member: cn=Domain Users%l|member: cn=Contact%l
 )";
-  std::string users;
+
+inline std::string live_ldif() {
+  std::string entries = kLiveEntries, many = "cn=Many%c|groupOfNames|cn: Many";
   for (int number = 100; number < 100 + kManyUsers; ++number) {
-    const std::string name = "m" + std::to_string(number), dn = "uid=" + name + ",dc=corp,dc=example,dc=com";
-    ldif += "member: " + dn + "\n";
-    users += "\ndn: " + dn + "\nobjectClass: inetOrgPerson\ncn: " + name + "\nsn: M\nuid: " + name + "\n";
+    const std::string name = "m" + std::to_string(number);
+    entries += "uid=" + name + "%c|inetOrgPerson|cn: " + name + "|uid: " + name + "\n";
+    many += "|member: uid=" + name + "%c";
   }
-  return ldif + users;
+  std::string ldif;
+  std::istringstream lines(entries + many);
+  for (std::string line; std::getline(lines, line);) {
+    line.insert(line.find('|') + 1, "objectClass: ");
+    for (const char c : "dn: " + line + "\n\n") {
+      if (ldif.ends_with('%')) {
+        ldif.pop_back();
+        ldif += c == 'c' ? ",dc=corp,dc=example,dc=com" : ",dc=lab,dc=example,dc=com";
+      } else {
+        ldif += c == '|' ? '\n' : c;
+      }
+    }
+  }
+  return ldif;
 }
