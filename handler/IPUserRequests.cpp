@@ -24,6 +24,13 @@ constexpr const char* kGuestUser = "Proxy_guest_user";  // the proxy's guest acc
 
 QuickWork g_changes;  // of the bindings
 
+// Changes the bindings. Others get the lead before a wait that can be foreseen.
+template <class Change>
+int change_bindings(Change change) {
+  if (CacheWrapper::change_would_wait()) event_release_lead();
+  return g_changes.run(change);
+}
+
 void drop_cached_query(const char* ip) {
   Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, nullptr, 0);
 }
@@ -137,7 +144,8 @@ Outcome handle_ip_bind(Frame& frame) {
 
   const char* ip = whole_text(request.ip());
   Velder::IPUserBindResponse response;
-  response.set_result(g_changes.run([&] { return CacheWrapper::update_cache_item(ip, request.user_ln()); }));
+  response.set_result(
+      change_bindings([&] { return CacheWrapper::update_cache_item(ip, request.user_ln()); }));
   drop_cached_query(ip);
   VRLOG(kLogDebug, "IP_USER_BIND_REQUEST, ip(%s)->user(%s), rc(%d)", request.ip().c_str(),
         request.user_ln().c_str(), response.result());
@@ -150,7 +158,7 @@ Outcome handle_ip_unbind(Frame& frame) {
 
   const char* ip = whole_text(request.ip());
   Velder::IPUserUnBindResponse response;
-  response.set_result(g_changes.run([&] { return CacheWrapper::delete_cache_item(ip); }));
+  response.set_result(change_bindings([&] { return CacheWrapper::delete_cache_item(ip); }));
   drop_cached_query(ip);
   VRLOG(kLogDebug, "IP_USER_UNBIND_REQUEST, ip(%s), rc(%d)", request.ip().c_str(), response.result());
   return reply(frame, response);

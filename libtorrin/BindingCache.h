@@ -36,6 +36,7 @@ class BindingCache {
   int query(const char* ip, std::string& user, long& expire);
   int update(const char* ip, const std::string& user);
   int remove(const char* ip);
+  bool change_would_wait() { return store_.change_would_wait(); }
   bool export_to(const std::string& path);
   int flush() const;
 

@@ -25,6 +25,10 @@ int IPUserCacheModule::delete_cache_item(const char* ip) {
   return cache_->remove(ip);
 }
 
+bool IPUserCacheModule::change_would_wait() {
+  return cache_->change_would_wait();
+}
+
 bool IPUserCacheModule::export_cache_item(const std::string& path) {
   return cache_->export_to(path);
 }

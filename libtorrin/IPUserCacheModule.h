@@ -45,6 +45,10 @@ class IPUserCacheModule {
   // Removes the binding; 1 when there was none.
   int delete_cache_item(const char* ip);
 
+  // True when one of the two calls above would probably wait now: for the disk, or for another thread or
+  // process that is in the middle of a change. False is no promise.
+  bool change_would_wait();
+
   // Writes all live bindings as CSV (RFC 4180) to the absolute path `path`, beside the target and renamed
   // into place. Never follows a link, never replaces a file that is not an earlier export. False after one
   // log line with the reason.

@@ -14,8 +14,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <mutex>
+#include <thread>
 
 #include "brellog/VrLog.h"
 #include "libtorrin/UniqueFd.h"
@@ -41,6 +43,8 @@ constexpr unsigned kMaxTables = 4;
 constexpr mode_t kFileMode = 0600;
 // Stands for "could not be opened", which has been logged.
 constexpr int kNotOpen = -1;
+// Several times what a writer takes whose pages lie in memory.
+constexpr std::chrono::microseconds kWriterTakes{200};
 
 // Records must fit into a tree page (a node of more than about half a page would go to pages of its own).
 static_assert(8 + sizeof(AddressKey) + kMaxRecordBytes < 2038);
@@ -181,10 +185,12 @@ void Store::drop_environment() {
   generation_.store(0);
   mdb_env_close(env_);
   env_ = nullptr;
+  writers_.close();
 }
 
 // Called with the opening lock held and no environment open.
 tl::expected<void, OpenError> Store::open_environment() {
+  writers_.open(options_.path + "-lock", kFileMode);
   MDB_env* env = nullptr;
   int error = mdb_env_create(&env);
   if (error == 0) error = mdb_env_set_mapsize(env, options_.map_bytes);
@@ -276,7 +282,9 @@ int Store::begin_read(MDB_txn*& txn) {
 
 int Store::begin_write(MDB_txn*& txn) {
   if (!ensure_open()) return kNotOpen;
-  return mdb_txn_begin(env_, nullptr, 0, &txn);
+  const int error = mdb_txn_begin(env_, nullptr, 0, &txn);
+  if (error == 0) writers_.confirm();
+  return error;
 }
 
 // Runs `work` in a write transaction. A full map may be the fault of a dead reader that still pins old
@@ -341,6 +349,19 @@ StoreResult Store::remove(const AddressKey& key, int64_t now) {
   if (error == 0) return live ? StoreResult::kDone : StoreResult::kMissing;
   if (error == MDB_NOTFOUND) return StoreResult::kMissing;
   return failed(write_failures_, "remove a binding", error);
+}
+
+bool Store::change_would_wait() {
+  if (!ensure_open()) return false;
+  if (options_.durable) return true;
+  if (!writers_.sees_writer()) [[likely]]
+    return false;
+  const auto end = std::chrono::steady_clock::now() + kWriterTakes;
+  while (std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();  // it may have been interrupted on this processor
+    if (!writers_.sees_writer()) return false;
+  }
+  return true;
 }
 
 tl::expected<std::optional<AddressKey>, std::string> Store::scan(const AddressKey& from, size_t limit,

@@ -23,6 +23,7 @@
 #include "libtorrin/BindingRecord.h"
 #include "libtorrin/LogLimiter.h"
 #include "libtorrin/StoreFile.h"
+#include "libtorrin/WriterWatch.h"
 
 struct MDB_env;
 struct MDB_txn;
@@ -72,6 +73,10 @@ class Store {
   // kMissing when there was nothing under the key or only a record that `now` finds expired.
   StoreResult remove(const AddressKey& key, int64_t now);
 
+  // True when a change begun now would probably wait: for the disk, or for a writer that does not come to an
+  // end. Waits itself only for the short while that a writer usually takes.
+  bool change_would_wait();
+
   // Shows up to `limit` records from `from` on to `visit`, in key order, in one short read transaction. Gives
   // the first key that was not shown, empty at the end, or the reason of a failure, which is not logged.
   // `visit` must not call the store.
@@ -108,6 +113,7 @@ class Store {
   bool configured_ = false;
   MDB_env* env_ = nullptr;
   unsigned dbi_ = 0;
+  WriterWatch writers_;
   // The fork generation that env_ was opened in, and a number that no other opening has; the rest above is
   // written before them.
   std::atomic<uint64_t> generation_{0};

@@ -18,6 +18,10 @@ int CacheWrapper::delete_cache_item(const char* ip) {
   return cache.delete_cache_item(ip);
 }
 
+bool CacheWrapper::change_would_wait() {
+  return cache.change_would_wait();
+}
+
 bool CacheWrapper::export_cache_item(const std::string& path) {
   return cache.export_cache_item(path);
 }

@@ -12,6 +12,7 @@ class CacheWrapper {
   static int query_cache_item(const char* ip, std::string& user, long& expire);
   static int update_cache_item(const char* ip, const std::string& user);
   static int delete_cache_item(const char* ip);
+  static bool change_would_wait();
   static bool export_cache_item(const std::string& path);
   static int write_cache_file();  // async-signal-safe
 

@@ -3,8 +3,10 @@
 import csv
 import io
 import os
+import select
 import signal
 import subprocess
+import sys
 import time
 
 import pytest
@@ -121,6 +123,49 @@ def test_bind__user_is_kept_exactly_or_refused(connection, user, code):
     assert connection.bind("10.3.6.1", user) == code
     assert connection.bound_user("10.3.6.1") == (user if code == 0 else "CORP\\before")
     assert connection.unbind("10.3.6.1") == 0
+
+
+# Holds the writer lock of the store named in its arguments from "held" until the end of its input.
+HOLDER = """
+import ctypes, sys
+lmdb = ctypes.CDLL("liblmdb.so.0")
+environment, transaction = ctypes.c_void_p(), ctypes.c_void_p()
+NO_FOLDER, NO_SYNC = 0x4000, 0x10000
+assert lmdb.mdb_env_create(ctypes.byref(environment)) == 0
+assert lmdb.mdb_env_open(environment, sys.argv[1].encode(), NO_FOLDER | NO_SYNC, 0o600) == 0
+assert lmdb.mdb_txn_begin(environment, None, 0, ctypes.byref(transaction)) == 0
+print("held", flush=True)
+sys.stdin.read()
+"""
+
+
+def test_bind__waits_for_another_writer_and_holds_up_nobody(daemon):
+    daemon.start("--process-num", "1", workers=1, files=directory.files())
+    asker, *binders = [wire.Connection() for _ in range(9)]
+    binding = wire.frame(wire.IP_BIND, wire.pb.IPUserBindRequest(ip="10.3.10.1", user_ln="CORP\\alice"))
+    for binder in binders:
+        binder.query("10.3.10.1")
+    assert asker.user_info("alice").result == 0  # from the reply cache from here on
+    store = f"{sandbox.WORKDIR}/ip_user_cache/bindings.mdb"
+    with subprocess.Popen([sys.executable, "-c", HOLDER, store], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
+        assert holder.stdout.readline() == b"held\n"
+        begin = time.monotonic()
+        for binder in binders:  # the first change that this worker ever makes
+            binder.send(binding)
+        slowest = 0
+        while (now := time.monotonic()) < begin + 1.5:
+            assert asker.user_info("alice").result == 0
+            slowest = max(slowest, time.monotonic() - now)
+        assert asker.bound_user("10.3.10.1") is None
+        assert not select.select([binder.socket for binder in binders], [], [], 0)[0]
+        holder.stdin.close()
+        for binder in binders:
+            assert binder.receive_answer(wire.IP_BIND).result == 0
+    assert asker.bound_user("10.3.10.1") == "CORP\\alice"
+    assert slowest < 0.5, f"a look-up took {slowest:.3f} s"
+    for one in (asker, *binders):
+        one.close()
+    assert daemon.stop() == 0
 
 
 def read_export(path):

@@ -47,6 +47,9 @@ int CacheWrapper::update_cache_item(const char* ip, const std::string& user) {
 int CacheWrapper::delete_cache_item(const char* ip) {
   return g_bindings.erase(ip) == 1 ? 0 : 1;
 }
+bool CacheWrapper::change_would_wait() {
+  return false;
+}
 bool CacheWrapper::export_cache_item(const std::string& path) {
   return path == "/good";
 }

@@ -308,6 +308,35 @@ TEST_F(ProcessesTest, KillsAtAnyMomentLoseNothingAndHoldUpNobody) {
   munmap(acknowledged, sizeof(Acknowledged));
 }
 
+TEST_F(ProcessesTest, AWriterThatStandsStillIsSeenUntilItIsGone) {
+  ASSERT_EQ(start(), 0);
+  EXPECT_FALSE(cache_->change_would_wait());
+  const pid_t writer = fork();
+  if (writer == 0) {
+    alarm(60);
+    for (;;) bind("10.0.0.1", "child");
+  }
+  bool seen = false;
+  for (int i = 0; i < 2000 && !seen; ++i) {
+    usleep(1000);
+    kill(writer, SIGSTOP);
+    waitpid(writer, nullptr, WUNTRACED);
+    seen = cache_->change_would_wait();
+    if (!seen) kill(writer, SIGCONT);
+  }
+  EXPECT_TRUE(seen);
+  EXPECT_EQ(lookup("10.0.0.2"), "<1>");
+  EXPECT_TRUE(cache_->change_would_wait());
+  kill(writer, SIGKILL);
+  waitpid(writer, nullptr, 0);
+  EXPECT_FALSE(cache_->change_would_wait());
+  EXPECT_EQ(bind("10.0.0.1", "parent"), 0);
+  EXPECT_EQ(new_lines("INF", "cannot be seen"), 0);
+  settings("Durable=yes\n");
+  ASSERT_EQ(start(), 0);
+  EXPECT_TRUE(cache_->change_would_wait()) << "for the disk";
+}
+
 TEST_F(ProcessesTest, TheModuleItselfMayEndInAChildWithoutTouchingTheStore) {
   auto module = std::make_unique<IPUserCacheModule>();
   ASSERT_EQ(module->initialize(workdir_.c_str()), 0);
