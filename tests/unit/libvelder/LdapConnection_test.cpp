@@ -5,9 +5,8 @@
 #include <ldap.h>
 #include <sys/wait.h>
 
-#include <algorithm>
 #include <chrono>
-#include <map>
+#include <optional>
 
 #include "tests/unit/libvelder/FakeLdapServer.h"
 
@@ -60,58 +59,44 @@ LdapConnection open_to(const fake::Server& server) {
   return std::move(*connection);
 }
 
-// What a search of the whole directory brings.
-struct Found {
-  Result<void> result;
-  std::vector<LdifRecord> entries;
-};
-Found search_all(LdapConnection& connection, velder::SearchLimits limits = {}) {
+// What a search of the whole directory ends with: "0 entries <number>", or the error's code and text.
+std::string search_all(LdapConnection& connection, velder::SearchLimits limits = {}) {
   SearchRequest request;
   request.base = "dc=example,dc=com";
   request.limits = limits;
-  Found found;
-  found.result = connection.search(request, [&](LdifRecord& entry) -> Result<void> {
-    found.entries.push_back(std::move(entry));
+  size_t entries = 0;
+  const auto result = connection.search(request, [&](LdifRecord&) -> Result<void> {
+    ++entries;
     return {};
   });
-  return found;
+  if (result) return "0 entries " + std::to_string(entries);
+  return std::to_string(result.error().code) + " " + result.error().text;
 }
 
-// The error of a search on a server that answers it as told; code 0 and the number of entries when it works.
+// The same on a server that answers as told.
 std::string outcome_of(const fake::Server::Serve& serve, velder::SearchLimits limits = {}) {
   const fake::Server server(serve);
   LdapConnection connection = open_to(server);
-  const Found found = search_all(connection, limits);
-  if (found.result) return "0 entries " + std::to_string(found.entries.size());
-  return std::to_string(found.result.error().code) + " " + found.result.error().text;
+  return search_all(connection, limits);
 }
 
-TEST(LdapConnection, OptionsOfADaemonHoldForLaterConnections) {
+TEST(LdapConnection, OptionsOfADaemonHoldWhateverTheFilesOfTheMachineSay) {
+  LDAP* connection = nullptr;
   // What an administrator's ldap.conf may have left behind.
   const int never = LDAP_OPT_X_TLS_NEVER;
   ASSERT_EQ(ldap_set_option(nullptr, LDAP_OPT_X_TLS_REQUIRE_CERT, &never), LDAP_OPT_SUCCESS);
 
   ASSERT_EQ(prldap_install_routines(nullptr, 1), 0);
+  EXPECT_EQ(prldap_install_routines(nullptr, 2), -1);
+  EXPECT_EQ(prldap_install_routines(&connection, 1), -1);
 
-  LDAP* connection = nullptr;
   ASSERT_EQ(ldap_initialize(&connection, "ldap://127.0.0.1:9"), LDAP_SUCCESS);
-  int version = 0;
-  int certificates = -1;
-  int referrals = -1;
-  EXPECT_EQ(ldap_get_option(connection, LDAP_OPT_PROTOCOL_VERSION, &version), LDAP_OPT_SUCCESS);
-  EXPECT_EQ(ldap_get_option(connection, LDAP_OPT_X_TLS_REQUIRE_CERT, &certificates), LDAP_OPT_SUCCESS);
-  EXPECT_EQ(ldap_get_option(connection, LDAP_OPT_REFERRALS, &referrals), LDAP_OPT_SUCCESS);
-  EXPECT_EQ(version, 3);
+  int certificates = -1, referrals = -1;
+  ldap_get_option(connection, LDAP_OPT_X_TLS_REQUIRE_CERT, &certificates);
+  ldap_get_option(connection, LDAP_OPT_REFERRALS, &referrals);
   EXPECT_EQ(certificates, LDAP_OPT_X_TLS_DEMAND);
   EXPECT_EQ(referrals, 0);
   ldap_unbind_ext_s(connection, nullptr, nullptr);
-}
-
-TEST(LdapConnection, OtherArgumentsAreRefused) {
-  int something = 0;
-  EXPECT_EQ(prldap_install_routines(&something, 1), -1);
-  EXPECT_EQ(prldap_install_routines(nullptr, 0), -1);
-  EXPECT_EQ(prldap_install_routines(nullptr, 2), -1);
 }
 
 TEST(LdapConnection, RefusalsAreToldApart) {
@@ -121,15 +106,10 @@ TEST(LdapConnection, RefusalsAreToldApart) {
     BindVerdict verdict;
     const char* reason;
   } rows[] = {
-      {49, "", BindVerdict::kWrong, "wrong user"},
       {49, "80090308: LdapErr: DSID-0C09, comment: AcceptSecurityContext error, data 52e, v1db1",
        BindVerdict::kWrong, "wrong password"},
-      {49, "..., data 525, v1db1", BindVerdict::kWrong, "no such user"},
-      {49, "..., data 530, v1db1", BindVerdict::kAccount, "at this time"},
-      {49, "..., data 531, v1db1", BindVerdict::kAccount, "from here"},
       {49, "..., data 532, v1db1", BindVerdict::kAccount, "expired"},
       {49, "..., data 533, v1db1", BindVerdict::kAccount, "disabled"},
-      {49, "..., data 701, v1db1", BindVerdict::kAccount, "expired"},
       {49, "..., data 773, v1db1", BindVerdict::kAccount, "changed"},
       {49, "..., data 775, v1db1", BindVerdict::kAccount, "locked"},
       {49, "invalid data; ... data 533", BindVerdict::kAccount, "disabled"},
@@ -138,8 +118,6 @@ TEST(LdapConnection, RefusalsAreToldApart) {
       {8, "BindSimple: Transport encryption required", BindVerdict::kCannotTell, "TLS"},
       {53, "data 533", BindVerdict::kCannotTell, "unwilling"},
       {51, "", BindVerdict::kCannotTell, "busy"},
-      {52, "", BindVerdict::kCannotTell, "busy"},
-      {10, "", BindVerdict::kCannotTell, "another"},
       {1, "", BindVerdict::kCannotTell, "no verdict"},
   };
   for (const auto& row : rows) {
@@ -150,28 +128,18 @@ TEST(LdapConnection, RefusalsAreToldApart) {
 }
 
 TEST(LdapConnection, AttributeNamesLoseTheirOptionsAndKeepTheirRange) {
-  const struct {
-    const char* description;
-    const char* name;
-    bool ranged;
-    uint64_t low;
-    uint64_t high;
-    bool last;
-  } good[] = {
-      {"memberOf", "memberof", false, 0, 0, false},
-      {"userCertificate;binary", "usercertificate", false, 0, 0, false},
-      {"Member;Range=0-1499", "member", true, 0, 1499, false},
-      {"member;range=1500-*", "member", true, 1500, 0, true},
-      {"member;lang-de;range=7-7", "member", true, 7, 7, false},
+  const std::pair<const char*, const char*> good[] = {
+      {"userCertificate;binary", "usercertificate"},
+      {"Member;Range=0-1499", "member 0-1499"},
+      {"member;range=1500-*", "member 1500-*"},
+      {"member;lang-de;range=7-7", "member 7-7"},
   };
-  for (const auto& row : good) {
-    const auto name = velder::parse_attribute_name(row.description);
-    EXPECT_TRUE(name.valid) << row.description;
-    EXPECT_EQ(name.name, row.name) << row.description;
-    EXPECT_EQ(name.ranged, row.ranged) << row.description;
-    EXPECT_EQ(name.low, row.low) << row.description;
-    EXPECT_EQ(name.last, row.last) << row.description;
-    EXPECT_EQ(name.last ? 0 : name.high, row.high) << row.description;
+  for (const auto& [description, expected] : good) {
+    const auto name = velder::parse_attribute_name(description);
+    std::string read = name.valid ? name.name : "not valid";
+    if (name.ranged)
+      read += " " + std::to_string(name.low) + "-" + (name.last ? "*" : std::to_string(name.high));
+    EXPECT_EQ(read, expected);
   }
   for (const char* bad : {"", ";binary", "m;range=", "m;range=0", "m;range=0-", "m;range=-1", "m;range=5-4",
                           "m;range=x-9", "m;range=0-1;range=2-3", "m;range=*-*", "m;range=0- 9",
@@ -179,38 +147,9 @@ TEST(LdapConnection, AttributeNamesLoseTheirOptionsAndKeepTheirRange) {
     EXPECT_FALSE(velder::parse_attribute_name(bad).valid) << bad;
 }
 
-TEST(LdapConnection, AServerThatCannotBeReachedIsToldAtWhichStep) {
-  const fake::Server gone([](Peer&) {});
-  Domain domain = impatient_domain();
-  const struct {
-    std::string url;
-    bool resolved;
-    const char* text;
-  } rows[] = {
-      {"ldap://no-such-host.invalid", false, "host name"},
-      {"ldap://127.0.0.1:1", true, "Connection refused"},
-      {"http://127.0.0.1", false, "no ldap://"},
-  };
-  for (const auto& row : rows) {
-    velder::OpenStages stages;
-    const Stopwatch watch;
-    const auto connection = LdapConnection::open(domain, row.url, &stages);
-    ASSERT_FALSE(connection) << row.url;
-    EXPECT_NE(connection.error().text.find(row.text), std::string::npos) << connection.error().text;
-    EXPECT_EQ(stages.resolved, row.resolved) << row.url;
-    EXPECT_FALSE(stages.connected) << row.url;
-    EXPECT_LT(watch.elapsed(), kSoon) << row.url;
-  }
-}
-
-TEST(LdapConnection, TheTlsHandshakeObeysTheTimeOut) {
+TEST(LdapConnection, WithoutTlsInTimeThereIsNoSession) {
   Domain start_tls = impatient_domain();
   start_tls.start_tls = true;
-  const auto drip = [](Peer& peer) {
-    // A handshake record of 4,000 bytes that comes byte by byte.
-    if (!peer.send(std::string("\x16\x03\x03\x0f\xa0", 5))) return;
-    while (peer.send("x")) std::this_thread::sleep_for(50ms);
-  };
   const struct {
     const char* name;
     const char* scheme;
@@ -218,13 +157,23 @@ TEST(LdapConnection, TheTlsHandshakeObeysTheTimeOut) {
   } rows[] = {
       {"silent", "ldaps", [](Peer& peer) { peer.do_nothing(); }},
       {"not even reading", "ldaps", [](Peer& peer) { peer.never_read(); }},
-      {"dripping", "ldaps", drip},
+      {"dripping", "ldaps",
+       [](Peer& peer) {
+         // A handshake record of 4,000 bytes that comes byte by byte.
+         if (!peer.send(std::string("\x16\x03\x03\x0f\xa0", 5))) return;
+         while (peer.send("x")) std::this_thread::sleep_for(50ms);
+       }},
       {"silent to StartTLS", "ldap", [](Peer& peer) { peer.do_nothing(); }},
       {"silent after StartTLS", "ldap",
        [](Peer& peer) {
          if (const auto request = peer.receive())
            peer.send(fake::result(request->id, fake::kExtendedResponse, 0));
          peer.do_nothing();
+       }},
+      {"without StartTLS", "ldap",
+       [](Peer& peer) {
+         while (const auto request = peer.receive())
+           peer.send(fake::result(request->id, fake::kExtendedResponse, 2));
        }},
   };
   for (const auto& row : rows) {
@@ -241,18 +190,6 @@ TEST(LdapConnection, TheTlsHandshakeObeysTheTimeOut) {
   }
 }
 
-TEST(LdapConnection, AServerWithoutStartTlsNeverGetsAPlainSession) {
-  const fake::Server server([](Peer& peer) {
-    while (const auto request = peer.receive())
-      peer.send(fake::result(request->id, fake::kExtendedResponse, 2));
-  });
-  Domain domain = impatient_domain();
-  domain.start_tls = true;
-  const auto connection = LdapConnection::open(domain, server.url());
-  ASSERT_FALSE(connection);
-  EXPECT_EQ(connection.error().code, 81);
-}
-
 TEST(LdapConnection, ABrokenServerIsAFailedServer) {
   const struct {
     const char* name;
@@ -261,14 +198,7 @@ TEST(LdapConnection, ABrokenServerIsAFailedServer) {
   } rows[] = {
       {"silent", 85, [](Peer& peer) { peer.do_nothing(); }},
       {"not even reading", 85, [](Peer& peer) { peer.never_read(); }},
-      {"closes at once", 81, [](Peer&) {}},
       {"closes after the request", 81, [](Peer& peer) { peer.receive(); }},
-      {"speaks something else", 81,
-       [](Peer& peer) {
-         peer.receive();
-         peer.send("HTTP/1.1 400 Bad Request\r\n\r\n" + std::string(2000, 'x'));
-         peer.do_nothing();
-       }},
       {"claims a message of 2 GB", 81,
        [](Peer& peer) {
          peer.receive();
@@ -290,10 +220,20 @@ TEST(LdapConnection, ABrokenServerIsAFailedServer) {
            std::this_thread::sleep_for(50ms);
          }
        }},
+      {"says goodbye", 81,
+       [](Peer& peer) {
+         peer.receive();
+         const std::string notice = fake::number(52, 0x0a) + fake::text("") + fake::text("") +
+                                    fake::text("1.3.6.1.4.1.1466.20036", 0x8a);
+         peer.send(fake::message(0, fake::tlv(0x78, notice)));
+         peer.do_nothing();
+       }},
   };
   for (const auto& row : rows) {
     const fake::Server server(row.serve);
     LdapConnection connection = open_to(server);
+    std::optional<LibraryLeaks> allowed;
+    if (row.name == std::string("says goodbye")) allowed.emplace();  // the client library loses the notice
     const Stopwatch watch;
     const auto bound = connection.bind("cn=a", std::string(1 << 22, 'p'));
     EXPECT_LT(watch.elapsed(), kSoon) << row.name;
@@ -304,21 +244,6 @@ TEST(LdapConnection, ABrokenServerIsAFailedServer) {
     EXPECT_EQ(connection.bind("cn=a", "p").code, row.code) << row.name;
     EXPECT_EQ(server.connections(), 1) << row.name;
   }
-}
-
-TEST(LdapConnection, AServerThatSaysGoodbyeIsAFailedServer) {
-  const fake::Server server([](Peer& peer) {
-    peer.receive();
-    peer.send(fake::message(0, fake::tlv(0x78, fake::number(52, 0x0a) + fake::text("") + fake::text("") +
-                                                   fake::text("1.3.6.1.4.1.1466.20036", 0x8a))));
-    peer.do_nothing();
-  });
-  LdapConnection connection = open_to(server);
-  const LibraryLeaks allowed;  // the client library loses the notice itself
-  const auto bound = connection.bind("cn=a", "p");
-  EXPECT_EQ(bound.verdict, BindVerdict::kCannotTell);
-  EXPECT_EQ(bound.code, 81) << bound.text;
-  EXPECT_FALSE(connection.usable());
 }
 
 TEST(LdapConnection, WhatProvesNothingIsNotSent) {
@@ -364,40 +289,6 @@ TEST(LdapConnection, ARefusedBindLeavesNoIdentityAndNoPasswordInTheLog) {
   EXPECT_FALSE(connection.bound());
   EXPECT_TRUE(connection.usable());
   EXPECT_EQ(connection.bind_count(), 2U);
-}
-
-// Answers a request for ranges as Active Directory does: two values at a time, unasked.
-void answer_in_ranges(Peer& peer, const Request& request, const std::vector<std::string>& members) {
-  const auto asked =
-      velder::parse_attribute_name(request.attributes.empty() ? "member" : request.attributes.front());
-  const size_t begin = asked.ranged ? asked.low : 0;
-  const size_t end = std::min(begin + 2, members.size());
-  const std::string high = end == members.size() ? "*" : std::to_string(end - 1);
-  peer.send(fake::entry(request.id, "cn=staff,dc=example,dc=com",
-                        {{"member", {}},
-                         {"cn", {"staff"}},
-                         {"member;range=" + std::to_string(begin) + "-" + high,
-                          {members.begin() + static_cast<std::ptrdiff_t>(begin),
-                           members.begin() + static_cast<std::ptrdiff_t>(end)}}}));
-  peer.send(fake::result(request.id, fake::kSearchDone, 0));
-}
-
-TEST(LdapConnection, RangesThatNobodyAskedForAreReadToTheirEnd) {
-  std::vector<std::string> members;
-  for (int i = 0; i < 7; ++i) members.push_back("cn=user" + std::to_string(i));
-  const fake::Server server(fake::answering([&](Peer& peer, const Request& request) {
-    // A plain entry after the one with ranges.
-    if (request.attributes.empty()) peer.send(fake::entry(request.id, "cn=plain", {{"cn", {"plain"}}}));
-    answer_in_ranges(peer, request, members);
-  }));
-  LdapConnection connection = open_to(server);
-  const Found found = search_all(connection);
-  ASSERT_TRUE(found.result) << found.result.error().text;
-  ASSERT_EQ(found.entries.size(), 2U);
-  std::vector<std::string> read;
-  for (const auto& one : found.entries[1].attributes)
-    if (one.name == "member") read.push_back(one.value);
-  EXPECT_EQ(read, members);
 }
 
 TEST(LdapConnection, RangesThatDoNotAddUpAreErrors) {
@@ -481,11 +372,9 @@ TEST(LdapConnection, SearchesEndAsTheServerSays) {
     });
   };
   EXPECT_EQ(outcome_of(done(0)), "0 entries 2");
-  for (const int code : {4, 10, 32, 50, 52}) {
-    const std::string outcome = outcome_of(done(code));
-    EXPECT_EQ(outcome.rfind(std::to_string(code) + " ", 0), 0U) << outcome;
-    EXPECT_NE(outcome.find("words"), std::string::npos) << outcome;
-  }
+  const std::string outcome = outcome_of(done(32));
+  EXPECT_EQ(outcome.substr(0, 3), "32 ");
+  EXPECT_NE(outcome.find("words"), std::string::npos) << outcome;
   // Codes with which the pool would take the server for a dead one.
   for (const int code : {81, 85}) EXPECT_EQ(outcome_of(done(code)).substr(0, 2), "1 ") << code;
 }
@@ -516,83 +405,28 @@ TEST(LdapConnection, EntriesThatCannotBeUsedAreErrors) {
   EXPECT_NE(damaged[0], '0') << damaged;
 }
 
-TEST(LdapConnection, ValuesAreBytes) {
-  const std::string bytes("\x01\x00\xff\r\n", 5);
-  const fake::Server server(fake::answering([&](Peer& peer, const Request& request) {
-    peer.send(fake::entry(request.id, "cn=a", {{"objectSid;binary", {bytes, ""}}, {"empty", {}}}));
-    peer.send(fake::result(request.id, fake::kSearchDone, 0));
-  }));
-  LdapConnection connection = open_to(server);
-  const Found found = search_all(connection);
-  ASSERT_EQ(found.entries.size(), 1U);
-  ASSERT_EQ(found.entries[0].attributes.size(), 2U);
-  EXPECT_EQ(found.entries[0].attributes[0].name, "objectsid");
-  EXPECT_EQ(found.entries[0].attributes[0].value, bytes);
-  EXPECT_EQ(found.entries[0].attributes[1].value, "");
-}
-
-TEST(LdapConnection, ASinkThatHasEnoughLeavesAUsableSession) {
-  const fake::Server server(fake::answering([](Peer& peer, const Request& request) {
-    for (int i = 0; i < 100; ++i) peer.send(fake::entry(request.id, "cn=a", {{"cn", {"a"}}}));
-    peer.send(fake::result(request.id, fake::kSearchDone, 0));
-  }));
-  LdapConnection connection = open_to(server);
-  int seen = 0;
-  const auto stopped = connection.search({}, [&](LdifRecord&) -> Result<void> {
-    if (++seen < 3) return {};
-    return tl::unexpected(velder::Error{77, "enough"});
-  });
-  EXPECT_EQ(stopped.error().code, 77);
-  EXPECT_EQ(seen, 3);
-  EXPECT_EQ(search_all(connection).entries.size(), 100U);
-}
-
-TEST(LdapConnection, AnIdleSessionThatTheServerClosedIsNoticed) {
-  std::atomic<bool> close{false};
-  const fake::Server server([&](Peer& peer) {
-    if (const auto request = peer.receive()) peer.send(fake::result(request->id, fake::kBindResponse, 0));
-    while (!close) std::this_thread::sleep_for(1ms);
-  });
-  LdapConnection connection = open_to(server);
-  ASSERT_TRUE(connection.bind_anonymously());
-  EXPECT_TRUE(connection.still_open());
-  close = true;
-  const Stopwatch watch;
-  while (connection.still_open() && watch.elapsed() < kSoon) std::this_thread::sleep_for(1ms);
-  EXPECT_FALSE(connection.still_open());
-}
-
-TEST(LdapConnection, AChildDoesNotSpeakOnTheSessionOfItsParent) {
+TEST(LdapConnection, ASessionIsItsProcesssOwn) {
   const fake::Server server(fake::answering(
       [](Peer& peer, const Request& request) { peer.send(fake::result(request.id, fake::kSearchDone, 0)); }));
   auto connection = std::make_unique<LdapConnection>(open_to(server));
-  ASSERT_TRUE(search_all(*connection).result);
+  ASSERT_EQ(search_all(*connection), "0 entries 0");
+  int sockets = 0;
+  for (int fd = 3; fd < 256; ++fd) {
+    sockaddr_in peer{};
+    socklen_t size = sizeof peer;
+    if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) != 0) continue;
+    ++sockets;
+    EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << "for no program that is started";
+  }
+  EXPECT_GE(sockets, 1);
   const pid_t child = fork();
   if (child == 0) {
     connection.reset();
     _exit(0);
   }
-  ASSERT_GT(child, 0);
   ASSERT_EQ(waitpid(child, nullptr, 0), child);
-  EXPECT_TRUE(connection->still_open());
-  EXPECT_TRUE(search_all(*connection).result);
-}
-
-TEST(LdapConnection, ItsSocketIsNotInheritedByPrograms) {
-  const auto open_sockets = [] {
-    std::vector<int> fds;
-    for (int fd = 3; fd < 256; ++fd) {
-      sockaddr_in peer{};
-      socklen_t size = sizeof peer;
-      if (getpeername(fd, reinterpret_cast<sockaddr*>(&peer), &size) == 0) fds.push_back(fd);
-    }
-    return fds;
-  };
-  const fake::Server server([](Peer& peer) { peer.do_nothing(); });
-  const LdapConnection connection = open_to(server);
-  const auto fds = open_sockets();
-  EXPECT_GE(fds.size(), 1U);
-  for (const int fd : fds) EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0) << fd;
+  EXPECT_TRUE(connection->still_open()) << "the child has said nothing on it";
+  EXPECT_EQ(search_all(*connection), "0 entries 0");
 }
 
 }  // namespace
