@@ -5,10 +5,11 @@
 
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <thread>
 
+#include "libvelder/LdapSource.h"
+#include "libvelder/Snapshot.h"
 #include "tests/unit/libvelder/SampleDirectory.h"
 
 namespace {
@@ -31,14 +32,6 @@ class LdapModuleTest : public SampleDirectory {
   }
 };
 
-TEST_F(LdapModuleTest, MissingFilesMeanAnEmptyDirectory) {
-  std::filesystem::remove(path("directory.ldif"));
-  ASSERT_EQ(initialize(), 0);
-  EXPECT_EQ(find_users("", 0), "0:");
-  EXPECT_EQ(who_is("zoe"), "32");
-  EXPECT_FALSE(proves("zoe", "zoe-secret"));
-}
-
 TEST_F(LdapModuleTest, SnapshotIsPrivateWhateverTheUmask) {
   const mode_t before = umask(0);
   EXPECT_EQ(initialize(), 0);
@@ -52,20 +45,10 @@ TEST_F(LdapModuleTest, SnapshotIsPrivateWhateverTheUmask) {
 }
 
 TEST_F(LdapModuleTest, InitializeRefusesWhatItCannotServe) {
-  const std::string twice = std::string(kOneUser) + "\n" + kOneUser;
-  const struct {
-    const char* settings;
-    std::string ldif;
-  } kRows[] = {
-      {"[LDAP_Setting]\nSource=nis\n", kOneUser},
-      {"", "dn: cn=a,dc=b\nno colon here\n"},
-      {"", "dn: not a name\nobjectClass: user\ncn: x\n"},
-      {"", twice},
-  };
-  for (const auto& row : kRows) {
-    write("LdapSetting.ini", row.settings);
-    write("directory.ldif", row.ldif);
-    EXPECT_NE(initialize(), 0) << row.settings << row.ldif;
+  for (const std::string& ldif :
+       {std::string("dn: not a name\nobjectClass: user\ncn: x\n"), std::string(kOneUser) + "\n" + kOneUser}) {
+    write("directory.ldif", ldif);
+    EXPECT_NE(initialize(), 0) << ldif;
     EXPECT_FALSE(std::filesystem::exists(snapshot()));
     EXPECT_FALSE(std::filesystem::exists(path("directory.db.new")));
   }
@@ -73,7 +56,6 @@ TEST_F(LdapModuleTest, InitializeRefusesWhatItCannotServe) {
   EXPECT_NE(LdapModule::initialize((root_ + "/nowhere").c_str(), true), 0) << "cannot be written";
   std::filesystem::remove(path("directory.ldif"));
   std::filesystem::create_directory(path("directory.ldif"));
-  write("LdapSetting.ini", "");
   EXPECT_NE(initialize(), 0) << "a directory is no LDIF file";
 }
 
@@ -100,25 +82,6 @@ TEST_F(LdapModuleTest, OnlyAChangeBuildsAnew) {
   EXPECT_EQ(who_is("zoe") + " " + who_is("eve"), "32 0: Eve@corp.example.com");
 }
 
-TEST_F(LdapModuleTest, BrokenReloadKeepsTheOldData) {
-  ASSERT_EQ(initialize(), 0);
-  const struct {
-    const char* file;
-    const char* text;
-  } kRows[] = {{"directory.ldif", "dn: cn=a,dc=b\nbroken\n"},
-               {"directory.ldif", "dn: cn=a,dc=b\nobjectClass: user\n\ndn: CN=A,dc=b\nobjectClass: user\n"},
-               {"LdapSetting.ini", "[LDAP_Setting]\nSearchLimit=many\n"}};
-  for (const auto& row : kRows) {
-    write(row.file, row.text);
-    EXPECT_NE(LdapModule::load_db_cache(), 0) << row.text;
-    EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com") << row.text;
-  }
-  write("LdapSetting.ini", "");
-  write("directory.ldif", kOneUser);
-  EXPECT_EQ(LdapModule::load_db_cache(), 0);
-  EXPECT_EQ(who_is("zoe"), "32");
-}
-
 TEST_F(LdapModuleTest, ReplacedOrRemovedFileDoesNotDisturbReaders) {
   ASSERT_EQ(initialize(), 0);
   ASSERT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
@@ -140,22 +103,48 @@ TEST_F(LdapModuleTest, LinkIsReplacedNotFollowed) {
 }
 
 TEST_F(LdapModuleTest, OddAndLongWorkingDirectoriesServe) {
-  const std::string outer = root_;
-  std::vector<std::string> names = {"a?immutable=0&mode=rw", "50%20#x", "two  words", "\xC3\xA4\xFF",
-                                    "file:x"};
-  std::string longest = outer + "/" + std::string(200, 'l') + "/" + std::string(200, 'm');
-  longest += "/" + std::string(511 - longest.size() - 1, 'n');
-  for (std::string& name : names) name = outer + "/" + name;
-  names.push_back(longest);
-  for (const std::string& name : names) {
-    workdir_ = name;
+  std::string longest = "/" + std::string(200, 'l') + "/" + std::string(200, 'm') + "/";
+  longest += std::string(511 - root_.size() - longest.size(), 'n');
+  for (const std::string& name : {std::string("/a?immutable=0&mode=rw"), std::string("/50%20#x"),
+                                  std::string("/\xC3\xA4\xFF"), longest}) {
+    workdir_ = root_ + name;
     std::filesystem::create_directories(workdir_);
     write("directory.ldif", kSampleLdif);
+    write("LdapSetting.ini",
+          "[LDAP_Setting]\nSource=ldif\n[Domain_1]\nDnsName=corp.example.com\nNetbiosName=HQ\n");
     EXPECT_EQ(initialize(), 0) << name;
-    EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com") << name;
+    EXPECT_EQ(who_is("HQ\\zoe"), "0: zoe@corp.example.com") << name;
     EXPECT_TRUE(std::filesystem::exists(snapshot())) << name;
   }
-  EXPECT_EQ(longest.size(), 511U);
+}
+
+TEST_F(LdapModuleTest, SettingsThatWereCutShortKeepTheServersSnapshot) {
+  std::filesystem::remove(path("directory.ldif"));
+  write("LdapSetting.ini", "[Domain_1]\nDnsName=x\nServers=ldap://127.0.0.1:1\n");
+  // As a synchronisation leaves it: one user, of the ldap source.
+  velder::SnapshotBuilder builder({}, {});
+  ASSERT_TRUE(builder.add({"cn=a,dc=x", {{"objectclass", "person"}, {"cn", "a"}, {"uid", "alice"}}, 1}));
+  velder::SnapshotMeta meta;
+  meta.source = velder::kLdapSourceName;
+  ASSERT_TRUE(builder.write(path(velder::kSnapshotDraftName), meta));
+  ASSERT_TRUE(velder::publish_snapshot(workdir_));
+  ASSERT_EQ(initialize(), 0);
+  for (const char* cut : {"", "[LDAP_Setting]\n", "[LDAP_Setting]\nSyncInt", "[LDAP_Sett"}) {
+    write("LdapSetting.ini", cut);
+    EXPECT_NE(LdapModule::load_db_cache(), 0) << cut;
+    EXPECT_EQ(find_users("", 0), "0: alice") << cut;
+    EXPECT_NE(initialize(), 0) << cut;
+    EXPECT_TRUE(velder::present_ldap_snapshot(workdir_)) << cut;
+  }
+}
+
+TEST_F(LdapModuleTest, LdifThatIsAwayAtAReloadIsNotAnEmptyOne) {
+  ASSERT_EQ(initialize(), 0);
+  std::filesystem::rename(path("directory.ldif"), path("away"));
+  EXPECT_NE(LdapModule::load_db_cache(), 0);
+  EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
+  std::filesystem::rename(path("away"), path("directory.ldif"));
+  EXPECT_EQ(LdapModule::load_db_cache(), 0);
 }
 
 TEST_F(LdapModuleTest, ChildOfAForkOpensItsOwn) {
@@ -214,7 +203,7 @@ TEST_F(LdapModuleTest, LookUpsUnderReloadsSeeOneOfTheTwoStates) {
     while (!stop) EXPECT_EQ(LdapModule::load_db_cache(), 0);
   });
   for (int round = 0; round < 20; ++round) {
-    write("directory.ldif", round % 2 == 0 ? kOneUser : kSampleLdif);
+    write("directory.ldif", round % 2 == 0 ? std::string(kOneUser) : kSampleLdif);
     EXPECT_EQ(LdapModule::load_db_cache(), 0);
     EXPECT_EQ(who_is("eve"), round % 2 == 0 ? "0: Eve@corp.example.com" : "32");
   }
@@ -239,26 +228,6 @@ TEST_F(LdapModuleTest, OneProcessBuildsAndTheOthersUseWhatItBuilt) {
   const ino_t built = inode();
   ASSERT_EQ(initialize(), 0);
   EXPECT_EQ(inode(), built);
-}
-
-TEST_F(LdapModuleTest, WithoutAnAcceptorNobodyIsProven) {
-  LdapModule exchange;
-  char token[] = "NTLMSSP";
-  char out[16] = {};
-  int out_len = sizeof out;
-  EXPECT_EQ(exchange.validate_ntlm_message("127.0.0.1", token, 7, out, out_len), -1);
-  EXPECT_EQ(out_len, 0);
-  std::string client = "x", answer = "y";
-  bool more = true;
-  EXPECT_FALSE(LdapModule::validate_negotiate_message("YII=", client, answer, more));
-  EXPECT_EQ(client + answer, "");
-  EXPECT_FALSE(more);
-}
-
-TEST_F(LdapModuleTest, DnsNameComesFromTheDomainComponents) {
-  EXPECT_EQ(LdapModule::dn_to_dns_name("cn=a,DC=corp,dc=example"), "corp.example");
-  EXPECT_EQ(LdapModule::dn_to_dns_name("cn=a,o=x"), "");
-  EXPECT_EQ(LdapModule::dn_to_dns_name(nullptr), "");
 }
 
 }  // namespace

@@ -3,8 +3,9 @@
 // one.
 #pragma once
 
-#include <sstream>
 #include <string>
+
+#include "tests/unit/libvelder/SampleDirectory.h"
 
 inline constexpr char kLiveSchema[] = R"(
 attributetype ( 2.25.904.1.1 NAME 'sAMAccountName' EQUALITY caseIgnoreMatch SUBSTR caseIgnoreSubstringsMatch SYNTAX 1.3.6.1.4.1.1466.115.121.1.15 SINGLE-VALUE )
@@ -23,7 +24,6 @@ inline constexpr char kLiveSuffix[] = "dc=example,dc=com";
 // Of "Many" members there are more than one question names.
 inline constexpr int kManyUsers = 120;
 
-// An entry a line: DN, object class, attributes. %c and %l stand for the two domains.
 inline constexpr char kLiveEntries[] = R"(dc=example,dc=com|domain|dc: example
 dc=corp,dc=example,dc=com|domain|dc: corp
 ou=people%c|organizationalUnit|ou: people
@@ -46,7 +46,8 @@ cn=said%c|groupOfNames|cn: said|member: cn=nobody%c|memberOf: cn=above said%c
 cn=above said%c|groupOfNames|cn: above said|member: cn=nobody%c
 cn=Staff%c|groupOfNames|cn: Staff|member: uid=shared,ou=people%c
 dc=lab,dc=example,dc=com|domain|dc: lab
-cn=Lena Meyer%l|user|cn: Lena Meyer|sAMAccountName: lena|userPrincipalName: l.meyer@example.com|objectSid: S-1-5-21-1-2-3-1105|primaryGroupID: 513|userPassword: lena-secret
+cn=Lena Meyer%l|user|cn: Lena Meyer|sAMAccountName: lena|userPrincipalName: l.meyer@example.com
+  |objectSid: S-1-5-21-1-2-3-1105|primaryGroupID: 513|userPassword: lena-secret
 cn=Shared%l|user|cn: Shared|sAMAccountName: shared|objectSid: S-1-5-21-9-9-9-1106|primaryGroupID: 513
 cn=PC1%l|computer|cn: PC1|sAMAccountName: PC1$
 cn=Contact%l|person|cn: Contact
@@ -55,24 +56,11 @@ cn=Staff%l|group|cn: Staff|member: cn=PC1%l|member: cn=Domain Users%l|member: cn
 )";
 
 inline std::string live_ldif() {
-  std::string entries = kLiveEntries, many = "cn=Many%c|groupOfNames|cn: Many";
+  std::string users, many = "cn=Many%c|groupOfNames|cn: Many";
   for (int number = 100; number < 100 + kManyUsers; ++number) {
     const std::string name = "m" + std::to_string(number);
-    entries += "uid=" + name + "%c|inetOrgPerson|cn: " + name + "|uid: " + name + "\n";
+    users += "uid=" + name + "%c|inetOrgPerson|cn: " + name + "|uid: " + name + "\n";
     many += "|member: uid=" + name + "%c";
   }
-  std::string ldif;
-  std::istringstream lines(entries + many);
-  for (std::string line; std::getline(lines, line);) {
-    line.insert(line.find('|') + 1, "objectClass: ");
-    for (const char c : "dn: " + line + "\n\n") {
-      if (ldif.ends_with('%')) {
-        ldif.pop_back();
-        ldif += c == 'c' ? ",dc=corp,dc=example,dc=com" : ",dc=lab,dc=example,dc=com";
-      } else {
-        ldif += c == '|' ? '\n' : c;
-      }
-    }
-  }
-  return ldif;
+  return ldif_of(kLiveEntries + users + many + "\n");
 }

@@ -12,7 +12,6 @@
 #include "libvelder/LdapSource.h"
 #include "libvelder/Settings.h"
 #include "tests/unit/libvelder/LiveDirectoryData.h"
-#include "tests/unit/libvelder/SampleDirectory.h"
 #include "tests/unit/libvelder/Slapd.h"
 
 namespace {

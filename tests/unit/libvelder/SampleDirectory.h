@@ -7,103 +7,48 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
+#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "libvelder/LdapModule.h"
 
+// LDIF of an entry a line: DN, object class, attributes; a line may go on behind two blanks. %c and %l stand
+// for the two domains of the tests.
+inline std::string ldif_of(const std::string& entries) {
+  const std::pair<const char*, const char*> steps[] = {{"\n  \\|", "|"},
+                                                       {"%c", ",dc=corp,dc=example,dc=com"},
+                                                       {"%l", ",dc=lab,dc=example,dc=com"},
+                                                       {"\n([^|\n]+)\\|", "\n\ndn: $1\nobjectClass: "},
+                                                       {"\\|", "\n"}};
+  std::string ldif = "\n" + entries;
+  for (const auto& [from, to] : steps) ldif = std::regex_replace(ldif, std::regex(from), to);
+  return ldif.substr(2);
+}
+
 // Two domains: corp.example.com (CORP) and lab.example.com. "Strasse" is written with a sharp s once; cn and
 // dn are in an order that is neither that of the file nor that of the bytes.
-inline constexpr char kSampleLdif[] = R"(version: 1
-
-dn: dc=corp,dc=example,dc=com
-objectClass: domain
-
-dn: CN=Zoe Adams,OU=People,DC=corp,DC=example,DC=com
-objectClass: user
-cn: Zoe Adams
-sAMAccountName: zoe
-uid: ignored
-userPrincipalName: z.adams@example.com
-userPassword: {CLEARTEXT}zoe-secret
-userPassword: second-secret
-primaryGroupID: 513
-objectSid: S-1-5-21-1-2-3-1105
-
-dn: cn=bob brown,ou=People,dc=corp,dc=example,dc=com
-objectClass: inetOrgPerson
-cn: bob brown
-uid: bob
-userPassword: bob-secret
-memberOf: cn=Writers,ou=Groups,dc=corp,dc=example,dc=com
-memberOf: cn=No Such Group,dc=corp,dc=example,dc=com
-
-dn: cn=Bob Brown,ou=People,dc=lab,dc=example,dc=com
-objectClass: person
-cn: Bob Brown
-uid: bob
-userAccountControl: 514
-userPassword: lab-secret
-
-dn: cn=Carl,ou=People,dc=lab,dc=example,dc=com
-objectClass: posixAccount
-cn: Carl
-uid: carl
-userPrincipalName: bob@lab.example.com
-
-dn:: Y249SsO2cmcgR3Jvw58sb3U9UGVvcGxlLGRjPWNvcnAsZGM9ZXhhbXBsZSxkYz1jb20=
-objectClass: user
-cn:: SsO2cmcgR3Jvw58=
-userPassword: {UNKNOWN}x
-
-dn: cn=100%_*\22\5C odd,dc=lab,dc=example,dc=com
-objectClass: person
-cn: 100%_*"\ odd
-uid: odd
-
-dn: cn=PC1,dc=corp,dc=example,dc=com
-objectClass: user
-objectClass: computer
-cn: PC1
-sAMAccountName: PC1$
-
-dn: cn=,dc=corp,dc=example,dc=com
-objectClass: person
-
-dn: cn=Writers,ou=Groups,dc=corp,dc=example,dc=com
-objectClass: groupOfUniqueNames
-cn: Writers
-uniqueMember: CN=Zoe Adams, OU=People, DC=corp, DC=example, DC=com#'0101'B
-uniqueMember: cn=nobody,dc=corp,dc=example,dc=com
-
-dn: cn=Staff,ou=Groups,dc=corp,dc=example,dc=com
-objectClass: groupOfNames
-cn: Staff
-member: cn=Writers,ou=Groups,dc=corp,dc=example,dc=com
-member: cn=Circle,ou=Groups,dc=corp,dc=example,dc=com
-
-dn: cn=Circle,ou=Groups,dc=corp,dc=example,dc=com
-objectClass: group
-cn: Circle
-member: cn=Staff,ou=Groups,dc=corp,dc=example,dc=com
-member: cn=Circle,ou=Groups,dc=corp,dc=example,dc=com
-
-dn: cn=Domain Users,cn=Users,dc=corp,dc=example,dc=com
-objectClass: group
-cn: Domain Users
-objectSid:: AQUAAAAAAAUVAAAAAQAAAAIAAAADAAAAAQIAAA==
-
-dn: cn=unix,ou=Groups,dc=lab,dc=example,dc=com
-objectClass: posixGroup
-cn: unix
-memberUid: BOB
-
-dn: cn=staff,ou=Groups,dc=lab,dc=example,dc=com
-objectClass: groupOfNames
-cn: staff
-member: cn=unix,ou=Groups,dc=lab,dc=example,dc=com
-)";
+inline const std::string kSampleLdif = ldif_of(R"(dc=corp,dc=example,dc=com|domain
+CN=Zoe Adams,OU=People%c|user|cn: Zoe Adams|sAMAccountName: zoe|uid: ignored
+  |userPrincipalName: z.adams@example.com|userPassword: {CLEARTEXT}zoe-secret|userPassword: second-secret
+  |primaryGroupID: 513|objectSid: S-1-5-21-1-2-3-1105
+cn=bob brown,ou=People%c|inetOrgPerson|cn: bob brown|uid: bob|userPassword: bob-secret
+  |memberOf: cn=Writers,ou=Groups%c|memberOf: cn=No Such Group%c
+cn=Bob Brown,ou=People%l|person|cn: Bob Brown|uid: bob|userAccountControl: 514|userPassword: lab-secret
+cn=Carl,ou=People%l|posixAccount|cn: Carl|uid: carl|userPrincipalName: bob@lab.example.com
+cn=Jörg Groß,ou=People%c|user|cn: Jörg Groß|userPassword: {UNKNOWN}x
+cn=100%_*\22\5C odd%l|person|cn: 100%_*"\ odd|uid: odd
+cn=PC1%c|user|objectClass: computer|cn: PC1|sAMAccountName: PC1$
+cn=%c|person
+cn=Writers,ou=Groups%c|groupOfUniqueNames|cn: Writers
+  |uniqueMember: CN=Zoe Adams, OU=People, DC=corp, DC=example, DC=com#'0101'B|uniqueMember: cn=nobody%c
+cn=Staff,ou=Groups%c|groupOfNames|cn: Staff|member: cn=Writers,ou=Groups%c|member: cn=Circle,ou=Groups%c
+cn=Circle,ou=Groups%c|group|cn: Circle|member: cn=Staff,ou=Groups%c|member: cn=Circle,ou=Groups%c
+cn=Domain Users,cn=Users%c|group|cn: Domain Users|objectSid:: AQUAAAAAAAUVAAAAAQAAAAIAAAADAAAAAQIAAA==
+cn=unix,ou=Groups%l|posixGroup|cn: unix|memberUid: BOB
+cn=staff,ou=Groups%l|groupOfNames|cn: staff|member: cn=unix,ou=Groups%l
+)");
 
 class SampleDirectory : public ::testing::Test {
  protected:
