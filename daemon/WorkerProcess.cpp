@@ -178,6 +178,7 @@ int child_worker_start() {
     Velder::reply_cache_enabled = false;
   }
   watch_listen_socket();
+  LdapModule::call_before_long_work(event_release_lead);
   start_threads();
   for (;;) {
     sleep_once(kReportSeconds);

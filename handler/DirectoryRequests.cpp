@@ -17,6 +17,8 @@ namespace {
 
 constexpr int kUserInfoLifetime = 86400;  // seconds; failures are kept as long as answers
 
+QuickWork g_password_checks;
+
 // A search name that begins with "^" asks for common names that begin with the rest.
 struct SearchName {
   explicit SearchName(const std::string& name)
@@ -67,11 +69,11 @@ void fill_found_user(const UserMeta& user, Velder::UserInfo* info) {
 
 // Asks the directory for user information and puts the answer into the reply cache.
 void look_up_user_info(const std::string& user_ln, bool cacheable, Velder::UserInfoQueryResponse* response) {
-  event_release_lead();
   UserRecord record;
-  const int found = get_user_attributes(user_ln, record);
-  const int grouped = LdapWrapper::get_user_groups(user_ln, record.groups);
-  response->set_result(found | grouped);
+  response->set_result(g_user_look_ups.run([&] {
+    const int found = get_user_attributes(user_ln, record);
+    return found | LdapWrapper::get_user_groups(user_ln, record.groups);
+  }));
   fill_user_info(user_ln, record, response->mutable_userinfo());
   if (cacheable && Velder::update_reply_cache(Velder::USER_INFO_QUERY_REQUEST, user_ln.c_str(), response,
                                               kUserInfoLifetime) != 0) {
@@ -116,7 +118,8 @@ Outcome handle_user_groups(Frame& frame) {
 
   std::list<GroupMeta> groups;
   Velder::UserGroupQueryResponse response;
-  response.set_result(LdapWrapper::get_user_groups(request.user_ln(), groups));
+  response.set_result(
+      g_user_look_ups.run([&] { return LdapWrapper::get_user_groups(request.user_ln(), groups); }));
   fill_groups(groups, response.mutable_grouplist());
   VRLOG(kLogDebug, "message_type(%d) user(%s), rc(%d)", frame.type, request.user_ln().c_str(),
         response.result());
@@ -128,8 +131,9 @@ Outcome handle_user_validate(Frame& frame) {
   if (!parse_request(frame, &request)) return Outcome::kClose;
 
   Velder::UserValidateResponse response;
-  response.set_result(
-      LdapWrapper::validate_credential(whole_text(request.user_ln()), whole_text(request.password())));
+  response.set_result(g_password_checks.run([&] {
+    return LdapWrapper::validate_credential(whole_text(request.user_ln()), whole_text(request.password()));
+  }));
   explicit_bzero(request.mutable_password()->data(), request.password().size());
   VRLOG(kLogDebug, "messge_type(%d), validate user(%s), rc(%d)", frame.type,
         request.user_ln().c_str(),  // sic

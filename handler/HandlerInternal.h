@@ -10,6 +10,7 @@
 #include "event/Event.h"
 #include "handler/EventHandler.h"
 #include "handler/Frame.h"
+#include "handler/QuickWork.h"
 #include "handler/Reply.h"
 #include "handler/Velder.pb.h"
 #include "wrapper/LdapWrapper.h"
@@ -66,6 +67,7 @@ struct UserRecord {
 
 // Fills all but the groups / all; the library's code, 0 for success. The second asks for the groups only
 // when the user was found.
+extern QuickWork g_user_look_ups;  // around the calls of all requests that look one user up
 int get_user_attributes(const std::string& user, UserRecord& record);
 int get_user_record(const std::string& user, UserRecord& record);
 

@@ -11,7 +11,6 @@
 #include "cache/Cache.h"
 #include "handler/EventHandler.h"
 #include "handler/HandlerInternal.h"
-#include "handler/QuickWork.h"
 #include "handler/WmiExchange.h"
 #include "wrapper/CacheWrapper.h"
 
@@ -66,8 +65,7 @@ void answer_from_directory(const char* ip, std::string user, Velder::IPUserQuery
     user = kGuestUser;
     record.cn = record.upn = record.uid = user;
   } else {
-    event_release_lead();
-    code = get_user_record(user, record);
+    code = g_user_look_ups.run([&] { return get_user_record(user, record); });
   }
   fill_user_info(user, record, response->mutable_userinfo());
   if (code != 0) return;

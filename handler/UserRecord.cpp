@@ -1,5 +1,7 @@
 #include "handler/HandlerInternal.h"
 
+QuickWork g_user_look_ups;
+
 int get_user_attributes(const std::string& user, UserRecord& record) {
   return LdapWrapper::get_user_info(user, record.domain_dns, record.uid, record.cn, record.dn, record.upn);
 }

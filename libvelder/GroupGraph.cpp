@@ -4,8 +4,13 @@
 #include <array>
 #include <numeric>
 
+#include "libvelder/LongWork.h"
+
 namespace velder {
 namespace {
+
+// Hardly anybody is in so many. To list them, and to answer with them, takes some tenths of a millisecond.
+constexpr size_t kManyGroups = 500;
 
 // The first two different groups of those asked for from which a group is reached. Two are enough to tell
 // whether a group is reached from another one than itself, and every group is worked on at most twice.
@@ -66,6 +71,7 @@ std::vector<int64_t> GroupGraph::with_all_above(const std::vector<int64_t>& grou
     if (!known(group) || reached[static_cast<size_t>(group)]) return;
     reached[static_cast<size_t>(group)] = true;
     found.push_back(group);
+    if (found.size() == kManyGroups) before_long_work();
   };
   std::for_each(groups.begin(), groups.end(), reach);
   for (size_t done = 0; done < found.size(); ++done) {

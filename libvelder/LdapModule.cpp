@@ -13,6 +13,7 @@
 #include "libvelder/LdapQueries.h"
 #include "libvelder/LineLimit.h"
 #include "libvelder/LiveDirectory.h"
+#include "libvelder/LongWork.h"
 #include "libvelder/NegotiateLogon.h"
 #include "libvelder/NtlmLogon.h"
 
@@ -133,11 +134,17 @@ int LdapModule::load_db_cache() {
   return guarded(work, int{kDirectoryOther});
 }
 
+void LdapModule::call_before_long_work(void (*hook)()) {
+  velder::g_long_work_hook = hook;
+}
+
 int LdapModule::search_users(const std::string& name, int flag, std::list<UserMeta>& users) {
+  velder::before_long_work();
   return look_up([&](auto& queries) { return queries.search_users(name, match_of(flag), users); });
 }
 
 int LdapModule::search_groups(const std::string& name, int flag, std::list<GroupMeta>& groups) {
+  velder::before_long_work();
   return look_up([&](auto& queries) { return queries.search_groups(name, match_of(flag), groups); });
 }
 
@@ -146,11 +153,13 @@ int LdapModule::get_user_groups(const std::string& user, std::list<GroupMeta>& g
 }
 
 int LdapModule::get_group_groups(const std::string& group, int flag, std::list<GroupMeta>& groups) {
+  velder::before_long_work();
   return look_up([&](auto& queries) { return queries.group_groups(group, match_of(flag), groups); });
 }
 
 int LdapModule::get_all_users(std::list<std::string> groups, int is_dn,
                               std::list<GroupUserMeta>& group_users) {
+  velder::before_long_work();
   return look_up([&](auto& queries) { return queries.all_users(groups, is_dn != 0, group_users); });
 }
 
@@ -189,6 +198,7 @@ bool LdapModule::validate_negotiate_message(const char* token, std::string& clie
   clientinfo.clear();
   returnmsg.clear();
   neednego = false;
+  velder::before_long_work();
   const auto work = [&]() -> bool {
     const auto lease = velder::lease_directory();
     if (!lease) return false;
@@ -210,6 +220,7 @@ int LdapModule::validate_ntlm_message(const char* client_ip, char* token, int to
                                       int& out_len) {
   const auto capacity = static_cast<size_t>(std::max(out_len, 0));
   out_len = 0;
+  velder::before_long_work();
   const auto work = [&]() -> int {
     const std::string_view client = client_ip == nullptr ? "" : client_ip;
     if (token == nullptr || token_len <= 0 || token_len > kLongestNtlmToken) {

@@ -65,6 +65,14 @@ class LdapModule {
   // is logged. 0 or a result code.
   static int load_db_cache();
 
+  // For a program that wants to do something else meanwhile: `hook` is called, by the thread that made the
+  // call, before work that may take long: a directory server, a new snapshot to open or another thread that
+  // opens it to wait for, a password hash that is costly on purpose, a search, a user of very many groups, a
+  // logon. Until then a call only works in memory, for microseconds, unless the memory is that of a file
+  // whose pages are cold. A call may call it several times. It must not throw or call the library. To be set
+  // before other threads run; null, as in the beginning, for none.
+  static void call_before_long_work(void (*hook)());
+
   // flag 1: `name` is a whole cn, uid or upn (groups: cn). flag 0: it occurs anywhere inside them; the
   // empty name finds everything. Letter case never matters. Ordered by cn, then dn.
   static int search_users(const std::string& name, int flag, std::list<UserMeta>& users);

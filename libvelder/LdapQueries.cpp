@@ -5,6 +5,7 @@
 
 #include "libvelder/Dn.h"
 #include "libvelder/Fold.h"
+#include "libvelder/LongWork.h"
 
 namespace velder {
 namespace {
@@ -30,6 +31,7 @@ LdapQueries::LdapQueries(SnapshotReader* reader, const LdapServers& servers) : s
 }
 
 LiveLookup& LdapQueries::live() {
+  before_long_work();
   if (!live_) live_.emplace(servers_.pools(), servers_.settings());
   return *live_;
 }
@@ -46,6 +48,7 @@ int LdapQueries::ask_servers(char kind, std::string_view name, Ask ask) {
   UnknownNames& unknown = servers_.unknown_names();
   const std::string key = kind + fold_text(name);
   if (unknown.knows(key)) return kDirectoryNoSuchObject;
+  before_long_work();
   std::optional<UnknownNames::Turn> turn;
   if (snapshot_) {
     turn.emplace(unknown);
@@ -189,6 +192,7 @@ CredentialResult LdapQueries::bind(const Account& account, std::string_view pass
     return {CredentialVerdict::kCannotTell, "no section of the settings has " + printable(account.dn, 200)};
   }
   if (account.disabled && account.fresh) return {CredentialVerdict::kDisabled, "says the entry itself"};
+  before_long_work();
   BindResult result = servers_.bind_check().check(*account.servers, account.dn, password);
   switch (result.verdict) {
     case BindVerdict::kProven: break;

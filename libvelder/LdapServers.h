@@ -8,6 +8,7 @@
 #include "libvelder/BindCheck.h"
 #include "libvelder/LineLimit.h"
 #include "libvelder/LiveSearch.h"
+#include "libvelder/LongWork.h"
 #include "libvelder/Settings.h"
 #include "libvelder/UnknownNames.h"
 
@@ -20,6 +21,11 @@ class LdapServers {
   // Goes on with those pools of `before` (may be null) whose domain has not changed, and with its refused
   // passwords: a reload must not let a client that repeats a wrong one lock the account.
   LdapServers(const Settings& settings, const LdapServers* before);
+
+  // Closes the connections of those pools that nobody goes on with.
+  ~LdapServers() { before_long_work(); }
+  LdapServers(const LdapServers&) = delete;
+  LdapServers& operator=(const LdapServers&) = delete;
 
   const Settings& settings() const { return settings_; }
   const ServerPools& pools() const { return pools_; }

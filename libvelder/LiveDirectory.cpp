@@ -18,6 +18,7 @@
 #include "libvelder/LdapSource.h"
 #include "libvelder/LdifSource.h"
 #include "libvelder/LongWaits.h"
+#include "libvelder/LongWork.h"
 #include "libvelder/Settings.h"
 
 namespace velder {
@@ -276,10 +277,17 @@ void put_in_force(State& s, std::shared_ptr<const InForce> what) {
   s.generation.fetch_add(1);
 }
 
+// The groups of a snapshot that is about to be put in force: read here, so that the first look-up in it need
+// not wait for them. An error comes back there.
+void read_ahead(const SnapshotFile& file) {
+  static_cast<void>(file.groups());
+}
+
 Result<void> reload_from_servers(State& s, const std::string& workdir, Settings settings,
                                  const std::optional<FileIdentity>& verified) {
   auto file = find_ldap_snapshot(workdir, verified);
   if (!file) return tl::make_unexpected(file.error());
+  if (*file) read_ahead(**file);
 
   std::shared_ptr<const InForce> before;  // outlives the lock: it may be the last to hold old servers
   {
@@ -324,6 +332,7 @@ Result<void> reload_from_ldif(State& s, const std::string& workdir, Settings set
   auto update = update_from_ldif(workdir, settings, verified);
   if (!update) return tl::make_unexpected(update.error());
   log_update(*update, settings);
+  read_ahead(*update->file);
 
   std::shared_ptr<const InForce> before;
   const std::lock_guard lock(s.mutex);
@@ -409,6 +418,7 @@ Result<DirectoryLease> lease_directory() {
   if (mine.is_of(s.generation.load(std::memory_order_acquire))) {
     if (auto lease = mine.lease()) return std::move(*lease);
   }
+  before_long_work();
   const std::lock_guard lock(s.mutex);
   mine.drop();
   const auto what = in_force(s);

@@ -13,12 +13,16 @@
 
 #include "libvelder/Base64.h"
 #include "libvelder/Fold.h"
+#include "libvelder/LongWork.h"
 
 namespace velder {
 namespace {
 
 // No directory takes longer ones; hashing what a client sends must stay cheap.
 constexpr size_t kLongestPassword = 4096;
+
+// More of them in one entry may take longer than others should have to wait.
+constexpr size_t kFewPasswords = 16;
 
 // Fetched once: the engine would look an algorithm up for each digest, under a lock of the whole process.
 const EVP_MD* sha1() {
@@ -163,6 +167,7 @@ PasswordVerdict check_crypt(std::string_view hash, std::string_view given) {
   if (given.size() >= CRYPT_MAX_PASSPHRASE_SIZE || given.find('\0') != std::string_view::npos) {
     return PasswordVerdict::kMismatch;
   }
+  before_long_work();
   WipedString phrase(given);
   WipedString setting(hash);
   const auto work = std::make_unique<CryptWork>();
@@ -203,6 +208,7 @@ PasswordVerdict check_password(std::string_view stored, std::string_view given) 
 }
 
 PasswordVerdict check_password(std::span<const std::string> stored, std::string_view given) {
+  if (stored.size() > kFewPasswords) before_long_work();
   bool matched = false;
   bool told = false;
   for (const std::string& value : stored) {

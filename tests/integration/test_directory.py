@@ -1,13 +1,17 @@
 """Directory questions on the sample directory: exact answers, the reply cache, passwords, limits."""
 
+import fcntl
 import os
+import re
+import select
 import signal
 import threading
 
 import pytest
-from Velder_pb2 import AllUserQueryRequest, GroupSearchRequest, UserGroupQueryRequest
+from Velder_pb2 import (AllUserQueryRequest, GroupSearchRequest, UserGroupQueryRequest, UserInfoQueryRequest,
+                        UserValidateRequest)
 
-from harness import directory, wire
+from harness import directory, sandbox, wire
 from harness.daemon import log_text, until, write_file
 
 GROUPS, GROUPS_OF, PASSWORDS, USERS = directory.GROUPS, directory.GROUPS_OF, directory.PASSWORDS, directory.USERS
@@ -226,6 +230,44 @@ def test_validate__no_password_reaches_the_log(served):
         connection.expect_closed()
     assert "alice" in log_text()
     assert not any(password in log_text() for password in [secret, *PASSWORDS.values()] if password != "carol")
+
+
+def test_slow_look_up__holds_up_nobody_else(daemon):
+    """The one worker's first look-ups wait for another process that builds the snapshot."""
+    daemon.start("--process-num", "1", files=directory.files(), workers=1)
+    with (wire.Connection() as first, wire.Connection() as second, wire.Connection() as beside,
+          open(f"{sandbox.WORKDIR}/directory.db.lock", "rb+") as lock):
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        os.unlink(f"{sandbox.WORKDIR}/directory.db")
+        first.send(wire.frame(wire.USER_INFO, UserInfoQueryRequest(user_ln="alice")))
+        daemon.wait_line(re.compile("directory.db: No such file"), level="ERR")
+        second.send(wire.frame(wire.VALIDATE, UserValidateRequest(user_ln="carol", password=PASSWORDS["carol"])))
+        for _ in range(20):
+            assert beside.query("10.9.9.9").result != 0
+        assert not select.select([first.socket, second.socket], [], [], 0)[0]
+        fcntl.flock(lock, fcntl.LOCK_UN)
+        assert first.receive_answer(wire.USER_INFO).userInfo.cn == "Alice Adams"
+        assert second.receive_answer(wire.VALIDATE).result == 0
+    assert daemon.stop() == 0
+
+
+def test_costly_password__holds_up_nobody_else(daemon):
+    costly = ("{CRYPT}$6$rounds=1000000$seven$"
+              "XCunNBl1MGtCPT3pejOBLv0qTxYB9w/bXPz9ZT1AYkbB3/NKn7RvH8kC3wcGk8nDQ/OcR/nglSWrKvl.0k7ru1")
+    daemon.start("--process-num", "1", workers=1, files={"directory.ldif": directory.ldif() + directory.entry(
+        directory.user_dn("Slow"), ("objectClass", "user"), ("cn", "Slow"), ("userPassword", costly))})
+    with wire.Connection() as slow, wire.Connection() as beside:
+        for _ in range(3):
+            for _ in range(5):  # quick ones, after which the next is taken for quick as well
+                assert beside.validate("carol", PASSWORDS["carol"]) == 0
+            answered = 0
+            slow.send(wire.frame(wire.VALIDATE, UserValidateRequest(user_ln="Slow", password="slow and right")))
+            while not select.select([slow.socket], [], [], 0)[0]:
+                assert beside.user_info("alice").result == 0
+                answered += 1
+            assert slow.receive_answer(wire.VALIDATE).result == 0
+            assert answered > 10
+    assert daemon.stop() == 0
 
 
 def test_limit__search_stops_at_the_limit_and_says_so(daemon):

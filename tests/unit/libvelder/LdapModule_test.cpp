@@ -213,6 +213,52 @@ TEST_F(LdapModuleTest, LookUpsUnderReloadsSeeOneOfTheTwoStates) {
   EXPECT_GT(answers, 0);
 }
 
+TEST_F(LdapModuleTest, LongWorkIsAnnouncedAndNothingElseIs) {
+  static int announced;
+  LdapModule::call_before_long_work([] { ++announced; });
+  const auto announces = [](const auto& call) {
+    announced = 0;
+    call();
+    return announced > 0;
+  };
+  const auto ask = [&](const char* user) { return announces([&] { who_is(user); }); };
+  const auto check = [&](const char* user) { return announces([&] { proves(user, "wrong"); }); };
+  const auto list = [&](const char* user) { return announces([&] { groups_of(user); }); };
+
+  std::string more = "\ndn: cn=crypt,dc=x\nobjectClass: user\ncn: crypt\nuserPassword: {CRYPT}$1$ab$cd\n";
+  more += "\ndn: cn=many,dc=x\nobjectClass: user\ncn: many\n";
+  for (int i = 0; i < 17; ++i) more += "userPassword: " + std::to_string(i) + "\n";
+  more += "\ndn: cn=well-known,dc=x\nobjectClass: user\ncn: well-known\n";
+  for (int i = 0; i < 500; ++i) more += "memberOf: cn=g" + std::to_string(i) + ",dc=x\n";
+  for (int i = 0; i < 500; ++i) {
+    more += "\ndn: cn=g" + std::to_string(i) + ",dc=x\nobjectClass: group\ncn: g\n";
+  }
+  write("directory.ldif", kSampleLdif + more);
+  ASSERT_EQ(initialize(), 0);
+  EXPECT_TRUE(ask("zoe")) << "the snapshot was to be opened";
+  EXPECT_FALSE(ask("zoe") || ask("many") || ask("nobody") || ask("bob"));
+  EXPECT_FALSE(check("zoe") || check("nobody") || list("zoe"));
+  EXPECT_TRUE(check("crypt"));
+  EXPECT_TRUE(check("many"));
+  EXPECT_TRUE(list("well-known"));
+  EXPECT_TRUE(announces([] { find_users("zoe", 0); }));
+  EXPECT_TRUE(announces([] { groups_in("staff", 0); }));
+  EXPECT_TRUE(announces([] { users_of({"writers"}, 0); }));
+
+  write("directory.ldif", kSampleLdif);
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_TRUE(list("zoe")) << "another snapshot";
+  EXPECT_FALSE(list("zoe"));
+
+  std::filesystem::remove(snapshot());
+  write("LdapSetting.ini", "[Domain_1]\nDnsName=corp.example.com\nServers=ldap://127.0.0.1:1\n");
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_TRUE(ask("zoe"));
+  EXPECT_TRUE(ask("zoe")) << "the servers again";
+  EXPECT_TRUE(check("zoe"));
+  LdapModule::call_before_long_work(nullptr);
+}
+
 TEST_F(LdapModuleTest, OneProcessBuildsAndTheOthersUseWhatItBuilt) {
   std::vector<pid_t> children;
   for (int child = 0; child < 6; ++child) {
