@@ -21,8 +21,8 @@ class QuickWork {
   }
 
  private:
-  static constexpr std::chrono::microseconds kQuick{
-      500};  // some twenty requests that others answer meanwhile
+  // Some twenty requests are answered in that time.
+  static constexpr std::chrono::microseconds kQuick{500};
 
   std::atomic<bool> waited_{false};
 };
