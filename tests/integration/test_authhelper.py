@@ -1,7 +1,6 @@
 """authhelper in all its modes: with the real daemon, with the daemon away, and with one that misbehaves."""
 
 import os
-import random
 import signal
 import subprocess
 import threading
@@ -82,16 +81,6 @@ def test_tokens__that_are_garbage_are_refused(served):
             assert helper.ask("YR").startswith("ERR ")
             assert helper.ask("WHAT AAAA") == 'BH message="neither YR nor KK"'
     assert served.sockets().keys() == set(served.workers())
-
-
-def test_garbage__gets_one_reply_a_line(served):
-    dice = random.Random(7)
-    for mode in ("basic", "ntlm", "negotiate", "ip-user", "group"):
-        lines = [bytes(dice.choices(b" %0123456789ABCYRK=\\\"\r\t\0\x80\xff-", k=dice.randrange(40))) for _ in range(300)]
-        with Helper(mode, "--timeout", "5") as helper:
-            for line in lines:
-                assert helper.ask(line).split()[0] in ("ERR", "BH"), (mode, line)
-        assert helper.errors.count("\n") <= 4, helper.errors
 
 
 def test_channels__carry_many_requests_at_once(served):
@@ -249,7 +238,7 @@ def test_ntlm__holds_an_exchange_on_one_connection():
                                  (1, 1, "0.0.0.0"), (2, 1, "2001:db8::1"), (2, 2, "0.0.0.0")]
 
         assert helper.ask("YR TlRM") == challenge
-        scripted.drop_all()
+        scripted.drop()
         assert helper.ask(f"KK {NtlmDaemon.RIGHT}") == NO_ANSWER
         assert scripted.seen[-1][1] == 1, "a proof went to a daemon that never gave the challenge"
         assert helper.ask("YR TlRM") == challenge and helper.ask(f"KK {NtlmDaemon.RIGHT}") == user

@@ -1,17 +1,14 @@
 """NTLM with hashes of the directory, with clients that nobody here wrote; and many of them."""
 
-import base64
 import collections
 import os
-import random
 import re
 import subprocess
 import threading
-import time
 
 from harness import directory, wire
 from harness.daemon import LONG_WAIT, log_lines, log_text, program
-from harness.directory import entry, user_dn
+from harness.directory import entry
 from servers import ntlm, workdir
 from servers.ntlm import HASH, Logon, SambaClient
 
@@ -20,7 +17,7 @@ def ldif():
     """The usual directory, with hashes for some, and one more in the other domain."""
     text = directory.ldif()
     for uid in ("alice", "bob", "zo\u00eb"):
-        line = directory._line("sAMAccountName", uid)
+        line = directory.ldif_line("sAMAccountName", uid)
         assert line in text
         text = text.replace(line, f"{line}sambaNTPassword: {HASH}\n")
     return text + entry("uid=alice,dc=lab,dc=test", ("objectClass", "person"), ("cn", "Other Alice"), ("uid", "alice2"),
@@ -67,23 +64,6 @@ def test_challenge__is_for_one_exchange_on_one_connection(daemon):
         assert first.challenge(client.type1()), "the connection is free for another exchange"
         assert first.user(answer) is None, "which the old answer does not fit"
         assert other.query("192.0.2.254").result == 1
-
-
-def test_garbage__is_refused_and_does_no_harm(daemon):
-    start(daemon)
-    workers = daemon.workers()
-    draw = random.Random(5)
-    with SambaClient("alice", "password", "CORP") as client, wire.Connection() as connection:
-        logon = Logon(connection)
-        for token in (b"NTLMSSP\0", b"NTLMSSP\0\3\0\0\0" + bytes(60), bytes(3071), bytes(3072), bytes(200_000)):
-            assert logon.challenge(token) is None
-        for _ in range(50):
-            answer = bytearray(base64.b64decode(client.type3(logon.challenge(client.type1()))))
-            for _ in range(draw.randint(1, 4)):
-                answer[draw.randrange(12, 88)] = draw.randrange(256)
-            assert logon.user(bytes(answer[:draw.choice([len(answer), draw.randrange(len(answer))])])) in (None, "CORP\\alice")
-        assert client.log_on(connection) == "CORP\\alice"
-    assert daemon.workers() == workers
 
 
 # The mechanism never gives back what a plain password cost its client, which a sanitizer would report.
@@ -150,40 +130,19 @@ def test_many_connections__no_verdict_is_wrong_and_nothing_grows(daemon):
         assert memory < before[pid][0] + 4 and descriptors <= before[pid][1]
 
 
-def seconds_for_queries(count):
-    with wire.Connection() as connection:
-        begin = time.monotonic()
-        for _ in range(count):
-            connection.user_info("alice@corp.test")
-        return time.monotonic() - begin
-
-
-def test_half_open_exchanges__cost_others_nothing_and_go_with_their_connections(daemon):
-    count = 2000
+def test_half_open_exchanges__go_with_their_connections(daemon):
     start(daemon)
     with SambaClient("alice", "password", "CORP") as client:
         type1 = client.type1()
     exchange_in_threads(16, 10)
     before = worker_figures(daemon)
-    after, alone, beside = [], [], []
     for _ in range(3):
-        open_ones = []
-        alone += [seconds_for_queries(1000) for _ in range(3)]
-        for _ in range(count):
-            open_ones.append(Logon(wire.Connection()))
-            assert open_ones[-1].challenge(type1)
-        held = worker_figures(daemon)
-        assert sum(descriptors for _, descriptors in held.values()) >= count
-        beside += [seconds_for_queries(1000) for _ in range(3)]
+        open_ones = [Logon(wire.Connection()) for _ in range(2000)]
+        assert all(logon.challenge(type1) for logon in open_ones)
         assert ntlm.log_on("alice", "password", "CORP") == "CORP\\alice"
-        for logon in open_ones[::2]:
-            logon.connection.close()
-        for logon in open_ones[1::2]:
-            logon.connection.reset()
+        for number, logon in enumerate(open_ones):
+            (logon.connection.reset if number % 2 else logon.connection.close)()
         daemon.wait_idle()
-        after.append(worker_figures(daemon))
-    # The best of each: other programs of the machine disturb single ones.
-    assert min(beside) < 1.5 * min(alone) + 0.02, f"{alone} s alone, {beside} s beside {count} half-open exchanges"
-    for pid, (memory, descriptors) in after[-1].items():
+    for pid, (memory, descriptors) in worker_figures(daemon).items():
         assert descriptors <= before[pid][1] + 1, daemon.descriptors(pid)
-        assert memory < before[pid][0] + 6, after
+        assert memory < before[pid][0] + 6, before

@@ -11,7 +11,6 @@ import pytest
 
 from harness.daemon import log_text, program
 from servers import workdir
-from servers.process import Stopwatch
 from servers.ranged import MOST_VALUES, RangedServer
 from servers.relay import Relay
 from servers.samba_ad import (CROWD, FIRST_PART, LOCKED_AFTER, PEOPLE, PEOPLE_OF_NOTE, READER, READER_PASSWORD, SUFFIX, USERS,
@@ -192,22 +191,6 @@ def test_validate__disabled_and_locked_are_told_apart_from_wrong(daemon, domain)
         assert ask.validate("lou", PEOPLE_OF_NOTE["lou"][1]) is True
     for uid in ("gone", "lou"):
         assert PEOPLE_OF_NOTE[uid][1] not in log_text()
-
-
-def test_frozen_controller__is_missed_for_its_timeout_only(daemon, domain):
-    place(domain, OperationTimeout=2)
-    workdir.good_sync()
-    daemon.start("--verbose", "--disable-reply-cache", keep=True)
-    with Questions() as ask:
-        assert ask.validate("alice", PEOPLE_OF_NOTE["alice"][1]) is True
-        with domain.frozen():
-            watch = Stopwatch()
-            assert ask.validate("alice", PEOPLE_OF_NOTE["alice"][1]) is False
-            assert watch.seconds() < 4
-            watch = Stopwatch()
-            expect_everybody(ask)
-            assert watch.seconds() < 1
-    assert daemon.stop() == 0
 
 
 # Ranges, by the server that hands out nothing else.

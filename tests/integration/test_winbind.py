@@ -10,7 +10,7 @@ from harness.daemon import log_lines, write_file
 from harness.wire import pb
 from servers import kdc, ntlm, winbind, workdir
 from servers.ntlm import Logon, SambaClient
-from servers.samba_ad import HOST, PEOPLE_OF_NOTE, READER, READER_PASSWORD, USERS, SambaDomain
+from servers.samba_ad import PEOPLE_OF_NOTE, READER, READER_PASSWORD, USERS, SambaDomain
 from servers.winbind import Winbind
 
 ALICE, ALICES = "alice", PEOPLE_OF_NOTE["alice"][1]

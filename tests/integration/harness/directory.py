@@ -2,6 +2,7 @@
 
 import base64
 import hashlib
+import re
 import struct
 
 CORP = "DC=corp,DC=test"
@@ -50,16 +51,16 @@ GROUPS_OF = {
 }
 
 
-def _line(name, value):
+def ldif_line(name, value):
     """One LDIF line, base64 where a plain one is not possible."""
     data = value if isinstance(value, bytes) else value.encode()
-    if data.isascii() and b"\0" not in data and not data.startswith((b" ", b":", b"<")):
+    if re.fullmatch(rb"[!-9;=-~]([ -~]*[!-~])?", data):
         return f"{name}: {data.decode()}\n"
     return f"{name}:: {base64.b64encode(data).decode()}\n"
 
 
 def entry(dn, *attributes):
-    return _line("dn", dn) + "".join(_line(name, value) for name, value in attributes) + "\n"
+    return ldif_line("dn", dn) + "".join(ldif_line(name, value) for name, value in attributes) + "\n"
 
 
 def _salted(scheme, hash_name, password):

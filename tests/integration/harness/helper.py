@@ -1,12 +1,11 @@
 """The proxy's helper as the proxy runs it, and a daemon for it that says what the test wants."""
 
 import contextlib
-import socket
 import subprocess
-import threading
 
 from harness import wire
 from harness.daemon import LONG_WAIT, program
+from harness.listener import Listener
 
 
 class Helper:
@@ -52,52 +51,24 @@ class Helper:
         return rest
 
 
-class ScriptedDaemon:
+class ScriptedDaemon(Listener):
     """Answers each request with what `script(type, body)` returns: a message, or None to close the
     connection. `requests` are (connection number, type, body) as they came."""
 
     def __init__(self, script, address=("127.0.0.1", 1103)):
-        self.script, self.address, self.requests, self.connections = script, address, [], 0
-        self._open = []
-
-    def __enter__(self):
-        self._listener = socket.create_server(self.address)
-        threading.Thread(target=self._accept, daemon=True).start()
-        return self
-
-    def __exit__(self, *_):
-        with contextlib.suppress(OSError):
-            self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-        self.drop_all()
+        super().__init__(address)
+        self.script, self.requests = script, []
 
     def helper(self, mode, *options):
         return Helper(mode, "--server", "%s:%d" % self.address, *options)
 
-    def drop_all(self):
-        """Every connection ends, as with a daemon that is started anew."""
-        while self._open:
-            with contextlib.suppress(OSError):
-                self._open.pop().shutdown(socket.SHUT_RDWR)
-
-    def _accept(self):
-        while True:
-            try:
-                peer, _ = self._listener.accept()
-            except OSError:
-                return
-            self.connections += 1
-            self._open.append(peer)
-            threading.Thread(target=self._serve, args=(peer, self.connections), daemon=True).start()
-
-    def _serve(self, peer, number):
-        with peer, contextlib.suppress(OSError), peer.makefile("rb") as source:
+    def serve(self, peer, number):
+        with peer.makefile("rb") as source:
             while header := source.read(wire.HEADER.size):
                 length, kind = wire.HEADER.unpack(header)
                 body = source.read(length)
                 self.requests.append((number, kind, body))
                 answer = self.script(kind, body)
                 if answer is None:
-                    peer.shutdown(socket.SHUT_RDWR)
                     return
                 peer.sendall(wire.frame(kind + 1, answer))

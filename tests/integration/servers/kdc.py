@@ -7,28 +7,15 @@ import subprocess
 
 from harness import sandbox
 from harness.daemon import LONG_WAIT
+from servers.ber import encode
 from servers.origin import Origin
-from servers.process import ServerProcess, need_programs, new_folder, run
+from servers.process import REALM, ServerProcess, kerberos_client, need_programs, new_folder, put_into_etc, run
 
-REALM = "CORP.TEST"
 GATEWAY, OTHER = "gw.corp.test", "other.corp.test"
 PORT = 88
 PASSWORDS = {"alice": "alice's", "zo\u00eb": "zo\u00eb's"}
 BEHIND = "-10m"  # twice as much as clocks may differ
 
-_CLIENT = """[libdefaults]
-default_realm = {realm}
-dns_lookup_realm = false
-dns_lookup_kdc = false
-dns_canonicalize_hostname = false
-rdns = false
-[realms]
-{realm} = {{
-kdc = 127.0.0.1
-}}
-[domain_realm]
-.corp.test = {realm}
-"""
 _SERVER = """[kdcdefaults]
 kdc_listen = 127.0.0.1:{port}
 kdc_tcp_listen = 127.0.0.1:{port}
@@ -59,13 +46,7 @@ class Realm(ServerProcess):
         os.environ["KRB5_KDC_PROFILE"] = os.path.join(self.folder, "kdc.conf")
         with open(os.environ["KRB5_KDC_PROFILE"], "w", encoding="ascii") as file:
             file.write(_SERVER.format(folder=self.folder, realm=REALM, port=PORT))
-        for name, text in (("krb5.conf", _CLIENT.format(realm=REALM)),
-                           ("hosts", f"127.0.0.1 localhost {GATEWAY} {OTHER}\n")):
-            path = f"/etc/{name}"
-            if os.path.lexists(path):
-                os.unlink(path)  # of the private /etc
-            with open(path, "w", encoding="ascii") as file:
-                file.write(text)
+        put_into_etc({"krb5.conf": kerberos_client("127.0.0.1"), "hosts": f"127.0.0.1 localhost {GATEWAY} {OTHER}\n"})
         run("kdb5_util", "create", "-s", "-r", REALM, "-P", "master")
         for user, password in PASSWORDS.items():
             self.admin(f'addprinc -pw "{password}" {user}')
@@ -75,8 +56,7 @@ class Realm(ServerProcess):
 
     @staticmethod
     def admin(command):
-        done = run("kadmin.local", "-r", REALM, "-q", command)
-        return done
+        return run("kadmin.local", "-r", REALM, "-q", command)
 
     @contextlib.contextmanager
     def with_clock(self, clock):
@@ -137,12 +117,6 @@ def token(folder, user, password, host, life="1h", clock=None, answer=None):
 
 # Tokens of other forms, made of real ones.
 
-def _tlv(tag, content):
-    length = len(content)
-    size = bytes([length]) if length < 128 else bytes([0x84]) + length.to_bytes(4, "big")
-    return bytes([tag]) + size + content
-
-
 def bare_kerberos(token):
     """What SPNEGO carries inside."""
     data = base64.b64decode(token)
@@ -157,9 +131,9 @@ SPNEGO = bytes.fromhex("06062b0601050502")
 
 def spnego(mechanisms, token):
     """A first message that offers these mechanisms, the token being of the first one."""
-    lists = _tlv(0xa0, _tlv(0x30, b"".join(mechanisms))) + (_tlv(0xa2, _tlv(0x04, token)) if token else b"")
-    return _tlv(0x60, SPNEGO + _tlv(0xa0, _tlv(0x30, lists)))
+    lists = encode(0xa0, encode(0x30, b"".join(mechanisms))) + (encode(0xa2, encode(0x04, token)) if token else b"")
+    return encode(0x60, SPNEGO + encode(0xa0, encode(0x30, lists)))
 
 
 def later_leg(token):
-    return _tlv(0xa1, _tlv(0x30, _tlv(0xa2, _tlv(0x04, token))))
+    return encode(0xa1, encode(0x30, encode(0xa2, encode(0x04, token))))

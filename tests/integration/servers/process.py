@@ -15,6 +15,7 @@ from harness.daemon import stat_fields, until
 from harness import sandbox
 
 ROOM = "/mnt"  # exists on every Debian machine; covered by a RAM disk in our mount namespace only
+REALM = "CORP.TEST"
 START_WAIT = 60  # seconds; a domain controller on a busy machine takes ten
 
 
@@ -56,6 +57,23 @@ def run(*command, **options):
     if done.returncode != 0:
         raise sandbox.Impossible(f"{' '.join(command)}: {done.stdout[-1000:]}{done.stderr[-1000:]}")
     return done.stdout
+
+
+def put_into_etc(files):
+    """Name -> text, into the private /etc."""
+    for name, text in files.items():
+        path = f"/etc/{name}"
+        if os.path.lexists(path):
+            os.unlink(path)  # may be a link to somewhere else
+        with open(path, "w", encoding="ascii") as file:
+            file.write(text)
+
+
+def kerberos_client(kdc):
+    """krb5.conf of a machine in the realm, which asks no name server."""
+    return (f"[libdefaults]\ndefault_realm = {REALM}\ndns_lookup_realm = false\ndns_lookup_kdc = false\n"
+            f"dns_canonicalize_hostname = false\nrdns = false\n[realms]\n{REALM} = {{\nkdc = {kdc}\n}}\n"
+            f"[domain_realm]\n.corp.test = {REALM}\n")
 
 
 def port_open(port, host="127.0.0.1"):

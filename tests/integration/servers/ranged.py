@@ -3,12 +3,10 @@ of an attribute, unasked, as "member;range=0-1499", and the rest only range by r
 the plain one, empty. Pages, filters and binds work; unpaged searches end after 1,000 entries; search references that
 nobody can follow come with every search of the whole tree."""
 
-import contextlib
 import itertools
 import re
-import socket
-import threading
 
+from harness.listener import Listener
 from servers import ber
 
 MOST_VALUES = 1500
@@ -26,54 +24,26 @@ def normal_dn(dn):
     return re.sub(r"\s*([,=])\s*", r"\1", dn).lower()
 
 
-class RangedServer:
+class RangedServer(Listener):
     """`entries`: DN -> {attribute: [values]}; memberOf is made from member, as the original does. `account`: (DN,
     password) who alone may search. `hidden` attributes exist for nobody who searches. `binds` are the names that were
     tried, `ranges` the ranges that were asked for."""
 
     def __init__(self, base, entries, account):
+        self.port = next(_ports)
+        super().__init__(("127.0.0.1", self.port))
         self.base, self.account = base, account
         self.entries = {normal_dn(dn): (dn, attributes) for dn, attributes in entries.items()}
         for dn, attributes in entries.items():
             for member in map(normal_dn, attributes.get("member", [])):
                 if member in self.entries:  # not one of another domain
                     self.entries[member][1].setdefault("memberOf", []).append(dn)
-        self.port = next(_ports)
         self.url = f"ldap://127.0.0.1:{self.port}"
         self.binds, self.ranges = [], []
         self.hidden = {"password"}
-        self._listener = None
-        self._open = set()
 
-    def __enter__(self):
-        self._listener = socket.create_server(("127.0.0.1", self.port), backlog=128)
-        threading.Thread(target=self._accept, daemon=True).start()
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-
-    def close(self):
-        """Ends everything at once, as a killed server would."""
-        with contextlib.suppress(OSError):
-            self._listener.shutdown(socket.SHUT_RDWR)
-        self._listener.close()
-        for peer in list(self._open):
-            with contextlib.suppress(OSError):
-                peer.shutdown(socket.SHUT_RDWR)
-
-    def _accept(self):
-        while True:
-            try:
-                peer, _ = self._listener.accept()
-            except OSError:
-                return
-            self._open.add(peer)
-            threading.Thread(target=self._serve, args=(peer,), daemon=True).start()
-
-    def _serve(self, peer):
+    def serve(self, peer, _number):
         _Session(self, peer).run()
-        self._open.discard(peer)
 
 
 class _Session:
@@ -84,16 +54,12 @@ class _Session:
 
     def run(self):
         data = b""
-        with self.peer:
-            try:
-                while piece := self.peer.recv(65536):
-                    data += piece
-                    while message := ber.read(data):
-                        data = data[message[2]:]
-                        if not self.answer(message[1]):
-                            return
-            except OSError:
-                pass
+        while piece := self.peer.recv(65536):
+            data += piece
+            while message := ber.read(data):
+                data = data[message[2]:]
+                if not self.answer(message[1]):
+                    return
 
     def send(self, number, tag, *parts, controls=b""):
         self.peer.sendall(ber.sequence(ber.integer(number), ber.sequence(*parts, tag=tag), controls))

@@ -8,7 +8,7 @@ import subprocess
 
 from harness import sandbox
 from harness.daemon import PROGRAMS
-from servers.process import ServerProcess, cannot_run, make_room, need_programs, new_folder, run
+from servers.process import ServerProcess, cannot_run, kerberos_client, make_room, need_programs, new_folder, put_into_etc, run
 from servers.slapd import entry, rdn_value
 
 ADDRESS = "10.99.0.1"
@@ -60,21 +60,6 @@ path = {folder}/state/sysvol/corp.test/scripts
 [sysvol]
 path = {folder}/state/sysvol
 """
-
-_KERBEROS = """[libdefaults]
-default_realm = CORP.TEST
-dns_lookup_realm = false
-dns_lookup_kdc = false
-dns_canonicalize_hostname = false
-rdns = false
-[realms]
-CORP.TEST = {{
-kdc = {address}
-}}
-[domain_realm]
-.corp.test = CORP.TEST
-"""
-
 
 def user_dn(uid):
     return f"CN={rdn_value(PEOPLE_OF_NOTE[uid][0])},{PEOPLE}"
@@ -144,14 +129,8 @@ class SambaDomain(ServerProcess):
             run("ip", "address", "add", f"{ADDRESS}/24", "dev", "lo")
             run("mount", "-t", "tmpfs", "-o", "mode=755", "run", "/run")
         os.makedirs("/run/samba", 0o755, exist_ok=True)
-        for name, text in (("hosts", f"127.0.0.1 localhost\n{ADDRESS} {HOST} dc1\n"),
-                           ("resolv.conf", f"search corp.test\nnameserver {ADDRESS}\noptions timeout:1 attempts:1\n"),
-                           ("krb5.conf", _KERBEROS.format(address=ADDRESS))):
-            path = f"/etc/{name}"
-            if os.path.lexists(path):
-                os.unlink(path)  # of the private /etc; may be a link to somewhere else
-            with open(path, "w", encoding="ascii") as file:
-                file.write(text)
+        put_into_etc({"hosts": f"127.0.0.1 localhost\n{ADDRESS} {HOST} dc1\n", "krb5.conf": kerberos_client(ADDRESS),
+                      "resolv.conf": f"search corp.test\nnameserver {ADDRESS}\noptions timeout:1 attempts:1\n"})
         for name in ("etc", "run", "cache", "log", "private", "state/winbindd_privileged", "bind-dns"):
             os.makedirs(os.path.join(self.folder, name), 0o755)
         with open(self.configuration, "w", encoding="ascii") as file:

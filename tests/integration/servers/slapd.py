@@ -4,12 +4,12 @@ It limits ordinary searches to 500 entries and pages as Active Directory does, l
 passwords, keeps memberOf, shows the directory to the reading account only, and writes every operation to its log.
 """
 
-import base64
 import itertools
 import os
 import re
 import subprocess
 
+from harness.directory import ldif_line
 from servers.certificates import authority
 from servers.process import ServerProcess, need_programs, new_folder, run
 
@@ -55,13 +55,6 @@ access to * by dn.exact="{reader}" read by * none
 """
 
 _numbers = itertools.count()
-
-
-def ldif_line(name, value):
-    data = value if isinstance(value, bytes) else value.encode()
-    if re.fullmatch(rb"[!-9;=-~]([ -~]*[!-~])?", data):
-        return f"{name}: {data.decode()}\n"
-    return f"{name}:: {base64.b64encode(data).decode()}\n"
 
 
 def entry(dn, **attributes):

@@ -2,7 +2,6 @@
 
 import contextlib
 import http.server
-import os
 import shutil
 import subprocess
 import threading
