@@ -42,25 +42,6 @@ def test_connections__all_at_once(served):
     assert served_at_last == ["alice"] * len(visitors)
 
 
-def test_connections__that_stop_in_the_middle_of_a_request(served):
-    halves = []
-    for number in range(300):
-        halves.append(connection := wire.Connection())
-        connection.send(ASK_ALICE)
-        connection.receive_answer(wire.USER_INFO)
-        connection.send(ASK_ALICE[:1 + number % (len(ASK_ALICE) - 1)])
-    with wire.Connection() as other:
-        for _ in range(200):
-            begin = time.monotonic()
-            assert other.user_info("alice").result == 0
-            assert time.monotonic() - begin < 1
-    for number, connection in enumerate(halves):
-        if number % 2:
-            connection.send(ASK_ALICE[1 + number % (len(ASK_ALICE) - 1):])
-            assert connection.receive_answer(wire.USER_INFO).userInfo.uid == "alice"
-        connection.close()
-
-
 def test_bodies__large_ones_do_not_add_up_in_memory(served):
     sizes = []
     for _ in range(16):

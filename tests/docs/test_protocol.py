@@ -3,8 +3,6 @@
 import pathlib
 import re
 import socket
-import subprocess
-import sys
 
 import pytest
 
@@ -61,19 +59,3 @@ def test_every_frame_is_answered_as_printed(example):
             assert pattern(side(block, "<")).fullmatch(answer), f"{block}\nanswered: {answer.hex(' ')}"
             seen |= {request[4], answer[4]}
     assert seen == set(range(KINDS)), f"no dump of {set(range(KINDS)) - seen}"
-
-
-def test_the_client_works(example, tmp_path):
-    (text,) = blocks("python")
-    assert len([line for line in text.splitlines() if line.strip()]) <= CLIENT_LINES
-    (tmp_path / "client.py").write_text(text)
-
-    def client(*arguments, given=""):
-        return subprocess.run([sys.executable, tmp_path / "client.py", *arguments], input=given, text=True,
-                              capture_output=True, timeout=LONG_WAIT, check=True).stdout.strip()
-    assert client("ip", "192.0.2.11") == "nobody"
-    with wire.Connection() as connection:
-        connection.bind("192.0.2.11", "jmueller@corp.example.com")
-    assert client("ip", "192.0.2.11") == "jmueller@corp.example.com"
-    assert client("password", "jmueller@corp.example.com", given="Trial.jmueller\n") == "right"
-    assert client("password", "jmueller@corp.example.com", given="guess\n") == "not right"

@@ -2,13 +2,12 @@
 
 import glob
 import os
-import threading
 import time
 
 import pytest
 
 from harness import directory, sandbox, wire
-from harness.daemon import LONGEST_LINE, log_lines, log_text, until
+from harness.daemon import LONGEST_LINE, log_lines, log_text
 
 START = "**************** Authentication Daemon Start ****************"
 
@@ -55,45 +54,6 @@ def test_levels__debug_only_when_verbose(daemon, options, levels):
     in_order = [START, "Info: start authentication daemon...", "LdapWrapper::initialize() (rc=0)",
                 "CacheWrapper::initialize() (rc=0)", "Daemon exit"]
     assert [line.text for line in lines if line.text in in_order] == in_order
-
-
-def test_file__removed_or_renamed_is_made_anew(daemon):
-    daemon.start("--verbose", files=directory.files())
-    path, = glob.glob(f"{sandbox.LOG_DIR}/*")
-    for way in (os.unlink, lambda name: os.rename(name, f"{sandbox.OUTSIDE}/kept")):
-        way(path)
-        with wire.Connection() as connection:
-            assert connection.query("10.9.1.1").result == 1
-        until(lambda: os.path.exists(path) and "message_type(6) ip(10.9.1.1), rc(1)" in log_text(), "a new file")
-        assert "Authentication Daemon Start" not in log_text()
-    # Without its folder the daemon loses lines and nothing else.
-    os.rename(sandbox.LOG_DIR, f"{sandbox.OUTSIDE}/log")
-    with wire.Connection() as connection:
-        assert connection.query("10.9.1.2").result == 1
-    os.rename(f"{sandbox.OUTSIDE}/log", sandbox.LOG_DIR)
-    with wire.Connection() as connection:
-        assert connection.query("10.9.1.3").result == 1
-    daemon.wait_line("message_type(6) ip(10.9.1.3), rc(1)")
-    assert daemon.count_lines("message_type(6) ip(10.9.1.2), rc(1)") == 0
-    assert daemon.stop() == 0
-
-
-def test_lines__of_all_threads_and_processes_stay_whole(daemon):
-    daemon.start("--verbose", "--process-num", "4", workers=4, files=directory.files())
-
-    def ask(number):
-        with wire.Connection() as connection:
-            for count in range(100):
-                connection.bind(f"10.9.{number}.{count}", "x" * 900)
-
-    threads = [threading.Thread(target=ask, args=(number,)) for number in range(16)]
-    for thread in threads:
-        thread.start()
-    for thread in threads:
-        thread.join()
-    bound = [line.text for line in log_lines() if line.text.startswith("IP_USER_BIND_REQUEST, ")]
-    assert len(bound) == len(set(bound)) == 1600
-    assert daemon.stop() == 0
 
 
 def test_lines__hostile_text_makes_no_lines_of_its_own(daemon):

@@ -290,7 +290,7 @@ def test_watch__the_terminal_is_as_it_was(daemon, end):
     os.close(terminal)
 
 
-def test_watch__a_small_terminal_and_a_pipe(daemon):
+def test_watch__a_small_terminal(daemon):
     start(daemon)
     pid, terminal = watch(rows=5, columns=20)
     text = read_until(terminal, r"\x1b\[H\d\d:.*\x1b\[H\d\d:.*\x1b\[J")
@@ -300,12 +300,6 @@ def test_watch__a_small_terminal_and_a_pipe(daemon):
     os.write(terminal, b"q")
     assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == WELL
     os.close(terminal)
-    with subprocess.Popen([program("authctl"), "status", "--watch", "0.1", "--json"], stdout=subprocess.PIPE,
-                          text=True) as piped:
-        reports = [json.loads(piped.stdout.readline()) for _ in range(3)]
-        piped.stdout.close()
-        assert piped.wait(LONG_WAIT) == -signal.SIGPIPE
-    assert all(one["daemon"]["workers"] == 2 for one in reports)
 
 
 # Directory servers.
@@ -352,16 +346,6 @@ def test_watch__looking_often_does_not_bind_often(daemon, slapd):
 def refused_binds(slapd):
     with open(f"{slapd.folder}/log", encoding="utf-8", errors="replace") as file:
         return re.findall("RESULT tag=97 err=49", file.read())
-
-
-def test_status__no_snapshot_of_the_servers_yet(daemon, slapd):
-    place(slapd)
-    daemon.start(keep=True)
-    code, report = status()
-    assert code == WRONG and problems(report, "directory.db: No such file")
-    workdir.good_sync()
-    assert authctl("reload")[0] == WELL
-    assert status()[0] == WELL
 
 
 # check-config.

@@ -389,17 +389,6 @@ def test_half_way__the_old_snapshot_stays(slapd, trick, words, share):
         assert done.status == 0 and f"{people.CROWD + len(people.NOTABLE)} users" in done.output, done
 
 
-def test_failed__neither_recorded_nor_told(daemon, slapd):
-    place_with_snapshot(slapd)
-    workdir.place_script()
-    daemon.start("--verbose", keep=True)
-    workdir.put(settings(slapd, ["ldap://127.0.0.1:9"]), READER_PASSWORD)
-    done = workdir.run_script()
-    assert done.returncode == 1 and "refused" in done.stdout.lower(), done
-    assert not os.path.exists(f"{sandbox.WORKDIR}/.LastSyncTime.ini")
-    assert daemon.count_lines(re.compile("snapshot of the servers")) == 1
-
-
 def test_killed__at_any_moment(daemon):
     """The directory grows by one before each run, so a whole new snapshot can be told from the old one."""
     with Slapd(people.content()) as slapd:

@@ -9,7 +9,7 @@ import time
 import pytest
 
 from harness import directory, sandbox, wire
-from harness.daemon import processes, seconds_between, until, write_file
+from harness.daemon import processes, seconds_between, until
 
 FACTOR = 60
 SCRIPT = """#!/bin/sh
@@ -92,25 +92,6 @@ def test_schedule__settings_without_an_interval_mean_every_round(daemon):
     daemon.wait_line(FORKED, count=2)
     assert daemon.count_lines(re.compile("^Skip sync")) == 0
     until(lambda: sync_log().count("arguments") >= 2, "two runs of the script")
-    assert daemon.stop() == 0
-
-
-def test_script__of_the_product_makes_the_workers_reload(daemon):
-    with open(PRODUCT_SCRIPT, encoding="utf-8") as file:
-        script = file.read()
-    daemon.start("--verbose", files=directory.files(**{"LdapSyncTool.sh": script}), factor=FACTOR)
-    workers = daemon.workers()
-    write_file("directory.ldif", directory.ldif() + directory.newcomer())
-    daemon.wait_line(re.compile(r"^Info: execute command: .* return 0$"), level="INF")
-    with daemon.connections_by_worker(workers) as connections:
-        for worker, connection in connections.items():
-            daemon.wait_line("child_worker_start() load cache", pid=worker)
-            assert connection.user_info("newman").result == 0
-    with open(f"{sandbox.WORKDIR}/.LastSyncTime.ini", encoding="ascii") as file:
-        recorded_time = int(re.search(r"^LastSyncTime=(\d+)$", file.read(), re.MULTILINE)[1])
-    assert abs(time.time() - recorded_time) < 30
-    assert "told 2 worker processes to reload" in sync_log()
-    assert daemon.workers() == workers
     assert daemon.stop() == 0
 
 
