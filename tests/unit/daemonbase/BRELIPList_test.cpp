@@ -23,7 +23,7 @@ TEST(BRELIPListTest, ItemsAreAddressesRangesAndNetworks) {
   const struct {
     const char* text;
     size_t count;
-    const char* inside;  // null: nothing is added
+    const char* inside;
     const char* outside;
   } rows[] = {
       {"10.0.0.1", 1, "10.0.0.1", "10.0.0.2"},
@@ -35,15 +35,6 @@ TEST(BRELIPListTest, ItemsAreAddressesRangesAndNetworks) {
       {"10.0.0.7/32", 1, "10.0.0.7", "10.0.0.6"},
       {"2001:db8::/33", 1, "2001:db8:7fff::1", "2001:db8:8000::"},
       {"::1-::5", 1, "::3", "::6"},
-      {"10.0.0.9-10.0.0.1", 0, nullptr, nullptr},
-      {"10.0.0.1-::5", 0, nullptr, nullptr},
-      {"10.0.0.0/33", 0, nullptr, nullptr},
-      {"10.0.0.0/", 0, nullptr, nullptr},
-      {"10.0.0.0/8x", 0, nullptr, nullptr},
-      {"2001:db8::/255.0.0.0", 0, nullptr, nullptr},
-      {"10.0.0.256", 0, nullptr, nullptr},
-      {"", 0, nullptr, nullptr},
-      {" ; , ", 0, nullptr, nullptr},
       {"10.0.0.1,10.0.0.3", 2, "10.0.0.3", "10.0.0.2"},
       {"10.0.0.1;10.0.0.3;", 2, "10.0.0.3", "10.0.0.2"},
       {"10.0.0.1,10.0.0.2;10.0.0.3,10.0.0.4", 2, "10.0.0.4", "10.0.0.1"},
@@ -52,9 +43,14 @@ TEST(BRELIPListTest, ItemsAreAddressesRangesAndNetworks) {
     BRELIPList list;
     list.AddMultiItems(row.text);
     EXPECT_EQ(list.GetNodeCount(), row.count) << row.text;
-    if (row.inside == nullptr) continue;
     EXPECT_TRUE(covers(list, row.inside)) << row.text;
     EXPECT_FALSE(covers(list, row.outside)) << row.text;
+  }
+  for (const char* refused : {"10.0.0.9-10.0.0.1", "10.0.0.1-::5", "10.0.0.0/33", "10.0.0.0/", "10.0.0.0/8x",
+                              "2001:db8::/255.0.0.0", "10.0.0.256", "", " ; , "}) {
+    BRELIPList list;
+    list.AddMultiItems(refused);
+    EXPECT_EQ(list.GetNodeCount(), 0U) << refused;
   }
   const sockaddr unknown = {};
   EXPECT_FALSE(BRELIPList().Contains(unknown));

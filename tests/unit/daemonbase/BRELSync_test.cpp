@@ -99,35 +99,6 @@ TEST(BRELMutexTest, InnerGuardThatFailsReleasesNothing) {
   }
 }
 
-TEST(BRELMutexTest, GuardsKeepACounterWhole) {
-  BRELMutex mutex(false);
-  BRELRWLock rwlock;
-  int behind_mutex = 0;
-  int behind_rwlock = 0;
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < 4; ++thread) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 5000; ++i) {
-        {
-          const BRELLock guard(mutex);
-          ++behind_mutex;
-        }
-        {
-          const BRELWLock guard(rwlock);
-          ++behind_rwlock;
-        }
-        {
-          const BRELRLock guard(rwlock);
-          EXPECT_GT(behind_rwlock, 0);
-        }
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(behind_mutex, 20'000);
-  EXPECT_EQ(behind_rwlock, 20'000);
-}
-
 TEST(BRELRWLockTest, ReadersShareAndAWriterExcludes) {
   BRELRWLock lock;
   std::atomic<bool> writer_in{false};

@@ -16,58 +16,54 @@ using namespace std::string_literals;
 using Fields = std::vector<std::string>;
 
 TEST(AuthHelperLine, IsReadAsTheProxyWritesIt) {
+  using enum Mode;
   const struct {
     Mode mode;
-    bool channels;
     std::string line;
-    LineFault fault;
-    std::string channel;
     Fields fields;
+    std::string channel = "";  // where there are channels
   } rows[] = {
-      {Mode::kBasic,
-       false,
-       "al%20%C3%BC%22%25%5Cice p%20w 127.0.0.1",
-       LineFault::kNone,
-       "",
-       {"al ü\"%\\ice", "p w"}},
-      {Mode::kBasic, false, "alice ", LineFault::kNone, "", {"alice", ""}},
+      {kBasic, "al%20%C3%BC%22%25%5Cice p%20w 127.0.0.1", {"al ü\"%\\ice", "p w"}},
+      {kBasic, "alice ", {"alice", ""}},
       // What key_extras adds must not become the password.
-      {Mode::kBasic, false, "alice  127.0.0.1", LineFault::kNone, "", {"alice", ""}},
-      {Mode::kBasic, false, " pw", LineFault::kNone, "", {"", "pw"}},
-      {Mode::kBasic, false, "alice pw\r", LineFault::kNone, "", {"alice", "pw"}},
-      {Mode::kBasic, false, "alice", LineFault::kMissingField, "", {}},
-      {Mode::kBasic, false, "", LineFault::kMissingField, "", {}},
-      {Mode::kBasic, true, "17 alice pw", LineFault::kNone, "17", {"alice", "pw"}},
-      {Mode::kBasic, true, "17 alice", LineFault::kMissingField, "17", {}},
-      {Mode::kBasic, true, "17 alice %4", LineFault::kBadEscape, "17", {}},
-      {Mode::kBasic, true, "alice pw", LineFault::kNoChannel, "", {}},
-      {Mode::kBasic, true, "12345678901 alice pw", LineFault::kNoChannel, "", {}},
-      {Mode::kBasic, true, "-1 alice pw", LineFault::kNoChannel, "", {}},
-      {Mode::kBasic, true, "17", LineFault::kNoChannel, "", {}},
-      {Mode::kBasic, false, "alice %zz", LineFault::kBadEscape, "", {}},
-      {Mode::kBasic, false, "alice %", LineFault::kBadEscape, "", {}},
-      {Mode::kBasic, false, "alice a%00b", LineFault::kNul, "", {}},
-      {Mode::kBasic, false, "ali\0ce pw"s, LineFault::kNul, "", {}},
+      {kBasic, "alice  127.0.0.1", {"alice", ""}},
+      {kBasic, " pw", {"", "pw"}},
+      {kBasic, "alice pw\r", {"alice", "pw"}},
+      {kBasic, "17 alice pw", {"alice", "pw"}, "17"},
       // A client chooses its token freely, so its percent signs are nothing special.
-      {Mode::kNtlm, false, "YR %zz 10.0.0.1", LineFault::kNone, "", {"YR", "%zz", "10.0.0.1"}},
-      {Mode::kNtlm, false, "YR", LineFault::kNone, "", {"YR"}},
-      {Mode::kNegotiate, false, "KK abc= - more", LineFault::kNone, "", {"KK", "abc=", "-"}},
-      {Mode::kIpUser, false, "2001:db8::7 -", LineFault::kNone, "", {"2001:db8::7"}},
-      {Mode::kGroup,
-       true,
-       "3 D%5Cu Domain%20Users  B%C3%BCro",
-       LineFault::kNone,
-       "3",
-       {"D\\u", "Domain Users", "Büro"}},
-      {Mode::kGroup, false, "alice -", LineFault::kNone, "", {"alice"}},
-      {Mode::kGroup, false, "alice - staff", LineFault::kNone, "", {"alice", "-", "staff"}},
+      {kNtlm, "YR %zz 10.0.0.1", {"YR", "%zz", "10.0.0.1"}},
+      {kNtlm, "YR", {"YR"}},
+      {kNegotiate, "KK abc= - more", {"KK", "abc=", "-"}},
+      {kIpUser, "2001:db8::7 -", {"2001:db8::7"}},
+      {kGroup, "3 D%5Cu Domain%20Users  B%C3%BCro", {"D\\u", "Domain Users", "Büro"}, "3"},
+      {kGroup, "alice -", {"alice"}},
+      {kGroup, "alice - staff", {"alice", "-", "staff"}},
   };
   for (const auto& row : rows) {
-    const HelperLine got = parse_helper_line(row.line, row.mode, row.channels);
-    EXPECT_EQ(got.fault, row.fault) << row.line;
+    const HelperLine got = parse_helper_line(row.line, row.mode, !row.channel.empty());
+    EXPECT_EQ(got.fault, LineFault::kNone) << row.line;
     EXPECT_EQ(got.channel, row.channel) << row.line;
-    if (row.fault != LineFault::kNone) continue;
     EXPECT_EQ(got.fields, row.fields) << row.line;
+  }
+  const struct {
+    LineFault fault;
+    bool channels;
+    std::vector<std::string> lines;
+    std::string channel = "";
+  } faults[] = {
+      {LineFault::kMissingField, false, {"alice", ""}},
+      {LineFault::kMissingField, true, {"17 alice"}, "17"},
+      {LineFault::kBadEscape, false, {"alice %zz", "alice %"}},
+      {LineFault::kBadEscape, true, {"17 alice %4"}, "17"},
+      {LineFault::kNoChannel, true, {"alice pw", "12345678901 alice pw", "-1 alice pw", "17"}},
+      {LineFault::kNul, false, {"alice a%00b", "ali\0ce pw"s}},
+  };
+  for (const auto& row : faults) {
+    for (const std::string& line : row.lines) {
+      const HelperLine got = parse_helper_line(line, kBasic, row.channels);
+      EXPECT_EQ(got.fault, row.fault) << line;
+      EXPECT_EQ(got.channel, row.channel) << line;
+    }
   }
 }
 
@@ -205,15 +201,13 @@ TEST(AuthHelperLostUsers, AreKeptForAMoment) {
 
 TEST(AuthHelperGroups, AreComparedAsTheDirectoryDoes) {
   google::protobuf::RepeatedPtrField<Velder::GroupInfo> groups;
-  const struct {
-    const char* cn;
-    const char* dn;
-  } rows[] = {{"Büro Zürich", "CN=Büro Zürich,OU=Groups,DC=corp,DC=test"},
-              {"Finance, Controlling", "CN=Finance\\, Controlling,DC=corp"}};
-  for (const auto& row : rows) {
+  const std::pair<const char*, const char*> rows[] = {
+      {"Büro Zürich", "CN=Büro Zürich,OU=Groups,DC=corp,DC=test"},
+      {"Finance, Controlling", "CN=Finance\\, Controlling,DC=corp"}};
+  for (const auto& [cn, dn] : rows) {
     Velder::GroupInfo* group = groups.Add();
-    group->set_cn(row.cn);
-    group->set_dn(row.dn);
+    group->set_cn(cn);
+    group->set_dn(dn);
   }
   for (const char* name :
        {"BÜRO zürich", "finance, controlling", "cn=büro zürich, ou=groups, dc=CORP,dc=test",

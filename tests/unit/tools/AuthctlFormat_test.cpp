@@ -66,51 +66,6 @@ TEST(AuthctlFormat, ColumnsLineUpByWidthOnScreen) {
             "        dn4\n");
 }
 
-TEST(AuthctlFormat, UsersHaveUsualOrAllColumns) {
-  google::protobuf::RepeatedPtrField<Velder::UserInfo> users;
-  std::ostringstream none;
-  print_users(none, users, Columns::kUsual);
-  EXPECT_EQ(none.str(), "") << "no headings without rows";
-
-  Velder::UserInfo* user = users.Add();
-  user->set_uid("al");
-  user->set_cn("Alice");
-  user->set_upn("al@up");
-  user->set_domain_dns("corp.test");
-  user->set_user_ln("al@corp.test");
-  user->set_dn("CN=Alice");
-  std::ostringstream usual;
-  print_users(usual, users, Columns::kUsual);
-  EXPECT_EQ(usual.str(),
-            "UID  CN     UPN    DOMAIN\n"
-            "al   Alice  al@up  corp.test\n");
-  std::ostringstream all;
-  print_users(all, users, Columns::kAll);
-  EXPECT_EQ(all.str(),
-            "UID  CN     UPN    DOMAIN     USER          DN\n"
-            "al   Alice  al@up  corp.test  al@corp.test  CN=Alice\n");
-}
-
-TEST(AuthctlFormat, ARecordListsItsFieldsAndGroups) {
-  Velder::UserInfo user;
-  user.set_user_ln("CORP\\al");
-  user.set_uid("al");
-  user.add_grouplist()->set_cn("Staff\x1b");
-  std::ostringstream out;
-  print_user_info(out, user);
-  EXPECT_EQ(out.str(),
-            "user:       CORP\\al\n"
-            "uid:        al\n"
-            "cn:\n"
-            "upn:\n"
-            "domain:\n"
-            "dn:\n"
-            "groups:     1\n"
-            "\n"
-            "CN         DN\n"
-            "Staff\\x1b  \n");
-}
-
 TEST(AuthctlFormat, TimesAreLocalWithTheNumber) {
   setenv("TZ", "XST-2:30", 1);
   tzset();
@@ -119,17 +74,6 @@ TEST(AuthctlFormat, TimesAreLocalWithTheNumber) {
   EXPECT_EQ(time_text(4294967295U), "2106-02-07 08:58:15 +0230 (4294967295)");
   unsetenv("TZ");
   tzset();
-}
-
-TEST(AuthctlFormat, TheSameCodeMeansWhatItsSourceMeans) {
-  EXPECT_EQ(result_words(Family::kDirectory, 1), "the directory look-up failed");
-  EXPECT_EQ(result_words(Family::kBinding, 1), "no binding for this address");
-  EXPECT_NE(result_words(Family::kAgent, -1), result_words(Family::kPassword, -1));
-  for (const Family family : {Family::kDirectory, Family::kPassword, Family::kAgent}) {
-    for (const int code : {4, 32, 49, 81, 85, -1, -2})
-      EXPECT_FALSE(result_words(family, code).empty()) << code;
-  }
-  EXPECT_EQ(result_words(Family::kDirectory, 7777), "");
 }
 
 TEST(AuthctlFormat, EveryMessageHasAJsonFormOnOneLine) {

@@ -79,13 +79,6 @@ TEST(StatusProcess, TheSnapshotInUseIsSeenInTheMaps) {
             SnapshotUse::kNone);
 }
 
-TEST(StatusProcess, AVersionIsShortAndPlain) {
-  using namespace std::string_literals;
-  EXPECT_EQ(find_version("junk\0AuthDaemon version 1.2.3~rc1\0junk"s), "1.2.3~rc1");
-  EXPECT_EQ(find_version("AuthDaemon version \x1b[2J\0"s), "");
-  EXPECT_EQ(find_version("AuthDaemon"), "");
-}
-
 TEST(StatusLog, ALineIsTakenApartFromItsBeginning) {
   const auto line = parse_log_line(
       "09:30:00.123 <INF><4294967295:812:813> user x @<f> @@<f.cpp:1> refused @<real_one> @@<Real.cpp:42>");
@@ -176,15 +169,6 @@ TEST(StatusText, JsonHoldsAnyText) {
       .end(']')
       .null("c");
   EXPECT_EQ(json.end('}').str(), R"({"a":"q\"b\\\\n\\x1b\\xff","b":["x",-1],"c":null})");
-}
-
-TEST(StatusText, DurationsAndSizesAreShort) {
-  EXPECT_EQ(duration_text(-5), "0 s");
-  EXPECT_EQ(duration_text(59.9), "59 s");
-  EXPECT_EQ(duration_text(3600), "1 h");
-  EXPECT_EQ(duration_text(3 * 86400 + 4 * 3600 + 59), "3 d 4 h");
-  EXPECT_EQ(size_text(0), "0.0 KiB");
-  EXPECT_EQ(size_text(uint64_t{3} << 29), "1.5 GiB");
 }
 
 }  // namespace
