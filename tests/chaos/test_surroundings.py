@@ -8,7 +8,6 @@ import re
 import resource
 import shutil
 import signal
-import socket
 import threading
 import time
 
@@ -16,6 +15,7 @@ import pytest
 
 from crowd import LONG, SECONDS, SEED, bind_load, check_promises, everybody_is_served
 from harness import directory, sandbox, wire
+from harness.agent import ScriptedAgent
 from harness.daemon import log_text, until, write_file
 from servers.workdir import sanitized
 from Velder_pb2 import IPAuthRequest, IPUserBindRequest, IPUserQueryRequest, UserInfoQueryRequest, UserSearchRequest, UserValidateRequest
@@ -102,27 +102,15 @@ def clients_read_slowly(daemon):
 
 def agent_is_silent(daemon):
     """An exchange waits for its agent without a thread and without a limit."""
-    held, stopping = [], threading.Event()
-    with socket.create_server(("127.0.0.1", 5544), backlog=4096) as listener:
-        def hold():
-            while not stopping.is_set():
-                with contextlib.suppress(OSError):
-                    held.append(listener.accept()[0])
-
-        holder = threading.Thread(target=hold)
-        holder.start()
-        waiting = []
+    waiting = []
+    with ScriptedAgent() as agent:
+        agent.is_silent()
         for number in range(WAITING):
             waiting.append(one := wire.Connection())
             one.query("192.0.2.7")
             one.send(wire.frame(wire.IP_AUTH, IPAuthRequest(ip=f"10.70.{number // 250}.{number % 250}", **{"async": 1})))
-        until(lambda: len(held) == WAITING, lambda: f"all questions, not {len(held)}")
+        until(lambda: len(agent.questions) == WAITING, lambda: f"all questions, not {len(agent.questions)}")
         time.sleep(SECONDS / 4)
-        stopping.set()
-        listener.shutdown(socket.SHUT_RDWR)
-        holder.join()
-    for agent in held:
-        agent.close()
     for one in waiting:
         with one:
             assert one.receive_answer(wire.IP_AUTH).result == -1

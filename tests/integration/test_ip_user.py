@@ -4,7 +4,6 @@ import csv
 import io
 import os
 import select
-import signal
 import subprocess
 import sys
 import time

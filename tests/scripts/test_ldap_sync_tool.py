@@ -103,11 +103,6 @@ def test_the_process_that_runs_the_script_is_no_worker(folder, family):
     assert lines == ["parent SIGUSR2", "synchronisation ended 0", "worker SIGUSR1", "worker SIGUSR1"]
 
 
-def test_verbose_tells_more(folder, family):
-    text = run(folder, "verbose").stdout
-    assert text.count("told worker ") == 2 and str(folder) in text and str(family.process.pid) in text
-
-
 @pytest.mark.parametrize("pid, reason", [
     (None, "not running"),
     ("", "not running"),

@@ -7,7 +7,7 @@ import time
 from harness.listener import Listener, read_to_the_end
 
 ADDRESS = ("127.0.0.1", 5544)
-LONG_WAIT = 30
+LONG_WAIT = 300
 
 
 class ScriptedAgent(Listener):
