@@ -140,7 +140,8 @@ def test_everybody_is_served__while(daemon, disturb, options):
     assert daemon.workers() == workers
     assert daemon.count_lines(re.compile("."), level="ERR") == 0
     for worker in workers:
-        assert len(daemon.descriptors(worker)) <= descriptors[worker]
+        # A thread that had nothing to do before may have opened the snapshot for itself.
+        assert len(daemon.descriptors(worker)) <= descriptors[worker] + 10
         assert sanitized("AuthDaemon") or own_memory(worker) < 400 << 20
     assert daemon.stop() == 0
 

@@ -73,8 +73,8 @@ def main():
         kdc = start_realm(folder)
         try:
             begin = time.monotonic()
-            jobs = [subprocess.Popen([options.program, "--count", str(options.count // options.jobs), "--seed",
-                                      str(options.seed + number), "--service", f"HTTP@{HOST}", "--keytab", f"{folder}/keytab"])
+            jobs = [subprocess.Popen([options.program, str(options.count // options.jobs), str(options.seed + number),
+                                      f"HTTP@{HOST}", f"{folder}/keytab"])
                     for number in range(options.jobs)]
             worst = max(abs(job.wait()) for job in jobs)
             print(f"{options.count // options.jobs * options.jobs} turns in {time.monotonic() - begin:.0f} s, "

@@ -24,11 +24,11 @@ UNKNOWN = "192.0.2.1"
 def test_options__numbers_and_verbosity(daemon, options, workers, threads, verbose):
     daemon.start(*options, workers=workers)
     daemon.wait_line(f"boot parameter: process number ({workers}), thread number ({threads})", level="DBG")
-    with daemon.connections_by_worker() as connections:
-        for worker, connection in connections.items():
-            assert connection.query(UNKNOWN).result == 1
-            # The event loop's threads; the main one; one that looks after the bindings; perhaps two of a sanitizer.
-            until(lambda pid=worker: threads < len(os.listdir(f"/proc/{pid}/task")) <= threads + 4, "the threads")
+    with wire.Connection() as connection:
+        assert connection.query(UNKNOWN).result == 1
+    for worker in daemon.workers():
+        # The event loop's threads; the main one; one that looks after the bindings; perhaps two of a sanitizer.
+        until(lambda pid=worker: threads < len(os.listdir(f"/proc/{pid}/task")) <= threads + 4, "the threads")
     assert (daemon.count_lines(re.compile(r"^message_type\(6\)"), level="DBG") > 0) == verbose
     assert daemon.stop() == 0
 
