@@ -44,19 +44,15 @@ struct Accepted {
 
 TEST(LdifReader, ReadsWhatDirectoriesExport) {
   const std::vector<Accepted> cases = {
-      {"nothing", "", {}},
-      {"comments and blank lines only", "\n# a\n b\n\n", {}},
-      {"two records, blank lines between",
-       "dn: a=1\ncn: x\n\n\n\ndn: a=2\ncn: y\n",
-       {"1|a=1|cn=x", "6|a=2|cn=y"}},
-      {"no final line end", "dn: a=1\ncn: x", {"1|a=1|cn=x"}},
+      {"records of different sizes, blank lines between",
+       "dn: a=1\ncn: long value\nsn: y\nsn: z\n\n\n\ndn: b=2\n\ndn: c=3\nuid: u\nsn: v",
+       {"1|a=1|cn=long value|sn=y|sn=z", "8|b=2", "10|c=3|uid=u|sn=v"}},
       {"CR LF", "version: 1\r\n\r\ndn: a=1\r\ncn: x\r\n y\r\n\r\ndn: a=2\r\n", {"3|a=1|cn=xy", "7|a=2"}},
       {"CR at the very end", "dn: a=1\r", {"1|a=1"}},
       {"byte-order mark",
        "\xef\xbb\xbf"
        "dn: a=1\n",
        {"1|a=1"}},
-      {"version, dn right behind it", "version: 1\ndn: a=1\n", {"2|a=1"}},
       {"exports put behind one another",
        "version: 1\n\ndn: a=1\n\nversion: 1\n\ndn: a=2\n",
        {"3|a=1", "7|a=2"}},
@@ -74,11 +70,6 @@ TEST(LdifReader, ReadsWhatDirectoriesExport) {
        "dn: a=1\ncn: b: c::d\nsn: <e\n",
        {"1|a=1|cn=b: c::d|sn=<e"}},
       {"bytes that are no UTF-8", "dn: a=1\ncn: \xff\xfe\n", {"1|a=1|cn=\xff\xfe"}},
-      {"root entry", "dn:\nobjectClass: top\n", {"1||objectclass=top"}},
-      {"changetype add", "dn: a=1\nchangetype: add\ncn: x\n", {"1|a=1|cn=x"}},
-      {"referral comments", "# refldap://x/DC=y\n\ndn: a=1\n", {"3|a=1"}},
-      {"whole range", "dn: a=1\nmember;range=0-*: b\n", {"1|a=1|member=b"}},
-      {"OID and underscore", "dn: a=1\n2.5.4.3: x\nmy_attr: y\n", {"1|a=1|2.5.4.3=x|my_attr=y"}},
       {"ldapsearch, paged, with a reference",
        "# extended LDIF\n#\n# LDAPv3\n#\n\n# x\ndn: a=1\ncn: x\n\n# search reference\nref: ldap://b/DC=b\n\n"
        "# search result\nsearch: 2\nresult: 0 Success\ncontrol: 1.2.840.113556.1.4.319 false MAUCAQAEAA==\n"
@@ -96,37 +87,26 @@ struct Refused {
 
 TEST(LdifReader, RefusesWithFileLineAndReason) {
   const std::vector<Refused> cases = {
-      {"cn: x\n", ":1: ", "begins with \"cn\", expected dn"},
       {"dn: a=1\n\ncn: x\n", ":3: ", "begins with \"cn\", expected dn"},
       {"dn: a=1\ncn: x\ndn: a=2\n", ":3: ", "second dn in the record of line 1"},
       {"dn: a=1\nno colon here\n", ":2: ", "no colon"},
-      {"dn: a=1\n: x\n", ":2: ", "no attribute name"},
       {"dn: a=1\nc n: x\n", ":2: ", "no attribute name before the colon"},
-      {"dn: a=1\n\tcn: x\n", ":2: ", "no attribute name"},
       {"dn: a=1\nphoto:< file:///etc/shadow\n", ":2: ", "URL"},
-      {"dn:< file:///etc/shadow\n", ":1: ", "URL"},
-      {"dn: a=1\ncn:: eA=\n", ":2: ", "base64"},
       {"dn: a=1\ncn:: e A==\n", ":2: ", "base64"},
       {"dn: a=1\ncn: x\nsn:: eA=\n =x\n", ":3: ", "base64"},
       {"dn: a=1\ncn: x\0y\n"s, ":2: ", "NUL"},
       {"dn: a=1\rcn: x\r", ":1: ", "carriage return"},
       {"dn: a=\xff\n", ":1: ", "\"a=\\xff\" is not valid UTF-8"},
-      {"dn:: YT3/\n", ":1: ", "not valid UTF-8"},
-      {" dn: a=1\n", ":1: ", "continuation"},
       {"dn: a=1\n\n cn: x\n", ":3: ", "continuation"},
       {"version: 2\n", ":1: ", "version \"2\", expected 1"},
-      {"dn: a=1\nchangetype: delete\n", ":2: ", "changetype \"delete\""},
       {"dn: a=1\nchangetype: modify\nadd: cn\ncn: x\n-\n", ":2: ", "changetype \"modify\""},
       {"dn: a=1\ncn: x\nchangetype: add\n", ":3: ", "right after the dn"},
       {"dn: a=1\ncontrol: 1.2.3 true\nchangetype: add\n", ":2: ", "control"},
-      {"dn: a=1\nmember;range=0-1499: x\n", ":2: ", "a part of the values"},
       {"dn: a=1\nmember;x;Range=1500-*: x\n", ":2: ", "a part of the values"},
       {"dn: a=1\n\nsearch: 2\nresult: 4 Size limit exceeded\n", ":4: ", "\"4 Size limit exceeded\""},
-      {"search: somewhere\nresult: 0\n", ":1: ", "begins with \"search\""},
       {"search: 2\ncn: x\n", ":2: ", "begins with \"search\""},
       {"search: 2\nresult: 0 Success\ncn: x\n", ":3: ", "\"cn\" in the result lines"},
       {"ref: ldap://x\ncn: y\n", ":2: ", "begins with \"ref\""},
-      {"ref: http://x\n", ":1: ", "begins with \"ref\""},
       {"\xff\xfe"
        "d\0n\0"s,
        ":1: ", "UTF-16"},
@@ -144,13 +124,6 @@ TEST(LdifReader, ErrorTextsStayShortAndPrintable) {
   ASSERT_FALSE(records.empty());
   EXPECT_LT(records.back().size(), 200U);
   for (const char c : records.back()) EXPECT_TRUE(c >= ' ' && c <= '~');
-}
-
-TEST(LdifReader, ARecordUsedAgainHoldsNothingOfTheLastOne) {
-  constexpr std::string_view kContent =
-      "dn: a=1\ncn: long value\nsn: y\nsn: z\n\ndn: b=2\n\ndn: c=3\nuid: u\nsn: v\n";
-  EXPECT_EQ(read_all(kContent),
-            (std::vector<std::string>{"1|a=1|cn=long value|sn=y|sn=z", "6|b=2", "8|c=3|uid=u|sn=v"}));
 }
 
 TEST(LdifReader, TakesVeryLongAndVeryFoldedLines) {
