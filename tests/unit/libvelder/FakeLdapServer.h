@@ -253,4 +253,13 @@ inline Server::Serve answering(std::function<void(Peer&, const Request&)> search
   };
 }
 
+// The same for searches that bring these entries and end with `code`.
+inline Server::Serve bringing(std::vector<std::pair<std::string, std::vector<Attribute>>> entries,
+                              int code = 0) {
+  return answering([entries = std::move(entries), code](Peer& peer, const Request& request) {
+    for (const auto& [dn, attributes] : entries) peer.send(entry(request.id, dn, attributes));
+    peer.send(result(request.id, kSearchDone, code));
+  });
+}
+
 }  // namespace fake
