@@ -191,7 +191,7 @@ void Crowd::run(const Span& span, size_t at_once) {
   end();
 }
 
-void Crowd::run_paced(const Span& span, Clock::duration interval, Clock::duration phase) {
+void Crowd::run_paced(const Span& span, Clock::duration interval, Clock::duration phase, bool spin) {
   // Else the kernel lets a sleeper lie up to 50 us longer, as long as one interval at 20,000 a second.
   prctl(PR_SET_TIMERSLACK, 1);
   begin(span);
@@ -203,7 +203,7 @@ void Crowd::run_paced(const Span& span, Clock::duration interval, Clock::duratio
   while (due_ < span.end && anybody() && Clock::now() < span.end + kAnswerPatience) {
     ask_due();
     const auto pause = std::max<Clock::duration>(due_ - Clock::now(), {});
-    pump(silent_.empty() ? kLongestWait : pause);
+    pump(spin ? Clock::duration{} : silent_.empty() ? kLongestWait : pause);
   }
   give_up_due();
   end();

@@ -50,8 +50,9 @@ class Crowd {
 
   // Has a question due every `interval`, from `phase` after the start to the end, and puts each to the
   // longest silent connection; when none is silent, it and those behind it wait. Latencies count from when a
-  // question was due, so a stall of the server shows in every question that fell due meanwhile.
-  void run_paced(const Span& span, Clock::duration interval, Clock::duration phase);
+  // question was due, so a stall of the server shows in every question that fell due meanwhile. `spin`: never
+  // sleeps, for a processor of its own.
+  void run_paced(const Span& span, Clock::duration interval, Clock::duration phase, bool spin);
 
   // Asks on every idle connection once more; those that do not answer count as unanswered.
   void prove_idle();

@@ -1,13 +1,9 @@
 #include "bench/LdapExchange.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-
-#include <array>
 #include <optional>
 #include <string_view>
 
-#include "client/Connection.h"
+#include "bench/Receive.h"
 
 namespace bench {
 namespace {
@@ -16,8 +12,6 @@ using velder_client::Connection;
 using velder_client::ErrorKind;
 using velder_client::fail;
 using velder_client::Result;
-
-constexpr int kPatienceMilliseconds = 5000;
 
 // Of BER, what these messages need.
 constexpr unsigned char kBoolean = 0x01;
@@ -137,14 +131,11 @@ Result<std::string> learn_ldap_answer(Connection& connection, const std::string&
     return tl::make_unexpected(sent.error());
   }
   std::string got;
-  std::array<char, 4096> buffer;
   Verdict verdict = Verdict::kUnfinished;
   while ((verdict = judge(got, subject)) == Verdict::kUnfinished) {
-    pollfd item{connection.fd(), POLLIN, 0};
-    const bool ready = poll(&item, 1, kPatienceMilliseconds) == 1;
-    const ssize_t size = ready ? recv(connection.fd(), buffer.data(), buffer.size(), 0) : 0;
-    if (size < 1) return fail(ErrorKind::kAnswerTimeout, "no answer about " + subject.user_ln);
-    got.append(buffer.data(), static_cast<size_t>(size));
+    if (!receive_more(connection, got)) {
+      return fail(ErrorKind::kAnswerTimeout, "no answer about " + subject.user_ln);
+    }
   }
   if (verdict == Verdict::kWrong) {
     return fail(ErrorKind::kMalformedAnswer, "wrong answer about " + subject.user_ln);

@@ -1,10 +1,6 @@
 #include "bench/Workload.h"
 
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <numeric>
 #include <optional>
@@ -12,8 +8,8 @@
 
 #include "bench/EchoAnswer.h"
 #include "bench/LdapExchange.h"
+#include "bench/Receive.h"
 #include "bench/Subject.h"
-#include "client/Connection.h"
 #include "handler/Velder.pb.h"
 
 namespace bench {
@@ -26,7 +22,6 @@ using velder_client::Result;
 
 // Long enough that neighbours in the schedule do not repeat, short enough to stay in the processor's cache.
 constexpr size_t kScheduleLength = 16384;
-constexpr int kPatienceMilliseconds = 5000;
 
 struct Question {
   int32_t type;
@@ -191,13 +186,8 @@ std::string value_for(const TextProtocol& texts, const std::string& key, size_t 
 bool confirm(Connection& connection, const Exchange& exchange) {
   if (!connection.send_bytes(exchange.request, connection.call_deadline())) return false;
   std::string got;
-  std::array<char, 4096> buffer;
   while (got.size() < exchange.answer.size()) {
-    pollfd item{connection.fd(), POLLIN, 0};
-    if (poll(&item, 1, kPatienceMilliseconds) < 1) return false;
-    const ssize_t size = recv(connection.fd(), buffer.data(), buffer.size(), 0);
-    if (size < 1) return false;
-    got.append(buffer.data(), static_cast<size_t>(size));
+    if (!receive_more(connection, got)) return false;
   }
   return got == exchange.answer;
 }

@@ -1,30 +1,31 @@
-#!/usr/bin/env python3
 """NTLM and Negotiate exchanges per second: the daemon beside the programs that a proxy would call without it.
 
-    gss.py BUILD_DIRECTORY [--quick]
-
 NTLM with local hashes beside Samba's ntlm_auth, which is given the one user and password; Negotiate beside Squid's own
-Kerberos helper, both with their replay caches. The same client, the same number of threads; the helpers get a process for
-each thread, the daemon has two workers. They are asked in turns; the middle of the rounds counts.
+Kerberos helper, both with their replay caches. The same client, the same number of threads; the helpers get a process
+for each thread, the daemon has two workers.
 """
 
 import os
 import pathlib
-import statistics
+import shutil
 import subprocess
 import sys
 import tempfile
+from collections import namedtuple
 
 import machine
 import servers
-from machine import WORKDIR, Broken, Impossible
+from machine import WORKDIR, Broken
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "fuzz"))
 import gss_mutation  # noqa: E402  pylint: disable=wrong-import-position
 
-SERVICE = f"HTTP@{gss_mutation.HOST}"
+NTLM_TITLE, NEGOTIATE_TITLE = "NTLM exchanges", "Negotiate exchanges"
+TITLES = (NTLM_TITLE, NEGOTIATE_TITLE)
+THREADS = (1, 8)
 HASH = "8846F7EAEE8FB117AD06BDD830B7586C"  # of "password"
 KERBEROS_HELPER = "/usr/lib/squid/negotiate_kerberos_auth"
+KDC = ("kdb5_util", "kadmin.local", "krb5kdc", "kinit")
 LDIF = f"""version: 1
 
 dn: cn=alice,dc=corp,dc=test
@@ -32,61 +33,80 @@ objectClass: user
 cn: alice
 sambaNTPassword: {HASH}
 """
+LOAD_LIMIT = 120  # seconds
+
+# `arguments` of gss_load before its target; `tools`: without one of them there is nothing to measure.
+Case = namedtuple("Case", "title kind argument name helper tools")
+# Results of the rounds; none, and why, when something is not installed.
+Exchanges = namedtuple("Exchanges", "title threads name ours theirs missing", defaults=[(), (), ""])
 
 
-def place(keytab, users):
-    for path, text in ((WORKDIR / "directory.ldif", LDIF), (WORKDIR / "LdapSetting.ini", "[Negotiate]\nKeytab=http.keytab\n")):
-        path.write_text(text, encoding="ascii")
-    (WORKDIR / "http.keytab").write_bytes(pathlib.Path(keytab).read_bytes())
-    for path in WORKDIR.iterdir():
-        path.chmod(0o640)
+def cases(folder):
+    return (Case(NTLM_TITLE, "ntlm", f"{folder}/users", "ntlm_auth",
+                 ["ntlm_auth", "--helper-protocol=squid-2.5-ntlmssp", "--username=alice", "--domain=CORP",
+                  "--password=password", "--configfile=/dev/null"], ("ntlm_auth",)),
+            Case(NEGOTIATE_TITLE, "negotiate", f"HTTP@{gss_mutation.HOST}", "negotiate_kerberos_auth",
+                 [KERBEROS_HELPER, "-k", f"{folder}/keytab", "-s", "GSS_C_NO_NAME"], (KERBEROS_HELPER, *KDC)))
+
+
+def missing(case):
+    return next((tool for tool in case.tools if shutil.which(tool) is None), "")
+
+
+def place(folder):
+    """A directory of one user in the place of what the daemon had before."""
+    shutil.rmtree(WORKDIR)
+    WORKDIR.mkdir()
+    texts = {"directory.ldif": LDIF}
+    if os.path.exists(f"{folder}/keytab"):
+        shutil.copy(f"{folder}/keytab", WORKDIR / "http.keytab")
+        texts["LdapSetting.ini"] = "[Negotiate]\nKeytab=http.keytab\n"
+    for name, text in texts.items():
+        (WORKDIR / name).write_text(text, encoding="ascii")
+    for path in (WORKDIR, *WORKDIR.iterdir()):
+        path.chmod(0o750 if path == WORKDIR else 0o640)
         machine.own(path)
-    pathlib.Path(users).write_text(f"alice:0:{'X' * 32}:{HASH}:[U]:LCT-0:\n", encoding="ascii")
+    pathlib.Path(f"{folder}/users").write_text(f"alice:0:{'X' * 32}:{HASH}:[U]:LCT-0:\n", encoding="ascii")
 
 
-def rate(load, what, count, threads, argument, *target):
-    done = subprocess.run([load, what, str(count), str(threads), argument, *target], capture_output=True, text=True,
-                          check=False, timeout=600)
+def rate(load, case, count, threads, *target):
+    done = subprocess.run([load, case.kind, str(count), str(threads), case.argument, *target], capture_output=True,
+                          text=True, check=False, timeout=LOAD_LIMIT)
     if done.returncode != 0:
-        raise Broken(f"{what} with {target[0]}: {done.stderr.strip()[-300:]}")
-    return float(done.stdout)
+        raise Broken(f"{case.title} with {target[0]}: {done.stderr.strip()[-300:]}")
+    return {"rate": float(done.stdout)}
 
 
-def measure(load, folder, quick):
-    rounds, count = (1, 400) if quick else (5, 3000)
-    ntlm_auth = [servers.need("ntlm_auth"), "--helper-protocol=squid-2.5-ntlmssp", "--username=alice", "--domain=CORP",
-                 "--password=password", "--configfile=/dev/null"]
-    cases = [("NTLM", "ntlm", f"{folder}/users", "ntlm_auth", ntlm_auth)]
-    if os.access(KERBEROS_HELPER, os.X_OK):
-        cases.append(("Negotiate", "negotiate", SERVICE, "negotiate_kerberos_auth",
-                      [KERBEROS_HELPER, "-k", f"{folder}/keytab", "-s", "GSS_C_NO_NAME"]))
-    print(f"{'':<12}{'threads':>8}{'daemon/s':>10}{'helper/s':>10}{'ratio':>8}  beside")
-    for title, what, argument, name, helper in cases:
-        for threads in (1, 8):
-            pairs = []
-            for _ in range(rounds):
-                pairs.append([rate(load, what, count, threads, argument, *target) for target in (["127.0.0.1:1100"], helper)])
-            ours, theirs = (statistics.median(column) for column in zip(*pairs))
-            print(f"{title:<12}{threads:>8}{ours:>10.0f}{theirs:>10.0f}{ours / theirs:>8.2f}  {name}", flush=True)
+def measure_case(bench, daemon, case, threads):
+    # Enough for a third of a second or more of each.
+    rounds, count = (1, 200) if bench.quick else (5, 2000 if case.kind == "ntlm" else 1000)
+    pairs = []
+    for _ in range(rounds):  # in turns
+        with bench.intruders.watch(daemon):
+            pairs.append([rate(bench.program("gss_load"), case, count, threads, *target)
+                          for target in ([f"127.0.0.1:{daemon.port}"], case.helper)])
+    return Exchanges(case.title, threads, case.name, *zip(*pairs))
 
 
-def main():
-    machine.enter()
-    build, quick = pathlib.Path(sys.argv[1]).resolve(), "--quick" in sys.argv
-    machine.build()
+def measure(bench, only, progress):
+    """The last of a run: the daemon's directory is another one afterwards."""
     os.environ["PATH"] += ":/usr/sbin:/sbin"
+    found = []
     with tempfile.TemporaryDirectory(dir=machine.LAYERS) as folder:
         os.chmod(folder, 0o755)
-        kdc = gss_mutation.start_realm(folder)
-        place(f"{folder}/keytab", f"{folder}/users")
-        daemon = servers.Daemon(str(build / "bin" / "AuthDaemon"))
-        measure(str(build / "bin" / "gss_load"), folder, quick)
-        daemon.stop()
-        kdc.kill()
-
-
-if __name__ == "__main__":
-    try:
-        main()
-    except (Impossible, Broken) as error:
-        sys.exit(f"gss.py: {error}")
+        wanted = [case for case in cases(folder) if only.search(case.title)]
+        for case in wanted:
+            if tool := missing(case):
+                found.append(Exchanges(case.title, "", case.name, missing=tool))
+        wanted = [case for case in wanted if not missing(case)]
+        kdc = gss_mutation.start_realm(folder) if any("krb5kdc" in case.tools for case in wanted) else None
+        if wanted:
+            place(folder)
+            daemon = servers.Daemon(bench.program("AuthDaemon"))
+            for case in wanted:
+                progress(case.title)
+                found += [measure_case(bench, daemon, case, threads) for threads in THREADS]
+            daemon.stop()
+        if kdc:
+            kdc.kill()
+    return found

@@ -51,6 +51,7 @@ struct Settings {
   size_t idle = 0;
   size_t at_once = 0;
   double pace = 0;
+  bool spin = false;
   size_t threads = 1;
   double seconds = 3;
   double warmup = 0.5;
@@ -75,6 +76,8 @@ void add_options(CLI::App& app, Settings& settings) {
   app.add_option("--pace", settings.pace,
                  "requests a second, due at even times; latencies count from then (default: closed loop)")
       ->check(CLI::Range(0.0, 1e6));
+  app.add_flag("--spin", settings.spin,
+               "at a pace, look for answers without a pause: for a processor of its own");
   app.add_option("--threads", settings.threads, "of the generator, each with a share of the connections")
       ->check(CLI::Range(1, 64));
   app.add_option("--seconds", settings.seconds, "that are measured")->check(CLI::Range(0.01, 3600.0));
@@ -194,7 +197,8 @@ Outcome run(const Settings& settings, std::vector<Crowd>& crowds) {
     std::vector<std::jthread> threads;
     for (size_t i = 0; i < crowds.size(); ++i) {
       threads.emplace_back([&, i] {
-        if (settings.pace > 0) return crowds[i].run_paced(span, pause(crowds.size()), pause(i));
+        if (settings.pace > 0)
+          return crowds[i].run_paced(span, pause(crowds.size()), pause(i), settings.spin);
         crowds[i].run(span, share_of(at_once, crowds.size(), i));
       });
     }

@@ -17,6 +17,8 @@ BUSY = 0.1  # of the processors, taken by work of others: from here on the figur
 
 HEAD = ["| workload | server | requests/s | daemon / this | goal | CPU s per 100,000 | p50 us | p99 us | p99.9 us |",
         "|---|---|--:|--:|---|--:|--:|--:|--:|"]
+EXCHANGES_HEAD = ["| exchanges a second | clients | daemon | helper | helper's | daemon / helper |",
+                  "|---|--:|--:|---|--:|--:|"]
 
 
 def median_of(results, value):
@@ -53,13 +55,15 @@ class Measured:
         self.intruders = 0.0  # share of the processors that work of others took
         self.memory = {}
         self.curve = {}
+        self.exchanges = []
 
     def busy(self):
         return self.intruders > BUSY
 
     def circumstances(self):
         text = (f"{datetime.date.today()}, {kind_of_machine()}. {self.users:,} users and {self.groups:,} groups; "
-                f"{self.rounds} round{'s' * (self.rounds > 1)} of {self.seconds} s, medians. Load average before "
+                f"{self.rounds} round{'s' * (self.rounds > 1)} of {self.seconds} s (twice as many where the goal is "
+                f"within 3 % of the daemon itself), medians. Load average before "
                 f"the run: {self.load_before:.1f}; of the processors, other work took {self.intruders:.0%} during it.")
         if self.busy():
             text += " **The machine was busy with other things: take no figure from this run.**"
@@ -75,8 +79,10 @@ class Measured:
         if self.memory:
             lines += [self.memory_line(), ""]
         if self.curve:
-            lines += self.curve_lines()
-        return lines
+            lines += [*self.curve_lines(), ""]
+        if self.exchanges:
+            lines += [*EXCHANGES_HEAD, *map(exchanges_line, self.exchanges), ""]
+        return lines[:-1]
 
     def memory_line(self):
         daemon = self.memory["daemon"]
@@ -89,6 +95,14 @@ class Measured:
                  "|---|" + "--:|" * len(self.curve)]
         return lines + [f"| {name} | " + " | ".join(map(count, rates)) + " |"
                         for name, rates in by_server(self.curve).items()]
+
+
+def exchanges_line(found):
+    if found.missing:
+        return f"| {found.title} |  | not measured: {found.missing} is not installed | {found.name} |  |  |"
+    ours, theirs = (count(median_of(results, lambda result: result["rate"])) for results in (found.ours, found.theirs))
+    return (f"| {found.title} | {found.threads} | {ours} | {found.name} | {theirs} | "
+            f"{ratio(found.ours, found.theirs, 'rate'):.2f} |")
 
 
 def by_server(curve):
@@ -159,7 +173,15 @@ How to read it:
   each: what the machine gives. "told" hands every descriptor over between threads as the event loop is described,
   with as many processes and threads as the daemon, and saves no step: the ceiling of the plain design.
 - At a fixed pace a question's time counts from when it was due, not from when it was sent, so that a stall shows in
-  every question that fell due meanwhile.
+  every question that fell due meanwhile. The generator then has one processor to itself, where it never sleeps, and
+  each server has the others. Left to the kernel, generator and server change processors in the middle of a run: the
+  slowest answer in a thousand tells then how long one of them waited for the other to be taken off a processor, and
+  the processor time whether a question woke the other processor, which costs several times what answering costs.
+- 9,000 idle connections cost the kernel and the generator something, too: "echo, fast" beside them shows how much.
+- With 8 connections "echo, fast" shows what the machine gives when there is nothing to find out.
+- An exchange of NTLM is both of its legs, with the client's part; of Negotiate one ticket, made before, with the replay
+  caches on. ntlm_auth knows one password, given on its command line; Squid's helper has the same keytab as the daemon.
+  Each client has a connection to the daemon, or a helper process of its own.
 """
     return [*head.splitlines(), "", *measured.lines()]
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Measures the daemon beside memcached, redis, slapd and servers that only echo, and prints one table.
+"""Measures the daemon beside memcached, redis, slapd, helpers of a proxy and servers that only echo, and prints tables.
 
     run.py BUILD_DIRECTORY [--quick] [--only REGEX] [--write]
 
@@ -15,6 +15,7 @@ import re
 import subprocess
 import sys
 
+import gss
 import machine
 import report
 import rows
@@ -22,11 +23,12 @@ import servers
 from machine import WORKDIR, Broken, Impossible
 
 USERS, GROUPS = 20000, 2000
-TITLES = [report.MEMORY_TITLE, *(row.title for row in rows.ROWS), rows.CURVE_TITLE]
+TITLES = [report.MEMORY_TITLE, *(row.title for row in rows.ROWS), rows.CURVE_TITLE, *gss.TITLES]
 LOAD_LIMIT = 120  # seconds that a load run with all its connections may take
 MANY_BINDINGS = 1_000_000
 ANY_PROCESSOR = os.sched_getaffinity(0)
 ONE_PROCESSOR = {min(ANY_PROCESSOR)}
+OTHER_PROCESSORS = ANY_PROCESSOR - ONE_PROCESSOR
 
 
 class Bench:
@@ -91,6 +93,7 @@ class Bench:
         for server in [self.daemon, *self.others.values()]:
             if server:
                 server.stop()
+        self.daemon, self.others = None, {}
 
     def generator(self, server, *options):
         return [self.program("load_generator"), "--protocol", server.protocol, "--port", str(server.port),
@@ -102,14 +105,17 @@ class Bench:
                                  load.idle, "--at-once", load.at_once, "--keys", load.keys, "--step", load.step,
                                  "--pace", load.pace, "--answer-bytes", answer_bytes, "--seconds",
                                  seconds or self.seconds, "--warmup", self.warmup)
-        if load.pinned:
+        place = load.place if OTHER_PROCESSORS else rows.ANYWHERE
+        if place == rows.APART:
+            command.append("--spin")
+        if place != rows.ANYWHERE:
             command = ["taskset", "--cpu-list", ",".join(map(str, ONE_PROCESSOR)), *command]
-            server.allow_processors(ONE_PROCESSOR)
+            server.allow_processors(ONE_PROCESSOR if place == rows.TOGETHER else OTHER_PROCESSORS)
         try:
             with self.intruders.watch(server):
                 done = subprocess.run(command, capture_output=True, text=True, check=False, timeout=LOAD_LIMIT)
         finally:
-            if load.pinned:
+            if place != rows.ANYWHERE:
                 server.allow_processors(ANY_PROCESSOR)
         if done.returncode != 0:
             raise Broken(f"{title}, {server.protocol}: {done.stderr.strip()}\n{done.stdout}")
@@ -117,7 +123,7 @@ class Bench:
 
     def answer_bytes(self, contestant):
         """How much the daemon answers on average: what the others are asked for."""
-        probe = contestant.load._replace(connections=1, idle=0, at_once=0, pace=0, pinned=False)
+        probe = contestant.load._replace(connections=1, idle=0, at_once=0, pace=0, place=rows.ANYWHERE)
         return self.load(self.server(contestant, 0), probe, 0, "probe", seconds=0.05)["answer_bytes"]
 
     def measure(self, row, rounds=None, seconds=None):
@@ -125,7 +131,7 @@ class Bench:
         answer_bytes = self.answer_bytes(row.daemon)
         contestants = row.contestants()
         results = {contestant.name: [] for contestant in contestants}
-        for number in range(rounds or self.rounds):
+        for number in range(rounds or self.rounds * row.rounds):
             first = number % len(contestants)  # nobody is always the first or behind the same neighbour
             for contestant in contestants[first:] + contestants[:first]:
                 server = self.server(contestant, answer_bytes)
@@ -196,6 +202,9 @@ def measure_all(bench, only):
             result.rows.append((row, bench.measure(row)))
     if only.search(rows.CURVE_TITLE):
         result.curve = bench.measure_curve()
+    bench.stop()
+    if any(map(only.search, gss.TITLES)):
+        result.exchanges = gss.measure(bench, only, progress)
     result.intruders = bench.intruders.share()
     return result
 
@@ -236,7 +245,6 @@ def main():
         print("\n".join(result.lines()))
         if arguments.write:
             report.write(result)
-        bench.stop()
     except Impossible as error:
         in_ci = os.environ.get("CI", "").lower() not in ("", "0", "false", "no")
         print(f"{'FAILED' if in_ci else 'SKIPPED'}: {error}", file=sys.stderr)
