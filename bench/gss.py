@@ -78,8 +78,8 @@ def rate(load, case, count, threads, *target):
 
 
 def measure_case(bench, daemon, case, threads):
-    # Enough for a third of a second or more of each.
-    rounds, count = (1, 200) if bench.quick else (5, 2000 if case.kind == "ntlm" else 1000)
+    # Enough for a fifth of a second or more of each.
+    rounds, count = (1, 200) if bench.quick else (3, 2000 if case.kind == "ntlm" else 800)
     pairs = []
     for _ in range(rounds):  # in turns
         with bench.intruders.watch(daemon):

@@ -160,11 +160,13 @@ takes half a minute, `BENCH_FLAGS="--only 'REGEX'"` measures the rows whose titl
 
 How to read it:
 
-- Load generator and servers share the processors of one machine and its loopback, so a server with less to do
-  also has a faster client: the ratio within a round and the processor time say more than a rate by itself.
-  "daemon / this" is the median of the rounds' ratios; above 1 the daemon is faster.
+- Load generator and servers, each in a session of its own, share the processors of one machine and its loopback, so
+  a server with less to do also has a faster client: the ratio within a round and the processor time say more than a
+  rate by itself. "daemon / this" is the median of the rounds' ratios; above 1 the daemon is faster.
 - Every server is asked by the same client code, and every answer is compared byte by byte with the right one;
   questions and answers are made before the load. An answer of slapd is bytes to it like one of the daemon.
+- Which of the daemon's two workers takes a connection is chance: of 64, one may have 62 or 33. The rate follows it,
+  since with one worker busy the generator has the other processor. So rounds of a row differ, and medians still do.
 - memcached has two threads, redis one, the daemon two workers of ten threads; slapd four. memcached and
   redis are asked for a value of the daemon's answer's size, or store the same address and user.
 - slapd has the same users and groups in a memory-mapped database on the RAM disk. Its search is by the

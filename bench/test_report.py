@@ -4,6 +4,7 @@ import xml.etree.ElementTree
 
 import pytest
 
+import gss
 import plot
 import report
 import rows
@@ -42,6 +43,14 @@ def test_beside_other_work_no_goal_is_judged_but_memory():
     measured.intruders = report.BUSY * 2
     busy = "\n".join(measured.lines())
     assert busy.count("not judged") == 3 and busy.count(": met") == 1 and "busy" in busy
+
+
+def test_exchanges_stand_in_a_table_of_their_own_or_say_what_is_not_installed():
+    measured = report.Measured(5, 1.0, 0.0, 10, 10)
+    measured.exchanges = [gss.Exchanges("NTLM", 8, "a helper", RISING, FALLING),
+                          gss.Exchanges("Negotiate", "", "another", missing="krb5kdc")]
+    assert measured.lines()[-2:] == ["| NTLM | 8 | 90 | a helper | 100 | 0.45 |",
+                                     "| Negotiate |  | not measured: krb5kdc is not installed | another |  |  |"]
 
 
 @pytest.mark.parametrize("p999, verdict", [(1000, "met"), (1001, "short")])
