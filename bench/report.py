@@ -179,7 +179,8 @@ How to read it:
   each server has the others. Left to the kernel, generator and server change processors in the middle of a run: the
   slowest answer in a thousand tells then how long one of them waited for the other to be taken off a processor, and
   the processor time whether a question woke the other processor, which costs several times what answering costs.
-- 9,000 idle connections cost the kernel and the generator something, too: "echo, fast" beside them shows how much.
+- 9,000 idle connections cost the kernel and the generator something, too: "echo, fast" has as many in that row, none in
+  the one of 64 connections.
 - With 8 connections "echo, fast" shows what the machine gives when there is nothing to find out.
 - An exchange of NTLM is both of its legs, with the client's part; of Negotiate one ticket, made before, with the replay
   caches on. ntlm_auth knows one password, given on its command line; Squid's helper has the same keytab as the daemon.

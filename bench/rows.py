@@ -54,7 +54,6 @@ def at_least(bound, against):
 LOOK_UP = Load("user-info", 64)
 MIXED = LOOK_UP._replace(request="user-info:95,bind:5")
 BOUND = Load("ip-query-hit", 64)
-WITHOUT_IDLE = Contestant("echo, fast, no idle ones", "echo_fast", LOOK_UP)
 
 # Rows with the same options of the daemon and the same store stand together: each change starts it anew.
 ROWS = [
@@ -65,7 +64,7 @@ ROWS = [
     Row("look-up, cached, 1,000 connections", LOOK_UP._replace(connections=1000), (*ECHOES, "memcached"),
         [at_least(0.90, "memcached")]),
     Row("look-up, cached, 64 connections beside 9,000 idle", LOOK_UP._replace(idle=IDLE),
-        (itself("no idle ones", LOOK_UP), "echo_fast", WITHOUT_IDLE), [at_least(0.97, "no idle ones")], rounds=2),
+        (itself("no idle ones", LOOK_UP), "echo_fast"), [at_least(0.97, "no idle ones")], rounds=2),
     Row("look-up, cached, 9,000 connections, 64 at a time", LOOK_UP._replace(connections=IDLE, at_once=64),
         ("echo_told", "memcached"), [at_least(0.90, "memcached")]),
     Row("look-up, cached, 64 connections, 20,000 a second", LOOK_UP._replace(pace=PACE, place=APART),

@@ -62,7 +62,8 @@ class Server:
         self.port = port
         # In a session of its own like the daemon: kernels share processors out by sessions, and the generator's would
         # be shared by those that stay in it.
-        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log, start_new_session=True)
+        self._process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
+                                         start_new_session=True)
         until(self._listens, f"{command[0]} listens on port {port}")
 
     def _listens(self):
