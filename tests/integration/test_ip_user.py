@@ -3,6 +3,7 @@
 import csv
 import io
 import os
+import re
 import select
 import subprocess
 import sys
@@ -70,7 +71,36 @@ def test_query__repeated_is_answered_from_the_reply_cache_until_the_user_changes
         assert (answer.userInfo.uid, hits("CORP\\dave")) == ("dave", 0)
         assert [group.cn for group in answer.userInfo.groupList] == directory.GROUPS_OF["dave"]
         assert one.bound_user("10.3.2.1") == "CORP\\dave" and hits("CORP\\dave") == 1
+        assert one.bind("10.3.2.1", "CORP\\dave") == 0  # also when it is the user of before
+        assert one.bound_user("10.3.2.1") == "CORP\\dave" and hits("CORP\\dave") == 1
+        for similar in ("CORP\\dav", "CORP\\dave2", "CORP\\Dave", "CORP\\dave\0"):
+            assert other.bind("10.3.2.1", similar) == 0
+            assert one.bound_user("10.3.2.1") == similar
         assert one.unbind("10.3.2.1") == 0
+        assert not one.query("10.3.2.1").HasField("userInfo")
+
+
+def test_answers__are_kept_for_a_day_and_what_the_agent_was_asked_for_two_minutes(daemon):
+    sandbox.clean(True)
+    sandbox.set_clock(0)
+    daemon.start("--verbose", "--process-num", "1", workers=1, keep=True,
+                 files=directory.files(**{"IPUserCache.ini": "[IPUserCache]\nLifetime=0\n"}))
+    kept = {(wire.USER_INFO, wire.pb.UserInfoQueryRequest(user_ln="alice").SerializeToString()): "in reply cache (alice)",
+            (wire.IP_QUERY, wire.pb.IPUserQueryRequest(ip="10.3.12.1").SerializeToString()): "in reply cache (10.3.12.1->CORP\\alice)",
+            (wire.IP_AUTH, wire.pb.IPAuthRequest(ip="10.3.12.1").SerializeToString()): "async, ip(10.3.12.1), cache, rc(0)"}
+    with wire.Connection() as connection:
+        assert connection.bind("10.3.12.1", "CORP\\alice") == 0
+
+        def asked_again(number):
+            request, text = list(kept.items())[number]
+            before = daemon.count_lines(re.compile(re.escape(text)), level="DBG")
+            assert connection.ask(*request).result == 0
+            return daemon.count_lines(re.compile(re.escape(text)), level="DBG") == before
+        for seconds, expected in ((0, [True] * 3), (90, [False] * 3), (150, [False, False, True]), (86370, [False, False, True]),
+                                  (86450, [True, True, False])):
+            sandbox.set_clock(seconds)
+            assert [asked_again(number) for number in range(3)] == expected, seconds
+    assert daemon.stop() == 0
 
 
 def test_query__users_that_the_directory_does_not_know(served, connection):
@@ -80,6 +110,8 @@ def test_query__users_that_the_directory_does_not_know(served, connection):
         assert (answer.result, answer.userInfo.user_ln) == (0, "CORP\\ghost")
         assert not any((answer.userInfo.dn, answer.userInfo.cn, answer.userInfo.uid, answer.userInfo.upn))
     assert served.count_lines("Debug: in reply cache (10.3.3.1->CORP\\ghost)") == 0
+    assert connection.bind("10.3.3.1", f"{GUEST}\0x") == 0
+    assert connection.query("10.3.3.1").userInfo.cn == ""  # somebody else than the guest
     for spelling in (GUEST, "proxy_GUEST_user"):
         assert connection.bind("10.3.3.1", spelling) == 0
         for _ in range(2):
@@ -87,6 +119,14 @@ def test_query__users_that_the_directory_does_not_know(served, connection):
             assert (info.user_ln, info.cn, info.upn, info.uid, info.dn, info.domain_dns) == (GUEST,) * 4 + ("", "")
             assert not info.groupList
     assert connection.unbind("10.3.3.1") == 0
+
+
+@pytest.mark.parametrize("ip", ["", "alice", "10.3.5.256", "10.3.5.1\0", "fe80::1%lo", "x" * 100_000])
+def test_bind__text_that_is_no_address_is_refused(connection, ip):
+    assert connection.bind(ip, "CORP\\alice") == REFUSED
+    assert connection.query(ip).result == REFUSED
+    assert connection.unbind(ip) == REFUSED
+    assert connection.bound_user("10.3.5.1") is None
 
 
 @pytest.mark.parametrize("user, code", [
@@ -171,54 +211,6 @@ def test_export__holds_every_binding_and_replaces_the_last_one(daemon):
     assert daemon.stop() == 0
 
 
-@pytest.fixture
-def foreign():
-    """Things in the way of an export, each with what it must still be afterwards."""
-    out = sandbox.OUTSIDE
-    victim = f"{out}/victim"
-    write_file("victim", "precious", folder=out)
-    write_file("fake.csv", "ip,user\n1,2\n", folder=out)
-    os.symlink(victim, f"{out}/link")
-    os.symlink(out, f"{out}/link_to_folder")
-    os.symlink(f"{out}/nowhere", f"{out}/dangling")
-    os.mkdir(f"{out}/folder")
-    os.mkfifo(f"{out}/fifo")
-    os.mkdir(f"{out}/closed", 0o700)
-    yield lambda: sorted(
-        (name, os.lstat(f"{out}/{name}").st_mode, os.lstat(f"{out}/{name}").st_mtime_ns) for name in os.listdir(out))
-    subprocess.run(["rm", "-rf", "--", *(f"{out}/{name}" for name in os.listdir(out))], check=True)
-
-
-def test_export__paths_that_are_refused(served, foreign):
-    out = sandbox.OUTSIDE
-    paths = ["", "bindings.csv", "./b.csv", f"{out}/link", f"{out}/dangling", f"{out}/link_to_folder/b.csv",
-             f"{out}/folder", f"{out}/folder/", f"{out}/fifo", f"{out}/victim", f"{out}/fake.csv", f"{out}/no/b.csv",
-             f"{out}/../outside/b.csv", f"{out}/closed/b.csv", f"{out}/victim/b.csv", "/etc/bindings.csv", "/",
-             f"{out}/{'n' * 300}", f"{out}/nul\0.csv", "/dev/full"]
-    with wire.Connection() as connection:
-        assert connection.bind("10.3.8.1", "CORP\\alice") == 0
-        before = foreign()
-        for path in paths:
-            complaints = [line for line in log_lines() if line.level in ("ERR", "INF")]
-            assert connection.export(path) == -1, path
-            new = [line for line in log_lines() if line.level in ("ERR", "INF")][len(complaints):]
-            assert len(new) == 1, f"{path!r}: {[line.text for line in new]}"
-            assert foreign() == before, path
-        assert connection.unbind("10.3.8.1") == 0
-
-
-def test_export__stays_in_the_configured_folder(daemon):
-    daemon.start(files={"IPUserCache.ini": f"[IPUserCache]\nExportDirectory={sandbox.OUTSIDE}\n"})
-    os.mkdir(f"{sandbox.OUTSIDE}/deeper")
-    os.chown(f"{sandbox.OUTSIDE}/deeper", sandbox.ACCOUNT_ID, sandbox.ACCOUNT_ID)
-    with wire.Connection() as connection:
-        for path, result in [(EXPORT, 0), (f"{sandbox.OUTSIDE}/deeper/b.csv", 0), (f"{sandbox.WORKDIR}/b.csv", -1),
-                             (f"{sandbox.OUTSIDE}/../work/b.csv", -1), (f"{sandbox.OUTSIDE}2.csv", -1)]:
-            assert connection.export(path) == result, path
-    assert not os.path.exists(f"{sandbox.WORKDIR}/b.csv")
-    assert daemon.stop() == 0
-
-
 def test_export__full_disk_leaves_nothing_behind(daemon):
     daemon.start(files=directory.files())
     tiny = f"{sandbox.OUTSIDE}/tiny"
@@ -264,34 +256,6 @@ def test_restart__of_the_machine_starts_from_the_compact_copy(daemon):
         assert daemon.stop() == 0
     finally:
         subprocess.run(["umount", boot_id], check=True)
-
-
-@pytest.mark.parametrize("damage", ["cut", "overwritten", "empty", "noise"])
-def test_restart__damaged_store_never_keeps_the_daemon_down(daemon, damage):
-    daemon.start(files=directory.files())
-    with wire.Connection() as connection:
-        for index in range(200):
-            assert connection.bind(f"10.5.0.{index}", f"CORP\\user{index}") == 0
-    assert daemon.stop() == 0
-    path = f"{sandbox.WORKDIR}/ip_user_cache/bindings.mdb"
-    size = os.path.getsize(path)
-    with open(path, "r+b") as file:
-        if damage == "cut":
-            file.truncate(size // 2 // 4096 * 4096)
-        elif damage == "empty":
-            file.truncate(0)
-        elif damage == "overwritten":
-            file.write(b"\xff" * size)
-        else:
-            file.seek(8192)
-            file.write(os.urandom(max(size - 8192, 4096)))
-    daemon.start(keep=True)
-    with wire.Connection() as connection:
-        # The compact copy of the clean end has them all.
-        assert [connection.bound_user(f"10.5.0.{index}") for index in range(200)] \
-            == [f"CORP\\user{index}" for index in range(200)]
-        assert connection.bind("10.5.1.1", "CORP\\alice") == 0
-    assert daemon.stop() == 0
 
 
 def test_expiry__binding_ends_and_a_bind_renews_it(daemon):

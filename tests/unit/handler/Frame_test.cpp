@@ -29,15 +29,12 @@ TEST(FrameTest, BindResponseIsTenKnownBytes) {
 }
 
 TEST(FrameTest, IntegrityCheckTestsInItsOrder) {
-  struct Row {
-    const char* what;
-    int32_t length;
-    int32_t type;
-    int received;
-    int expected;
-  };
   constexpr int32_t kMin = std::numeric_limits<int32_t>::min();
-  const Row rows[] = {
+  const struct {
+    const char* what;
+    int32_t length, type;
+    int received, expected;
+  } rows[] = {
       {"receive error", 0, 8, -1, 0},
       {"closed", 0, 8, 0, 0},
       {"half a header", 0, 8, 7, 0},
@@ -51,7 +48,7 @@ TEST(FrameTest, IntegrityCheckTestsInItsOrder) {
       {"type below", 0, -1, 8, 0},
       {"type above", 0, 28, 8, 0},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     const std::string bytes = header(row.length, row.type) + "body";
     errno = ECONNRESET;
     EXPECT_EQ(message_integrity_check(bytes.data(), row.received), row.expected) << row.what;
@@ -91,33 +88,26 @@ TEST_F(GatherTest, FrameIsKeptTogetherOverAnyNumberOfReceives) {
 }
 
 TEST_F(GatherTest, VerdictOnTheFirstBytes) {
-  struct Row {
-    const char* what;
-    std::string bytes;
-    TypeCheck check;
-    GatherResult expected;
+  const std::pair<std::string, GatherResult> rows[] = {
+      {"", GatherResult::kWait},
+      {header(0, 8).substr(0, 7), GatherResult::kWait},
+      {header(0, 8), GatherResult::kComplete},
+      {header(-5, 8), GatherResult::kComplete},
+      {header(0, 28), GatherResult::kClose},
+      {header(10485760, 8), GatherResult::kWait},
+      {header(10485761, 8), GatherResult::kClose},
+      {header(1, 8) + "a" + header(1, 8) + "b", GatherResult::kComplete},
   };
-  const Row rows[] = {
-      {"nothing yet", "", TypeCheck::kRefuseInvalid, GatherResult::kWait},
-      {"seven bytes", header(0, 8).substr(0, 7), TypeCheck::kRefuseInvalid, GatherResult::kWait},
-      {"header only", header(0, 8), TypeCheck::kRefuseInvalid, GatherResult::kComplete},
-      {"negative length", header(-5, 8), TypeCheck::kRefuseInvalid, GatherResult::kComplete},
-      {"type 28", header(0, 28), TypeCheck::kRefuseInvalid, GatherResult::kClose},
-      {"type 28 where the type does not count", header(0, 28), TypeCheck::kIgnore, GatherResult::kComplete},
-      {"largest body", header(10485760, 8), TypeCheck::kRefuseInvalid, GatherResult::kWait},
-      {"one byte too many", header(10485761, 8), TypeCheck::kRefuseInvalid, GatherResult::kClose},
-      {"two frames", header(1, 8) + "a" + header(1, 8) + "b", TypeCheck::kRefuseInvalid,
-       GatherResult::kComplete},
-  };
-  for (const Row& row : rows) {
-    SetUp();
-    gathered_.clear();
-    feed(row.bytes);
-    EXPECT_EQ(gather(row.check), row.expected) << row.what;
-    EXPECT_EQ(gathered_, row.bytes) << row.what;
+  for (const auto& [bytes, expected] : rows) {
     TearDown();
+    SetUp();
+    feed(bytes);
+    EXPECT_EQ(gather(), expected) << testing::PrintToString(bytes);
+    EXPECT_EQ(gathered_, bytes);
+    gathered_.clear();
   }
-  SetUp();
+  feed(header(0, 28));
+  EXPECT_EQ(gather(TypeCheck::kIgnore), GatherResult::kComplete) << "where the type does not count";
 }
 
 TEST_F(GatherTest, PeerThatClosesInTheMiddleEndsIt) {

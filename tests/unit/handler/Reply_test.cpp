@@ -10,11 +10,9 @@
 
 #include "handler/Velder.pb.h"
 
-// What the sends were given; the tests of requests look at it, too.
-std::vector<std::string> g_given;
-
 namespace {
 
+std::vector<std::string> g_given;  // what the sends were given
 // What the next sends take; negative: fail with that errno.
 std::vector<int> g_takes;
 std::vector<event> g_registered;

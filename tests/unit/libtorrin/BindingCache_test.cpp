@@ -59,18 +59,6 @@ TEST_F(BindingCacheTest, ABindingEndsWithItsLifetimeAndABindRenewsIt) {
   EXPECT_EQ(cache_->sweep(), 0);
 }
 
-TEST_F(BindingCacheTest, LifetimeZeroNeverEnds) {
-  settings("Lifetime=0\n");
-  ASSERT_EQ(start(), 0);
-  bind("10.0.0.1", "u");
-  g_test_time = 1'000'000'000'000;
-  std::string user;
-  long expire = -1;
-  EXPECT_EQ(cache_->query("10.0.0.1", user, expire), 0);
-  EXPECT_EQ(expire, 0);
-  EXPECT_EQ(cache_->sweep(), 0);
-}
-
 TEST_F(BindingCacheTest, SweepRemovesWhatHasExpiredAndNothingElse) {
   settings("Lifetime=1\n");
   ASSERT_EQ(start(), 0);
@@ -104,19 +92,6 @@ TEST_F(BindingCacheTest, ARecordRenewedAfterTheScanSurvivesTheRemoval) {
   EXPECT_EQ(store.get(old_key, record), torrin::StoreResult::kMissing);
   EXPECT_EQ(store.get(renewed_key, record), torrin::StoreResult::kDone);
   store.close();
-}
-
-TEST_F(BindingCacheTest, BindingsSurviveACleanEndAndAKilledProcess) {
-  ASSERT_EQ(start(), 0);
-  bind("10.0.0.1", "clean");
-  ASSERT_EQ(start(), 0);
-  EXPECT_EQ(lookup("10.0.0.1"), "clean");
-  cache_.reset();
-  EXPECT_EQ(in_child([&] { return start() == 0 && bind("10.0.0.2", "killed") == 0; }), 0);
-  ASSERT_EQ(start(), 0);
-  EXPECT_EQ(lookup("10.0.0.1"), "clean");
-  EXPECT_EQ(lookup("10.0.0.2"), "killed");
-  EXPECT_EQ(new_lines("ERR"), 0);
 }
 
 TEST_F(BindingCacheTest, FilesBelongToTheAccountAloneWhateverTheUmask) {

@@ -1,11 +1,5 @@
 #include "libtorrin/BindingExport.h"
 
-#include <sched.h>
-#include <sys/mount.h>
-
-#include <csignal>
-#include <thread>
-
 #include "tests/unit/libtorrin/CacheTest.h"
 
 class BindingExportTest : public CacheTest {
@@ -166,49 +160,4 @@ TEST_F(BindingExportTest, ExportDirectoryKeepsExportsBelowIt) {
   EXPECT_FALSE(cache_->export_to(out_ + "/allowed"));
   EXPECT_FALSE(cache_->export_to(out_ + "/allowed/up/x.csv"));
   EXPECT_FALSE(cache_->export_to(out_ + "/allowed/../x.csv"));
-}
-
-// A file system of its own that holds 64 kB, seen by this child only.
-static bool mount_tiny(const std::string& folder) {
-  return unshare(CLONE_NEWNS) == 0 && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-         mount("tiny", folder.c_str(), "tmpfs", 0, "size=64k") == 0;
-}
-
-TEST_F(BindingExportTest, AFullDiskLeavesTheEarlierExport) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root for a small file system";
-  const int status = in_child([&] {
-    if (!mount_tiny(out_)) return false;
-    if (start() != 0 || bind("::1", "u") != 0 || !cache_->export_to(out_ + "/list.csv")) return false;
-    const std::string earlier = read_text(out_ + "/list.csv");
-    for (int i = 0; i < 200; ++i) bind(("10.0.0." + std::to_string(i)).c_str(), std::string(1000, 'u'));
-    forget_log();
-    return !cache_->export_to(out_ + "/list.csv") && new_lines("ERR") == 1 &&
-           new_lines("ERR", "No space left on device") == 1 && read_text(out_ + "/list.csv") == earlier &&
-           names_in(out_) == std::vector<std::string>{"list.csv"};
-  });
-  EXPECT_EQ(status, 0);
-}
-
-TEST_F(BindingExportTest, AFullDiskUnderTheStoreFailsBindsAndKeepsWhatWasBound) {
-  if (geteuid() != 0) GTEST_SKIP() << "needs root for a small file system";
-  const int status = in_child([&] {
-    const std::string folder = workdir_ + "/ip_user_cache";
-    std::filesystem::create_directory(folder);
-    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-        mount("tiny", folder.c_str(), "tmpfs", 0, "size=512k") != 0) {
-      return false;
-    }
-    if (start() != 0) return false;
-    forget_log();
-    int stored = 0;
-    while (stored < 2000 && bind(("10.0.0." + std::to_string(stored % 256)).c_str(), "early") == 0 &&
-           bind(("10.9." + std::to_string(stored / 256) + "." + std::to_string(stored % 256)).c_str(),
-                std::string(900, 'u')) == 0) {
-      ++stored;
-    }
-    return stored > 20 && stored < 2000 && bind("10.200.0.1", std::string(900, 'x')) == -2 &&
-           lookup("10.0.0.1") == "early" && lookup("10.9.0.1") == std::string(900, 'u') &&
-           lookup("10.200.0.1") == "<1>" && new_lines("ERR") == 1;
-  });
-  EXPECT_EQ(status, 0);
 }

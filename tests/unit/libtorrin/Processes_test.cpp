@@ -1,16 +1,9 @@
-// Several processes on one store, some of them killed at any moment.
-#include <sys/mman.h>
-
-#include <chrono>
+// Several processes on one store, some of them killed.
 #include <csignal>
-#include <random>
 #include <set>
 #include <thread>
 
 #include "tests/unit/libtorrin/CacheTest.h"
-
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 #if defined(__SANITIZE_THREAD__)
 // Children of a process with threads start threads here all the time; that is what is tested.
@@ -225,92 +218,6 @@ TEST_F(ProcessesTest, AReaderKilledInsideATransactionDoesNotFillTheMap) {
   for (int i = 0; i < 3000; ++i) {
     ASSERT_EQ(bind(("10.0.0." + std::to_string(i % 100)).c_str(), std::string(500, 'v')), 0) << i;
   }
-}
-
-namespace {
-
-constexpr int kWriters = 4;
-constexpr int kPerWriter = 200;  // addresses of one writer process, bound again and again
-
-// Written by a writer after each bind that returned 0, read by the test after its death.
-struct Acknowledged {
-  std::atomic<int> value[kWriters][kPerWriter];
-};
-
-std::string address_of(int writer, int slot) {
-  return "10." + std::to_string(writer) + ".0." + std::to_string(slot);
-}
-
-}  // namespace
-
-TEST_F(ProcessesTest, KillsAtAnyMomentLoseNothingAndHoldUpNobody) {
-  ASSERT_EQ(start(), 0);
-  auto* acknowledged = static_cast<Acknowledged*>(
-      mmap(nullptr, sizeof(Acknowledged), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-  ASSERT_NE(acknowledged, MAP_FAILED);
-  const auto start_writer = [&](int writer) {
-    const pid_t child = fork();
-    if (child != 0) return child;
-    alarm(60);
-    // A second thread reads all the time, so that processes also die inside look-ups.
-    std::thread([&] {
-      for (int i = 0;; ++i) {
-        lookup(address_of(i % kWriters, i % kPerWriter));
-        if (i % 100 == 0) usleep(50);
-      }
-    }).detach();
-    for (int i = 0;; ++i) {
-      const int slot = i % kPerWriter;
-      const int next = acknowledged->value[writer][slot] + 1;
-      if (bind(address_of(writer, slot).c_str(), std::to_string(next)) == 0) {
-        acknowledged->value[writer][slot] = next;
-      }
-      if (i % 4 == 0) usleep(50);  // a processor for each would be needed otherwise
-    }
-  };
-  pid_t writers[kWriters];
-  for (int i = 0; i < kWriters; ++i) writers[i] = start_writer(i);
-
-  std::mt19937 random(7);
-  int slow = 0;
-  int kills = 0;
-  const auto end = steady_clock::now() + milliseconds(3000);
-  for (; steady_clock::now() < end; ++kills) {
-    usleep(static_cast<useconds_t>(random() % 20000));
-    const int victim = static_cast<int>(random() % kWriters);
-    kill(writers[victim], SIGKILL);
-    const auto killed = steady_clock::now();
-    EXPECT_EQ(bind("10.200.0.1", "parent"), 0);
-    // A busy machine may keep one bind waiting for other reasons.
-    if (steady_clock::now() - killed > milliseconds(200)) ++slow;
-    waitpid(writers[victim], nullptr, 0);
-    for (int slot = 0; slot < kPerWriter; ++slot) {
-      const int least = acknowledged->value[victim][slot];
-      if (least == 0) continue;
-      const std::string user = lookup(address_of(victim, slot));
-      // The bind that was under way may or may not have been made.
-      ASSERT_TRUE(user == std::to_string(least) || user == std::to_string(least + 1))
-          << user << " instead of " << least << " after kill " << kills;
-    }
-    writers[victim] = start_writer(victim);
-  }
-  for (const pid_t writer : writers) {
-    kill(writer, SIGKILL);
-    waitpid(writer, nullptr, 0);
-  }
-  EXPECT_GT(kills, 20);
-  EXPECT_LE(slow, 1 + kills / 50);
-  // Dead readers must not pin what they read.
-  const auto size_before = std::filesystem::file_size(file("bindings.mdb"));
-  cache_->sweep();
-  ASSERT_EQ(in_child([&] {
-              for (int i = 0; i < 5000; ++i) bind("10.200.0.1", std::to_string(i));
-              return true;
-            }),
-            0);
-  EXPECT_LT(std::filesystem::file_size(file("bindings.mdb")), size_before + (size_t{4} << 20));
-  EXPECT_EQ(new_lines("ERR"), 0);
-  munmap(acknowledged, sizeof(Acknowledged));
 }
 
 TEST_F(ProcessesTest, AWriterThatStandsStillIsSeenUntilItIsGone) {

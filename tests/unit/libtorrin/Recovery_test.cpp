@@ -59,15 +59,6 @@ TEST_F(RecoveryTest, DurableSwitchedOnAfterThePowerLossDoesNotMakeTheOldFileDura
   EXPECT_EQ(lookup("10.0.0.2"), "<1>");
 }
 
-TEST_F(RecoveryTest, TheCopyAtACleanEndHoldsEverything) {
-  ASSERT_EQ(start(), 0);
-  bind("10.0.0.1", "u");
-  cache_.reset();
-  write_text(root_ + "/boot_id", "second-boot\n");
-  ASSERT_EQ(start(), 0);
-  EXPECT_EQ(lookup("10.0.0.1"), "u");
-}
-
 TEST_F(RecoveryTest, AStartThatChangesNothingWritesNoState) {
   ASSERT_EQ(start(), 0);
   bind("10.0.0.1", "u");
