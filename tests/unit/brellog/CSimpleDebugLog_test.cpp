@@ -153,16 +153,6 @@ TEST_F(DebugLogTest, AnotherZoneHoldsFromTheNextSecondWhicheverWayTheClockGoes) 
   EXPECT_EQ(written(), "12:00:00.007 a\n14:00:02.000 b\n15:00:01.000 c\n15:00:01.250 d\n");
 }
 
-TEST_F(DebugLogTest, FileIsForOwnerAndGroupWhateverTheUmask) {
-  const mode_t before = umask(0);
-  ASSERT_TRUE(log_.OpenDevice(prefix().c_str()));
-  log("x");
-  umask(before);
-  struct stat status = {};
-  ASSERT_EQ(stat((prefix() + kDaySuffix).c_str(), &status), 0);
-  EXPECT_EQ(status.st_mode & 07777, 0660U);
-}
-
 TEST_F(DebugLogTest, SwitchesDecideWhatIsWrittenAndWhere) {
   log_.SetKeepDanglingRecords(false);
   log("dropped, as nothing is open");
