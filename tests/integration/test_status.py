@@ -178,7 +178,7 @@ def test_status__frozen_processes(daemon):
     assert code == UNREACHABLE and problems(report, "in time|timed out|no answer")
 
 
-@pytest.mark.parametrize("content", [None, "", "nonsense", "-1", "1", "{daemon}0000", "{other}", "{worker}"],
+@pytest.mark.parametrize("content", [None, "", "nonsense", "-1", "0", "1", "{daemon}0000", "{other}", "{worker}"],
                          ids=lambda value: value if value is not None else "missing")
 def test_reload__a_pid_file_that_leads_elsewhere_hurts_nobody(daemon, content):
     start(daemon)

@@ -6,18 +6,15 @@
 
 class SettingsTest : public CacheTest {};
 
-TEST_F(SettingsTest, MissingFileGivesTheDefaults) {
-  const auto read = torrin::read_settings(workdir_);
+TEST_F(SettingsTest, ValuesAreReadOrHaveTheirDefaults) {
+  auto read = torrin::read_settings(workdir_);
   ASSERT_TRUE(read);
   EXPECT_EQ(read->lifetime_minutes, 480);
   EXPECT_FALSE(read->durable);
   EXPECT_EQ(read->export_directory, "");
   EXPECT_EQ(read->directory, "ip_user_cache");
-}
-
-TEST_F(SettingsTest, ValuesAreRead) {
   settings("Lifetime = 5 \nDurable=YES\nExportDirectory=/var/exports/\nDirectory=a/b\nBackend=local\n");
-  const auto read = torrin::read_settings(workdir_);
+  read = torrin::read_settings(workdir_);
   ASSERT_TRUE(read) << read.error();
   EXPECT_EQ(read->lifetime_minutes, 5);
   EXPECT_TRUE(read->durable);
@@ -26,51 +23,32 @@ TEST_F(SettingsTest, ValuesAreRead) {
 }
 
 TEST_F(SettingsTest, AWrongValueStopsTheStartWithOneLine) {
-  constexpr struct {
-    const char* line;
-    const char* key;
-  } kRows[] = {
-      {"Lifetime=", "Lifetime"},
-      {"Lifetime=-1", "Lifetime"},
-      {"Lifetime=8h", "Lifetime"},
-      {"Lifetime=5256001", "Lifetime"},
-      {"Lifetime=1e3", "Lifetime"},
-      {"Lifetime=99999999999999999999", "Lifetime"},
-      {"Durable=1", "Durable"},
-      {"ExportDirectory=exports", "ExportDirectory"},
-      {"ExportDirectory=/a/../b", "ExportDirectory"},
-      {"Directory=", "Directory"},
-      {"Directory=/tmp", "Directory"},
-      {"Directory=a/../..", "Directory"},
-      {"Backend=redis", "Backend"},
-      {"Backend=mysql", "Backend"},
-  };
-  for (const auto& row : kRows) {
-    settings(std::string(row.line) + "\n");
+  for (const std::string line :
+       {"Lifetime=", "Lifetime=-1", "Lifetime=8h", "Lifetime=5256001", "Lifetime=1e3",
+        "Lifetime=99999999999999999999", "Durable=1", "ExportDirectory=exports", "ExportDirectory=/a/../b",
+        "Directory=", "Directory=/tmp", "Directory=a/../..", "Backend=redis"}) {
+    settings(line + "\n");
     forget_log();
-    EXPECT_NE(start(), 0) << row.line;
-    EXPECT_EQ(new_lines("ERR"), 1) << row.line;
-    EXPECT_EQ(new_lines("ERR", std::string("IPUserCache.ini: section IPUserCache, key ") + row.key), 1)
-        << row.line;
+    EXPECT_NE(start(), 0) << line;
+    EXPECT_EQ(new_lines("ERR"), 1) << line;
+    EXPECT_EQ(new_lines("ERR", "IPUserCache.ini: section IPUserCache, key " + line.substr(0, line.find('='))),
+              1)
+        << line;
   }
   EXPECT_FALSE(std::filesystem::exists(workdir_ + "/ip_user_cache")) << "a refused start leaves nothing";
 }
 
 TEST_F(SettingsTest, ALineThatIsNoSyntaxStopsTheStartWithItsNumber) {
-  constexpr struct {
-    const char* text;
-    const char* line;
-  } kRows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"[IPUserCache]\n# a comment\n\nDurable yes\n", "line 4: "},
       {"[IPUserCache\nDurable=yes\n", "line 1: "},
-      {"Durable=yes\n[IPUserCache]\n", "line 1: "},
-  };
-  for (const auto& row : kRows) {
-    write_text(workdir_ + "/IPUserCache.ini", row.text);
+      {"Durable=yes\n[IPUserCache]\n", "line 1: "}};
+  for (const auto& [text, line] : rows) {
+    write_text(workdir_ + "/IPUserCache.ini", text);
     forget_log();
-    EXPECT_NE(start(), 0) << row.text;
-    EXPECT_EQ(new_lines("ERR", std::string("IPUserCache.ini: ") + row.line), 1) << row.text;
-    EXPECT_EQ(new_lines("ERR"), 1) << row.text;
+    EXPECT_NE(start(), 0) << text;
+    EXPECT_EQ(new_lines("ERR", std::string("IPUserCache.ini: ") + line), 1) << text;
+    EXPECT_EQ(new_lines("ERR"), 1) << text;
   }
 }
 

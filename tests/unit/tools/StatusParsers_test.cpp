@@ -60,16 +60,6 @@ TEST(StatusProcess, ArgumentsMeanWhatTheyMeanToTheDaemon) {
   EXPECT_EQ(parse_arguments("d\0--workdir\0"s + std::string(600, 'w')).workdir.size(), 511U);
 }
 
-TEST(StatusProcess, OnlyANumberIsAPid) {
-  EXPECT_EQ(parse_pid("812"), 812);
-  EXPECT_EQ(parse_pid("812\n"), 812);
-  // 0, 1 and negative numbers would be signals to groups, to init, to everybody.
-  for (const char* wrong :
-       {"", "\n", "0", "1", "-1", "-812", "812 ", " 812", "8x", "99999999999", "812\n\n"}) {
-    EXPECT_FALSE(parse_pid(wrong)) << wrong;
-  }
-}
-
 TEST(StatusProcess, TheSnapshotInUseIsSeenInTheMaps) {
   const std::string head = "7f00-7f01 r--s 00000000 00:2d 99 ";
   const std::string current = head + "/w/directory.db\n", older = head + "/w/directory.db (deleted)\n";
