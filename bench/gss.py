@@ -17,7 +17,7 @@ import machine
 import servers
 from machine import WORKDIR, Broken
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "fuzz"))
+sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "fuzz"))
 import gss_mutation  # noqa: E402  pylint: disable=wrong-import-position
 
 NTLM_TITLE, NEGOTIATE_TITLE = "NTLM exchanges", "Negotiate exchanges"
