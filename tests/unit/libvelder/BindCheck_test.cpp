@@ -83,6 +83,8 @@ TEST_F(BindCheckTest, TheMemoryEndsAfterItsTime) {
 }
 
 TEST_F(BindCheckTest, OnlyWrongIsRemembered) {
+  EXPECT_EQ(check("cn=a", ""), BindVerdict::kWrong);
+  EXPECT_EQ(binds_, 0) << "an empty one is never sent";
   for (const BindVerdict verdict : {BindVerdict::kAccount, BindVerdict::kCannotTell}) {
     binds_ = 0;
     refusal_.verdict = verdict;
@@ -126,6 +128,23 @@ TEST_F(BindCheckTest, ThreadsWithTheSamePasswordShareOneBind) {
   EXPECT_EQ(burst("bad"), 0);
   EXPECT_EQ(binds_, 1);
   EXPECT_EQ(burst("good"), 12);
+}
+
+TEST_F(BindCheckTest, ManyUsersAtOnceGetTheirOwnVerdicts) {
+  BindCheck check(kSeconds, 50);
+  std::atomic<int> mistakes = 0;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 2000; ++i) {
+        const bool good = (i + t) % 3 == 0;
+        const std::string user = "cn=u" + std::to_string(i % 97);
+        const auto verdict = check.check(bind_, "x", user, good ? "good" : "bad").verdict;
+        if (verdict != (good ? BindVerdict::kProven : BindVerdict::kWrong)) ++mistakes;
+      }
+    });
+  for (std::thread& one : threads) one.join();
+  EXPECT_EQ(mistakes, 0);
 }
 
 TEST_F(BindCheckTest, ABindThatThrowsLetsTheOthersGo) {

@@ -84,6 +84,7 @@ TEST_F(DirectoryQueriesTest, GroupsOfAPatternAreWithoutThoseThatOnlyHoldEachOthe
 
 TEST_F(DirectoryQueriesTest, WhoIsNotOneUserWithAPasswordProvesNothing) {
   EXPECT_TRUE(proves("CORP\\ZOE", "second-secret"));
+  EXPECT_FALSE(proves("CORP\\ZOE", "SECOND-SECRET"));
   EXPECT_FALSE(proves("zoe", nullptr));
   EXPECT_FALSE(proves(nullptr, "zoe-secret"));
   EXPECT_FALSE(proves("bob", "bob-secret")) << "there are two";

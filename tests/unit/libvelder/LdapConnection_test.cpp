@@ -38,13 +38,7 @@ using velder::SearchRequest;
 // Where a time-out of one second counts as kept, on a machine that does other things as well.
 constexpr auto kSoon = 4s;
 
-class Stopwatch {
- public:
-  auto elapsed() const { return std::chrono::steady_clock::now() - start_; }
-
- private:
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-};
+using Clock = std::chrono::steady_clock;
 
 Domain impatient_domain() {
   Domain domain;
@@ -118,6 +112,7 @@ TEST(LdapConnection, RefusalsAreToldApart) {
       {8, "BindSimple: Transport encryption required", BindVerdict::kCannotTell, "TLS"},
       {53, "data 533", BindVerdict::kCannotTell, "unwilling"},
       {51, "", BindVerdict::kCannotTell, "busy"},
+      {10, "", BindVerdict::kCannotTell, "another"},
       {1, "", BindVerdict::kCannotTell, "no verdict"},
   };
   for (const auto& row : rows) {
@@ -179,10 +174,10 @@ TEST(LdapConnection, WithoutTlsInTimeThereIsNoSession) {
   for (const auto& row : rows) {
     const fake::Server server(row.serve);
     velder::OpenStages stages;
-    const Stopwatch watch;
+    const auto start = Clock::now();
     const Domain domain = row.scheme == std::string("ldaps") ? impatient_domain() : start_tls;
     const auto connection = LdapConnection::open(domain, server.url(row.scheme), &stages);
-    EXPECT_LT(watch.elapsed(), kSoon) << row.name;
+    EXPECT_LT(Clock::now() - start, kSoon) << row.name;
     ASSERT_FALSE(connection) << row.name;
     EXPECT_TRUE(connection.error().code == 81 || connection.error().code == 85) << connection.error().text;
     EXPECT_TRUE(stages.connected) << row.name;
@@ -234,9 +229,9 @@ TEST(LdapConnection, ABrokenServerIsAFailedServer) {
     LdapConnection connection = open_to(server);
     std::optional<LibraryLeaks> allowed;
     if (row.name == std::string("says goodbye")) allowed.emplace();  // the client library loses the notice
-    const Stopwatch watch;
+    const auto start = Clock::now();
     const auto bound = connection.bind("cn=a", std::string(1 << 22, 'p'));
-    EXPECT_LT(watch.elapsed(), kSoon) << row.name;
+    EXPECT_LT(Clock::now() - start, kSoon) << row.name;
     EXPECT_EQ(bound.verdict, BindVerdict::kCannotTell) << row.name;
     EXPECT_EQ(bound.code, row.code) << row.name << ": " << bound.text;
     EXPECT_FALSE(connection.usable()) << row.name;
@@ -246,46 +241,34 @@ TEST(LdapConnection, ABrokenServerIsAFailedServer) {
   }
 }
 
-TEST(LdapConnection, WhatProvesNothingIsNotSent) {
+TEST(LdapConnection, WhatProvesNothingIsNotSentAndARefusalLeavesNoIdentity) {
   std::atomic<int> asked{0};
   const fake::Server server([&](Peer& peer) {
     while (const auto request = peer.receive()) {
-      if (request->operation == 0x60) ++asked;
-      peer.send(fake::result(request->id, fake::kBindResponse, 0));
-    }
-  });
-  LdapConnection connection = open_to(server);
-  EXPECT_EQ(connection.bind("cn=alice", "").verdict, BindVerdict::kWrong);
-  EXPECT_EQ(connection.bind("", "secret").verdict, BindVerdict::kWrong);
-  EXPECT_EQ(connection.bind(std::string("cn=alice\0,cn=b", 14), "secret").verdict, BindVerdict::kWrong);
-  SearchRequest request;
-  request.filter = std::string("(uid=a\0b)", 9);
-  EXPECT_EQ(connection.search(request, [](LdifRecord&) { return Result<void>(); }).error().code, 1);
-  request.filter = "(uid=";
-  EXPECT_EQ(connection.search(request, [](LdifRecord&) { return Result<void>(); }).error().code, 1);
-  EXPECT_EQ(asked, 0);
-  EXPECT_FALSE(connection.bound());
-  EXPECT_TRUE(connection.usable());
-  EXPECT_EQ(connection.bind("cn=alice", "secret").verdict, BindVerdict::kProven);
-  EXPECT_TRUE(connection.bound());
-  EXPECT_EQ(asked, 1);
-}
-
-TEST(LdapConnection, ARefusedBindLeavesNoIdentityAndNoPasswordInTheLog) {
-  const fake::Server server([](Peer& peer) {
-    while (const auto request = peer.receive()) {
-      const bool good = request->password == "right";
-      peer.send(fake::result(request->id, fake::kBindResponse, good ? 0 : 49,
+      ++asked;
+      peer.send(fake::result(request->id, fake::kBindResponse, request->password == "right" ? 0 : 49,
                              "you said " + request->password + ", data 775, v1"));
     }
   });
   LdapConnection connection = open_to(server);
+  EXPECT_EQ(connection.bind("cn=alice", "").verdict, BindVerdict::kWrong);
+  EXPECT_EQ(connection.bind("", "right").verdict, BindVerdict::kWrong);
+  EXPECT_EQ(connection.bind(std::string("cn=alice\0,cn=b", 14), "right").verdict, BindVerdict::kWrong);
+  for (const std::string& filter : {std::string("(uid=a\0b)", 9), std::string("(uid=")}) {
+    SearchRequest request;
+    request.filter = filter;
+    EXPECT_EQ(connection.search(request, [](LdifRecord&) { return Result<void>(); }).error().code, 1);
+  }
+  EXPECT_EQ(asked, 0);
+  EXPECT_FALSE(connection.bound());
+
   EXPECT_EQ(connection.bind("cn=alice", "right").verdict, BindVerdict::kProven);
+  EXPECT_TRUE(connection.bound());
   const auto refused = connection.bind("cn=alice", "hunter2");
   EXPECT_EQ(refused.verdict, BindVerdict::kAccount);
   EXPECT_EQ(refused.code, 49);
   EXPECT_NE(refused.text.find("locked"), std::string::npos) << refused.text;
-  EXPECT_EQ(refused.text.find("hunter2"), std::string::npos) << refused.text;
+  EXPECT_EQ(refused.text.find("hunter2"), std::string::npos) << "it may come into the log";
   EXPECT_FALSE(connection.bound());
   EXPECT_TRUE(connection.usable());
   EXPECT_EQ(connection.bind_count(), 2U);
@@ -363,6 +346,8 @@ TEST(LdapConnection, WhatNeverEndsIsCut) {
 }
 
 TEST(LdapConnection, AnAnswerIsNotTakenForADeadServer) {
+  const std::string referral = outcome_of(fake::bringing({}, 10));
+  EXPECT_NE(referral.find("held by another server"), std::string::npos) << referral;
   for (const int code : {81, 85}) EXPECT_EQ(outcome_of(fake::bringing({}, code)).substr(0, 2), "1 ") << code;
 }
 

@@ -32,13 +32,16 @@ class LdapModuleTest : public SampleDirectory {
   }
 };
 
-TEST_F(LdapModuleTest, SnapshotIsPrivateWhateverTheUmask) {
+TEST_F(LdapModuleTest, SnapshotIsPrivateAndReplacesALink) {
+  write("precious", "not a snapshot");
+  std::filesystem::create_symlink(path("precious"), snapshot());
   const mode_t before = umask(0);
   EXPECT_EQ(initialize(), 0);
   umask(before);
+  EXPECT_EQ(read(path("precious")), "not a snapshot");
   for (const char* name : {"directory.db", "directory.db.lock"}) {
     struct stat status {};
-    ASSERT_EQ(stat(path(name).c_str(), &status), 0) << name;
+    ASSERT_EQ(lstat(path(name).c_str(), &status), 0) << name;
     EXPECT_EQ(status.st_mode & 07777, 0600U) << name;
   }
   EXPECT_FALSE(std::filesystem::exists(path("directory.db.new")));
@@ -94,14 +97,6 @@ TEST_F(LdapModuleTest, ReplacedOrRemovedFileDoesNotDisturbReaders) {
       << "a child that finds it broken builds it";
 }
 
-TEST_F(LdapModuleTest, LinkIsReplacedNotFollowed) {
-  write("precious", "not a snapshot");
-  std::filesystem::create_symlink(path("precious"), snapshot());
-  ASSERT_EQ(initialize(), 0);
-  EXPECT_FALSE(std::filesystem::is_symlink(snapshot()));
-  EXPECT_EQ(read(path("precious")), "not a snapshot");
-}
-
 TEST_F(LdapModuleTest, OddAndLongWorkingDirectoriesServe) {
   std::string longest = "/" + std::string(200, 'l') + "/" + std::string(200, 'm') + "/";
   longest += std::string(511 - root_.size() - longest.size(), 'n');
@@ -145,6 +140,18 @@ TEST_F(LdapModuleTest, LdifThatIsAwayAtAReloadIsNotAnEmptyOne) {
   EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com");
   std::filesystem::rename(path("away"), path("directory.ldif"));
   EXPECT_EQ(LdapModule::load_db_cache(), 0);
+}
+
+TEST_F(LdapModuleTest, ADirectoryThatIsGoneProvesNobody) {
+  ASSERT_EQ(initialize(), 0);
+  std::filesystem::remove_all(root_);
+  EXPECT_EQ(who_is("zoe"), "1");
+  EXPECT_FALSE(proves("zoe", "zoe-secret"));
+  std::string client = "x", answer = "y";
+  bool more = true;
+  EXPECT_FALSE(LdapModule::validate_negotiate_message("YII=", client, answer, more));
+  EXPECT_EQ(client + answer, "");
+  EXPECT_FALSE(more);
 }
 
 TEST_F(LdapModuleTest, ChildOfAForkOpensItsOwn) {

@@ -63,6 +63,7 @@ TEST(LdifReader, ReadsWhatDirectoriesExport) {
        "dn: a=\n 1\ncn: x\n  y\n z\njpegPhoto:: AA\n EC\n",
        {"1|a=1|cn=x yz|jpegphoto=\0\1\2"s}},
       {"folded comment inside a record", "dn: a=1\n# b\n c: d\ncn: x\n", {"1|a=1|cn=x"}},
+      {"changetype add", "dn: a=1\nchangetype: add\ncn: x\n", {"1|a=1|cn=x"}},
       {"base64 dn", "dn:: YT3DpA==\n", {"1|a=\xc3\xa4"}},
       {"empty values", "dn: a=1\ncn:\nsn: \nuid::\n", {"1|a=1|cn=|sn=|uid="}},
       {"blanks around", "dn:   a=1\ncn:x \nsn::  eA==\n", {"1|a=1|cn=x |sn=x"}},

@@ -100,6 +100,7 @@ TEST_F(LiveLookupTest, ServersAndTheirSnapshotGiveTheSameAnswers) {
       {"nested by memberOf", inside("above said", 1), "0: <said>"},
       {"cn of two groups", inside("Staff", 1), "32:"},
       {"DN of one of them", inside("CN=Staff,DC=lab,DC=example,DC=com", 1), "0: <Domain Users>"},
+      {"no cn", inside("xyz", 0), "32:"},
       {"part of cn", inside("R", 0), "0: <inner> <Outer> <posix> <ring one> <ring two>"},
       {"every cn", inside("", 0), "0: <Domain Users> <inner> <Outer> <posix> <ring one> <ring two> <said>"},
 
@@ -170,6 +171,7 @@ TEST_F(LiveLookupTest, DomainThatIsDownLeavesTheOthersUsable) {
   EXPECT_EQ(who_is("lena"), "81") << "the other domain may have one, too";
   EXPECT_EQ(groups_of("LAB\\lena"), "81:") << "a shorter list would be a wrong one";
   EXPECT_TRUE(proves("LAB\\lena", "lena-secret"));
+  EXPECT_FALSE(proves("HQ\\anna", "anna-secret"));
 }
 
 // A snapshot of one domain only, so that everybody in the other one is unknown to it.

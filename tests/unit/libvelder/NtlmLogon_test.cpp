@@ -24,6 +24,7 @@ class NtlmLogonTest : public SampleDirectory {
               user("cn=Alice,dc=corp,dc=test", "alice", "userPrincipalName: al@corp.test\n" + hash) +
               user("cn=Zoe,dc=corp,dc=test", "Zo\xc3\xab", hash) +
               user("cn=Bob,dc=corp,dc=test", "bob", hash) + user("cn=Bob,dc=lab,dc=test", "bob", hash) +
+              user("cn=Gone,dc=corp,dc=test", "gone", "userAccountControl: 514\n" + hash) +
               user("cn=Nohash,dc=lab,dc=test", "nohash"));
     write("LdapSetting.ini",
           "[Domain_1]\nDnsName=lab.test\nNetbiosName=LAB-NET\n[LDAP_Setting]\nSource=ldif\n");
@@ -64,6 +65,7 @@ TEST_F(NtlmLogonTest, TheDirectorySaysWhoAHashProves) {
       {"corp\\zO\xc3\x8b", "0:CORP\\Zo\xc3\xab"},
       {"LAB-NET\\bob", "0:LAB-NET\\bob"},
       {"LAB\\bob", "-1:"},
+      {"CORP\\gone", "-1:"},
       {"bob", "-1:"},  // two domains have one
   };
   for (const auto& row : kRows) {

@@ -175,23 +175,6 @@ TEST(GroupGraphTest, ChainsCyclesAndDenseNestingAreFollowedAtTheirSize) {
   EXPECT_FALSE(GroupGraph().connect({{1, 1}})) << "groups that do not exist";
 }
 
-TEST(DirectoryEntryTest, KindFollowsTheObjectClasses) {
-  const struct {
-    std::vector<const char*> classes;
-    velder::EntryKind kind;
-  } kRows[] = {{{"top", "PERSON"}, velder::EntryKind::kUser},
-               {{"computer", "user"}, velder::EntryKind::kOther},
-               {{"posixGroup"}, velder::EntryKind::kGroup},
-               {{"groupOfNames", "inetOrgPerson"}, velder::EntryKind::kUser},
-               {{"organizationalUnit"}, velder::EntryKind::kOther},
-               {{}, velder::EntryKind::kOther}};
-  for (const auto& row : kRows) {
-    LdifRecord record;
-    for (const char* name : row.classes) record.attributes.push_back({"objectclass", name});
-    EXPECT_EQ(velder::read_attributes(record).kind, row.kind);
-  }
-}
-
 TEST(DirectoryEntryTest, SecurityIdentifiersAreReadFromTextAndBytes) {
   const std::string bytes("\x01\x02\0\0\0\0\0\x05\x15\0\0\0\xFF\xFF\xFF\xFF", 16);
   const std::pair<std::string, const char*> kRows[] = {{bytes, "S-1-5-21-4294967295"},
