@@ -135,6 +135,18 @@ TEST_F(LiveLookupTest, SearchLimitCutsTheListAndSaysSo) {
   EXPECT_EQ(groups_in("", 0).substr(0, 2), "0:") << "the limit is of searches only";
 }
 
+TEST_F(LiveLookupTest, NamesLongerThanAnyAreNotAsked) {
+  const size_t before = searches();
+  for (const std::string& name :
+       {std::string(10'000, 'a'), "uid=" + std::string(10'000, 'x') + ",dc=example"}) {
+    EXPECT_EQ(who_is(name), "32");
+    EXPECT_EQ(groups_in(name, 1), "32:");
+    EXPECT_EQ(users_of({name}, 1), "32:");
+    EXPECT_EQ(find_users(name, 0), "0:");
+  }
+  EXPECT_EQ(searches(), before);
+}
+
 TEST_F(LiveLookupTest, StaleSnapshotDoesNotKeepPeopleOut) {
   ASSERT_NO_FATAL_FAILURE(synchronise());
   std::string changed = live_ldif();
