@@ -41,6 +41,7 @@ constexpr uint16_t kIntegerKeys = 8;   // flag of the free-page tree, whose keys
 constexpr uint16_t kOneFile = 0x4000;  // stands beside it: a store that is a file, not a folder
 constexpr unsigned kMaxDepth = 31;     // one less than the library's cursors can follow
 constexpr uint32_t kMaxPageSize = 32768;
+constexpr uint64_t kMaxTransaction = UINT64_MAX / 4;  // no store counts so far; at the end binds crash
 
 using Error = std::optional<std::string>;
 
@@ -278,6 +279,9 @@ class TreeWalk {
     if (node.flags != 0 && node.flags != kDataOnOverflowPages) {
       return damaged(number, "has a free list of a wrong kind");
     }
+    if (load<uint64_t>(node.key()) > header_.transaction) {
+      return damaged(number, "has a free list of a transaction that has not been");
+    }
     std::vector<uint8_t> run;
     const uint8_t* list = node.data();
     if (node.flags == kDataOnOverflowPages) {
@@ -349,7 +353,12 @@ tl::expected<FileHeader, std::string> read_file_header(int fd) {
   auto second = read_meta_page(fd, 1, page_size);
   if (!second) return second;
   if (second->page_size != page_size) return tl::unexpected<std::string>("its meta pages contradict");
-  FileHeader header = second->transaction > first->transaction ? *second : *first;
+  const bool second_is_newer = second->transaction > first->transaction;
+  FileHeader header = second_is_newer ? *second : *first;
+  // The library reads the page that the number's last bit names; it must be the one that is examined.
+  if (header.transaction > kMaxTransaction || (header.transaction % 2 != 0) != second_is_newer) {
+    return tl::unexpected<std::string>("its transaction number is impossible");
+  }
   const uint64_t pages = pages_in_file(fd, page_size);
   // Page numbers above 2^47 could not be multiplied with the page size.
   if (header.last_page < kMetaPages - 1 || header.last_page >= uint64_t{1} << 47) {
