@@ -189,7 +189,7 @@ def test_live__answers_are_those_of_the_snapshot(daemon, slapd):
     workdir.good_sync()
     workdir.place_script()
     assert workdir.run_script().returncode == 0
-    daemon.wait_line(re.compile("snapshot of the servers"), count=2)
+    daemon.wait_line(re.compile("Directory: snapshot of the servers"), count=2)  # not: "no snapshot"
     stored = answers()
     assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
 
@@ -322,7 +322,7 @@ def test_schedule__the_daemon_synchronises_by_itself(daemon, slapd, monkeypatch)
     with Questions() as ask:
         assert ask.groups_of("bob") == people.GROUPS_OF["bob"]  # live
         daemon.wait_line(re.compile("LdapSyncTool.sh .*, return 0$"), level="INF")
-        daemon.wait_line(re.compile("snapshot of the servers"), count=2)
+        daemon.wait_line(re.compile("Directory: snapshot of the servers"), count=2)  # not: "no snapshot"
         watch = Stopwatch()
         expect_everybody(ask)
         usual = watch.seconds()
