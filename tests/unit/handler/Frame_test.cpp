@@ -9,7 +9,6 @@
 #include <cstring>
 #include <limits>
 
-#include "handler/Velder.pb.h"
 
 namespace {
 
@@ -18,14 +17,6 @@ std::string header(int32_t length, int32_t type) {
   memcpy(bytes.data(), &length, 4);
   memcpy(bytes.data() + 4, &type, 4);
   return bytes;
-}
-
-TEST(FrameTest, BindResponseIsTenKnownBytes) {
-  Velder::IPUserBindResponse response;
-  response.set_result(0);
-  std::string frame = "left over";
-  EXPECT_EQ(message2buffer(Velder::IP_USER_BIND_RESPONSE, &response, frame), 0);
-  EXPECT_EQ(frame, std::string("\x02\0\0\0\x0D\0\0\0\x08\0", 10));
 }
 
 TEST(FrameTest, IntegrityCheckTestsInItsOrder) {
