@@ -110,7 +110,6 @@ def test_first_sync__brings_everything(daemon, domain):
 
 def test_live__answers_are_those_of_the_snapshot(daemon, domain):
     place(domain)
-    workdir.place_script()
     daemon.start("--verbose", keep=True)
 
     turn = itertools.cycle(operator.itemgetter(number) for number in range(5))
@@ -133,11 +132,7 @@ def test_live__answers_are_those_of_the_snapshot(daemon, domain):
                 ("members", "builtin"): {dn: sorted(users) for dn, users in ask.members("Administrators", "Guests").items()},
             }
 
-    live = answers()
-    assert workdir.run_script().returncode == 0
-    daemon.wait_line(re.compile("snapshot of the servers"), count=2)
-    stored = answers()
-    assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
+    workdir.expect_live_as_stored(daemon, answers)
 
 
 # Passwords.
@@ -235,7 +230,7 @@ def test_ranges__come_complete(daemon):
             server.ranges.clear()
             assert workdir.run_script().returncode == 0
             assert server.ranges
-            daemon.wait_line(re.compile("snapshot of the servers"), count=2)
+            daemon.wait_line(re.compile("Directory: snapshot of the servers"), count=2)
             expect_ranges_complete(ask)
 
 

@@ -185,13 +185,7 @@ def test_live__answers_are_those_of_the_snapshot(daemon, slapd):
                 ("members", "of nobody"): ask.members("*", "nobody"),
             }
 
-    live = answers()
-    workdir.good_sync()
-    workdir.place_script()
-    assert workdir.run_script().returncode == 0
-    daemon.wait_line(re.compile("Directory: snapshot of the servers"), count=2)  # not: "no snapshot"
-    stored = answers()
-    assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
+    workdir.expect_live_as_stored(daemon, answers)
 
 
 def test_unknown_name__is_asked_of_the_server(daemon, slapd):

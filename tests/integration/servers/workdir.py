@@ -4,6 +4,7 @@ client is told about everybody."""
 import contextlib
 import os
 import pathlib
+import re
 import resource
 import sqlite3
 import subprocess
@@ -119,6 +120,16 @@ def leftovers():
 
 def limit_file_size(size):
     return lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
+
+
+def expect_live_as_stored(daemon, answers):
+    """Question -> answer, of the servers before the first snapshot and of the snapshot then: all the same."""
+    live = answers()
+    place_script()
+    assert run_script().returncode == 0
+    daemon.wait_line(re.compile("Directory: snapshot of the servers"), count=2)  # not: "no snapshot"
+    stored = answers()
+    assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
 
 
 class Questions:
