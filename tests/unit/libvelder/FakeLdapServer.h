@@ -2,6 +2,7 @@
 #pragma once
 
 #include <arpa/inet.h>
+#include <ldap.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -11,7 +12,6 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -83,33 +83,6 @@ struct Request {
   std::vector<std::string> attributes;
 };
 
-class Reader {
- public:
-  explicit Reader(std::string_view bytes) : bytes_(bytes) {}
-  bool at_end() const { return bytes_.empty(); }
-  // The content of the next element; its tag goes to `tag`.
-  std::string_view next(int* tag = nullptr) {
-    if (bytes_.size() < 2) return take(bytes_.size());
-    if (tag != nullptr) *tag = static_cast<unsigned char>(bytes_[0]);
-    size_t length = static_cast<unsigned char>(bytes_[1]);
-    bytes_.remove_prefix(2);
-    if (length >= 128) {
-      size_t count = length & 127;
-      for (length = 0; count > 0 && !bytes_.empty(); --count, bytes_.remove_prefix(1))
-        length = length << 8 | static_cast<unsigned char>(bytes_[0]);
-    }
-    return take(length);
-  }
-
- private:
-  std::string_view take(size_t length) {
-    const std::string_view content = bytes_.substr(0, length);
-    bytes_.remove_prefix(content.size());
-    return content;
-  }
-  std::string_view bytes_;
-};
-
 // One connection, as the server sees it.
 class Peer {
  public:
@@ -157,21 +130,23 @@ class Peer {
     return count == 0 || recv(fd_, out.data(), count, MSG_WAITALL) == static_cast<ssize_t>(count);
   }
 
-  static std::optional<Request> parse(std::string_view body) {
-    Reader reader(body);
-    Request request;
-    for (const char c : reader.next()) request.id = request.id << 8 | static_cast<unsigned char>(c);
-    Reader operation(reader.next(&request.operation));
-    if (request.operation == 0x60) {
-      operation.next();
-      request.dn = operation.next();
-      request.password = operation.next();
-    } else if (request.operation == 0x63) {
-      request.dn = operation.next();
-      for (int skipped = 0; skipped < 6; ++skipped) operation.next();
-      Reader attributes(operation.next());
-      while (!attributes.at_end()) request.attributes.emplace_back(attributes.next());
-    }
+  static Request parse(const std::string& body) {
+    berval bytes{body.size(), const_cast<char*>(body.data())};  // only read
+    BerElement* ber = ber_init(&bytes);
+    ber_tag_t operation = 0;
+    ber_int_t id = 0, ignored = 0;
+    berval dn{}, password{};
+    char** attributes = nullptr;
+    ber_scanf(ber, "it", &id, &operation);
+    if (operation == LDAP_REQ_BIND) ber_scanf(ber, "{imm", &ignored, &dn, &password);
+    if (operation == LDAP_REQ_SEARCH)
+      ber_scanf(ber, "{meeiibx{v}", &dn, &ignored, &ignored, &ignored, &ignored, &ignored, &attributes);
+    Request request{
+        id, static_cast<int>(operation), {dn.bv_val, dn.bv_len}, {password.bv_val, password.bv_len}, {}};
+    for (char** one = attributes; one != nullptr && *one != nullptr; ++one)
+      request.attributes.emplace_back(*one);
+    ber_memvfree(reinterpret_cast<void**>(attributes));
+    ber_free(ber, 1);
     return request;
   }
 
