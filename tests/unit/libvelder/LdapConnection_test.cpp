@@ -311,17 +311,12 @@ TEST(LdapConnection, WhatNeverEndsIsCut) {
     peer.send(fake::entry(request.id, "cn=staff", {{"member;range=" + at + "-" + at, {""}}}));
     peer.send(fake::result(request.id, fake::kSearchDone, 0));
   });
-  const auto endless_entries = fake::answering([](Peer& peer, const Request& request) {
-    while (peer.send(fake::entry(request.id, "cn=a", {{"cn", {"a"}}}))) {
-    }
-  });
-  const auto endless_references = fake::answering([](Peer& peer, const Request& request) {
-    while (peer.send(fake::reference(request.id))) {
-    }
-  });
-  const auto slow_entries = fake::answering([](Peer& peer, const Request& request) {
-    while (peer.send(fake::entry(request.id, "cn=a", {{"cn", {"a"}}}))) std::this_thread::sleep_for(100ms);
-  });
+  const auto endless = [](std::function<std::string(int)> make, std::chrono::milliseconds pause = 0ms) {
+    return fake::answering([=](Peer& peer, const Request& request) {
+      while (peer.send(make(request.id))) std::this_thread::sleep_for(pause);
+    });
+  };
+  const auto entry = [](int id) { return fake::entry(id, "cn=a", {{"cn", {"a"}}}); };
   const auto pages = [](bool with_entry) {
     return fake::answering([with_entry](Peer& peer, const Request& request) {
       if (with_entry) peer.send(fake::entry(request.id, "cn=a", {{"cn", {"a"}}}));
@@ -334,10 +329,14 @@ TEST(LdapConnection, WhatNeverEndsIsCut) {
     velder::SearchLimits limits;
     const char* outcome;
   } rows[] = {
-      {"empty pages", pages(false), {}, "1 "},          {"full pages", pages(true), few, "4 "},
-      {"entries, counted", endless_entries, few, "4 "}, {"entries, weighed", endless_entries, small, "4 "},
-      {"entries, timed", slow_entries, brief, "85 "},   {"references", endless_references, few, "1 "},
-      {"ranges, counted", endless_ranges, {}, "1 "},    {"ranges, weighed", endless_ranges, small, "4 "},
+      {"empty pages", pages(false), {}, "1 "},
+      {"full pages", pages(true), few, "4 "},
+      {"entries, counted", endless(entry), few, "4 "},
+      {"entries, weighed", endless(entry), small, "4 "},
+      {"entries, timed", endless(entry, 100ms), brief, "85 "},
+      {"references", endless(fake::reference), few, "1 "},
+      {"ranges, counted", endless_ranges, {}, "1 "},
+      {"ranges, weighed", endless_ranges, small, "4 "},
   };
   for (const auto& row : rows) {
     const std::string outcome = outcome_of(row.serve, row.limits);
