@@ -188,6 +188,32 @@ int search(int type, const char* key, Take take) {
   return kReplyCacheDone;
 }
 
+// Stores what `encode_reply` gives, or makes the entry invalid.
+template <class Encode>
+int update(int type, const char* key, bool store, Encode encode_reply, int ttl_seconds) {
+  if (!reply_cache_enabled) return kReplyCacheDisabled;
+  if (!valid_type(type)) return kReplyCacheBadType;
+  const time_t now = time(nullptr);
+  const unsigned int bucket = bucket_of(key);
+  std::string encoded = store ? encode_reply() : std::string();
+
+  BRELWLock guard(reply_cache_rwlock);
+  // Every update sweeps: what is due for a sweep is never put off.
+  recycle_all_expired(now);
+  if (reply_cache_max_size <= reply_cache_total_size) return kReplyCacheFull;
+
+  const auto expire_time = static_cast<int32_t>(now + ttl_seconds);
+  Entry* entry = find(type, bucket, key);
+  if (entry != nullptr && store) {
+    renew(*entry, std::move(encoded), expire_time);
+  } else if (entry != nullptr) {
+    set_expiry(*entry, 0);
+  } else if (store) {
+    insert(type, bucket, key, std::move(encoded), expire_time);
+  }
+  return kReplyCacheDone;
+}
+
 }  // namespace
 
 uint32_t bm_sbox_hash(const char* bytes, uint32_t length, uint32_t seed) {
@@ -205,28 +231,14 @@ int search_reply_cache(int type, const char* key, std::string& encoded) {
 }
 
 int update_reply_cache(int type, const char* key, const Message* reply, int ttl_seconds) {
-  if (!reply_cache_enabled) return kReplyCacheDisabled;
-  if (!valid_type(type)) return kReplyCacheBadType;
-  const time_t now = time(nullptr);
-  const unsigned int bucket = bucket_of(key);
   const bool store = reply != nullptr && ttl_seconds >= 1;
-  std::string encoded = store ? encode(*reply) : std::string();
+  return update(
+      type, key, store, [&] { return encode(*reply); }, ttl_seconds);
+}
 
-  BRELWLock guard(reply_cache_rwlock);
-  // Every update sweeps: what is due for a sweep is never put off.
-  recycle_all_expired(now);
-  if (reply_cache_max_size <= reply_cache_total_size) return kReplyCacheFull;
-
-  const auto expire_time = static_cast<int32_t>(now + ttl_seconds);
-  Entry* entry = find(type, bucket, key);
-  if (entry != nullptr && store) {
-    renew(*entry, std::move(encoded), expire_time);
-  } else if (entry != nullptr) {
-    set_expiry(*entry, 0);
-  } else if (store) {
-    insert(type, bucket, key, std::move(encoded), expire_time);
-  }
-  return kReplyCacheDone;
+int update_reply_cache(int type, const char* key, std::string_view encoded, int ttl_seconds) {
+  return update(
+      type, key, ttl_seconds >= 1, [&] { return std::string(encoded); }, ttl_seconds);
 }
 
 void recycle_expired_nodes(int type, unsigned int bucket, long now) {

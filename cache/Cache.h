@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "daemonbase/BRELSync.h"
 
@@ -41,6 +42,9 @@ int search_reply_cache(int type, const char* key, std::string& encoded);
 // Stores a copy of `reply` for `ttl_seconds`. A null reply or a lifetime below 1 makes a cached entry
 // invalid instead. The bound is looked at before storing: one store may pass it.
 int update_reply_cache(int type, const char* key, const google::protobuf::Message* reply, int ttl_seconds);
+
+// The same with a reply that is serialised.
+int update_reply_cache(int type, const char* key, std::string_view encoded, int ttl_seconds);
 
 // Empties the cache and zeroes the counters.
 int reset_reply_cache();

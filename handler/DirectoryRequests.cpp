@@ -67,18 +67,21 @@ void fill_found_user(const UserMeta& user, Velder::UserInfo* info) {
   info->set_upn(user.upn.empty() ? user_ln : user.upn);
 }
 
-// Asks the directory for user information and puts the answer into the reply cache.
-void look_up_user_info(const std::string& user_ln, bool cacheable, Velder::UserInfoQueryResponse* response) {
-  UserRecord record;
-  response->set_result(g_user_look_ups.run([&] {
-    const int found = get_user_attributes(user_ln, record);
-    return found | LdapWrapper::get_user_groups(user_ln, record.groups);
-  }));
-  fill_user_info(user_ln, record, response->mutable_userinfo());
-  if (cacheable && Velder::update_reply_cache(Velder::USER_INFO_QUERY_REQUEST, user_ln.c_str(), response,
-                                              kUserInfoLifetime) != 0) {
+// Asks the directory for user information and puts the answer into the reply cache. `answer` gets the body
+// behind what it holds.
+int look_up_user_info(const std::string& user_ln, bool cacheable, std::string& answer) {
+  const size_t head = answer.size();
+  std::string info;
+  Velder::UserInfoQueryResponse response;
+  response.set_result(encode_user(Velder::UserInfoQueryResponse::kUserInfoFieldNumber, user_ln, true, info));
+  response.AppendPartialToString(&answer);
+  answer += info;
+  if (cacheable &&
+      Velder::update_reply_cache(Velder::USER_INFO_QUERY_REQUEST, user_ln.c_str(),
+                                 std::string_view(answer).substr(head), kUserInfoLifetime) != 0) {
     VRLOG(kLogInfo, "Error: fail to update reply cache");
   }
+  return response.result();
 }
 
 }  // namespace
@@ -148,17 +151,15 @@ Outcome handle_user_info(Frame& frame) {
   const std::string& user_ln = request.user_ln();
   // The cache's keys end at a NUL: a name with one inside would share the entry of its first half.
   const bool cacheable = user_ln.find('\0') == std::string::npos;
-  std::string cached(kHeaderBytes, '\0');
-  if (cacheable && Velder::search_reply_cache(frame.type, user_ln.c_str(), cached) == 0) {
+  std::string answer(kHeaderBytes, '\0');
+  int result = 0;
+  if (cacheable && Velder::search_reply_cache(frame.type, user_ln.c_str(), answer) == 0) {
     VRLOG(kLogDebug, "Debug: in reply cache (%s)", user_ln.c_str());
-    VRLOG(kLogDebug, "messge_type(%d), user(%s), rc(%d)", frame.type, user_ln.c_str(), 0);  // sic
-    return reply_encoded(frame, cached);
+  } else {
+    result = look_up_user_info(user_ln, cacheable, answer);
   }
-  Velder::UserInfoQueryResponse response;
-  look_up_user_info(user_ln, cacheable, &response);
-  VRLOG(kLogDebug, "messge_type(%d), user(%s), rc(%d)", frame.type, user_ln.c_str(),
-        response.result());  // sic
-  return reply(frame, response);
+  VRLOG(kLogDebug, "messge_type(%d), user(%s), rc(%d)", frame.type, user_ln.c_str(), result);  // sic
+  return reply_encoded(frame, answer);
 }
 
 Outcome handle_group_groups(Frame& frame) {

@@ -58,18 +58,17 @@ bool find_cached(const char* ip, const std::string& user, std::string& encoded) 
   return false;
 }
 
-void answer_from_directory(const char* ip, std::string user, Velder::IPUserQueryResponse* response) {
-  UserRecord record;
+// Appends what the directory knows of the user to the answer, as a field.
+void answer_from_directory(const char* ip, const std::string& user, std::string& encoded) {
+  constexpr int kField = Velder::IPUserQueryResponse::kUserInfoFieldNumber;
   int code = 0;
   if (strcasecmp(whole_text(user), kGuestUser) == 0) {
-    user = kGuestUser;
-    record.cn = record.upn = record.uid = user;
+    append_user_info(kField, kGuestUser, {{}, kGuestUser, kGuestUser, {}, kGuestUser, {}}, encoded);
   } else {
-    code = g_user_look_ups.run([&] { return get_user_record(user, record); });
+    code = encode_user(kField, user, false, encoded);
   }
-  fill_user_info(user, record, response->mutable_userinfo());
   if (code != 0) return;
-  if (Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, response, kQueryLifetime) != 0) {
+  if (Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, encoded, kQueryLifetime) != 0) {
     VRLOG(kLogInfo, "Error: fail to update reply cache");
   }
 }
@@ -171,13 +170,13 @@ Outcome handle_ip_query(Frame& frame) {
   std::string user;
   long expire = 0;
   const int code = CacheWrapper::query_cache_item(ip, user, expire);
-  std::string cached;
+  std::string info;  // the field that comes last
   if (code == 0) {
-    if (find_cached(ip, user, cached)) {
+    if (find_cached(ip, user, info)) {
       VRLOG(kLogDebug, "Debug: in reply cache (%s->%s)", ip, user.c_str());
     } else {
       VRLOG(kLogDebug, "Debug: miss from reply cache, query database");
-      answer_from_directory(ip, user, &response);
+      answer_from_directory(ip, user, info);
     }
   }
   // The directory's code never reaches the client: a bound address has a user even when nobody knows more.
@@ -186,7 +185,7 @@ Outcome handle_ip_query(Frame& frame) {
   VRLOG(kLogDebug, "message_type(%d) ip(%s), rc(%d)", frame.type, ip, code);
   std::string answer(kHeaderBytes, '\0');
   response.AppendPartialToString(&answer);
-  answer += cached;  // its field comes last
+  answer += info;
   return reply_encoded(frame, answer);
 }
 

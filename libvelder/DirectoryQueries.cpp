@@ -15,6 +15,9 @@ constexpr std::string_view kNobodysPassword = "{SSHA}2vFJ1bWpXKXMvCDZ1VnBmGXgIzl
 // Longer ones are hardly anybody's; a client must not make every thread keep megabytes.
 constexpr size_t kLongestKeptName = 256;
 
+// The answers for members of more take long in any case.
+constexpr size_t kMostKeptGroups = 500;
+
 // A text of nothing but characters that folding ignores. It is in no name, while the empty text is in all.
 bool vanishes(std::string_view name) {
   return !name.empty() && search_text(name).empty();
@@ -30,6 +33,11 @@ bool cut(std::vector<EntryId>& ids, uint32_t limit) {
   if (limit == 0 || ids.size() <= limit) return false;
   ids.resize(limit);
   return true;
+}
+
+UserRow row_of(const KnownUser& user) {
+  return {{std::string(user.dn), std::string(user.cn), std::string(user.uid), std::string(user.upn)},
+          std::string(user.domain_dns)};
 }
 
 void sort_unique(std::vector<EntryId>& ids) {
@@ -79,10 +87,16 @@ void DirectoryQueries::list_groups(const std::vector<EntryId>& ids, std::list<Gr
 }
 
 int DirectoryQueries::user_groups(std::string_view user, std::list<GroupMeta>& groups) {
-  const auto id = find_user(user);
-  if (!id) return code(kDirectoryNoSuchObject);
+  const auto known = find_known(user);
+  if (!known) return code(kDirectoryNoSuchObject);
+  if (known->has_groups) {
+    for (const KnownUser::Group& group : known->groups) {
+      groups.push_back({std::string(group.dn), std::string(group.cn)});
+    }
+    return kDirectorySuccess;
+  }
   std::vector<EntryId> ids;
-  reader_.groups_of_user(*id, ids);
+  reader_.groups_of_user(known->id, ids);
   list_groups(reader_.groups().with_all_above(ids), groups);
   return code(kDirectorySuccess);
 }
@@ -126,15 +140,23 @@ int DirectoryQueries::users_of_group(std::string_view group, bool by_dn, GroupUs
 }
 
 int DirectoryQueries::user_info(std::string_view user, UserRow& row) {
-  const auto id = find_user(user);
-  const bool found = id && reader_.user(*id, row);
-  return code(found ? kDirectorySuccess : kDirectoryNoSuchObject);
+  const auto known = find_known(user);
+  if (!known) return code(kDirectoryNoSuchObject);
+  row = row_of(*known);
+  return kDirectorySuccess;
+}
+
+std::shared_ptr<const KnownUser> DirectoryQueries::known_user(std::string_view user) {
+  auto known = find_known(user);
+  if (known && !known->has_groups) known.reset();
+  return known;
 }
 
 int DirectoryQueries::account(std::string_view user, UserRow& row, Credentials& credentials) {
-  const auto id = find_user(user);
-  if (!id || !reader_.user(*id, row)) return code(kDirectoryNoSuchObject);
-  reader_.credentials(*id, credentials);
+  const auto known = find_known(user);
+  if (!known) return code(kDirectoryNoSuchObject);
+  row = row_of(*known);
+  reader_.credentials(known->id, credentials);
   return code(kDirectorySuccess);
 }
 
@@ -143,13 +165,13 @@ bool DirectoryQueries::knows_domain(std::string_view name) {
 }
 
 CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std::string_view password) {
-  const auto id = find_user(user);
-  if (!id) {
+  const auto known = find_known(user);
+  if (!known) {
     check_password(kNobodysPassword, password);
     return reader_.failure() ? CredentialVerdict::kCannotTell : CredentialVerdict::kUnknownUser;
   }
   Credentials credentials;
-  reader_.credentials(*id, credentials);
+  reader_.credentials(known->id, credentials);
   if (reader_.failure()) return CredentialVerdict::kCannotTell;
   const PasswordVerdict verdict = check_password(credentials.passwords, password);
   if (credentials.disabled) return CredentialVerdict::kDisabled;
@@ -159,6 +181,57 @@ CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std:
     case PasswordVerdict::kCannotTell: break;
   }
   return CredentialVerdict::kCannotTell;
+}
+
+// Asks the memory of all threads first.
+std::shared_ptr<const KeptUser> DirectoryQueries::find_known(std::string_view name) {
+  const std::string key = fold_text(name);
+  // A DN has any number of spellings.
+  const bool can_be_kept = key.size() <= kLongestKeptName && key.find('=') == std::string::npos;
+  KnownUsers& all = reader_.file().known_users();
+  ambiguous_ = false;
+  if (can_be_kept) {
+    if (auto known = all.find(key)) return known;
+  }
+  const auto id = find_user(name);
+  auto user = id ? read_user(*id) : nullptr;
+  if (user && can_be_kept) all.keep(key, user);
+  return user;
+}
+
+std::shared_ptr<const KeptUser> DirectoryQueries::read_user(EntryId id) {
+  UserRow row;
+  if (!reader_.user(id, row)) return nullptr;
+  std::vector<EntryId> ids;
+  reader_.groups_of_user(id, ids);
+  if (reader_.failure()) return nullptr;
+  const GroupGraph& graph = reader_.groups();
+  ids = graph.with_all_above(ids);
+
+  auto user = std::make_shared<KeptUser>();
+  user->id = id;
+  user->has_groups = ids.size() <= kMostKeptGroups;
+  if (!user->has_groups) ids.clear();
+  size_t bytes = row.domain_dns.size() + row.meta.uid.size() + row.meta.cn.size() + row.meta.dn.size() +
+                 row.meta.upn.size();
+  for (const EntryId group : ids) bytes += graph.names(group).dn.size() + graph.names(group).cn.size();
+  user->texts.reserve(bytes);  // from here on no text moves
+  const auto keep = [&](std::string_view text) {
+    const size_t at = user->texts.size();
+    user->texts += text;
+    return std::string_view(user->texts).substr(at);
+  };
+  user->domain_dns = keep(row.domain_dns);
+  user->uid = keep(row.meta.uid);
+  user->cn = keep(row.meta.cn);
+  user->dn = keep(row.meta.dn);
+  user->upn = keep(row.meta.upn);
+  user->groups.reserve(ids.size());
+  for (const EntryId group : ids) {
+    const KnownUser::Group names = graph.names(group);
+    user->groups.push_back({keep(names.dn), keep(names.cn)});
+  }
+  return user;
 }
 
 // Asks the snapshot unless the name is the one that was looked for last.

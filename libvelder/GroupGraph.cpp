@@ -58,10 +58,16 @@ GroupGraph::Edges GroupGraph::make_edges(const std::vector<Pair>& pairs, size_t 
   return edges;
 }
 
-GroupMeta GroupGraph::row(int64_t group) const {
+KnownUser::Group GroupGraph::names(int64_t group) const {
   if (!known(group)) return {};
   const Row& row = rows_[static_cast<size_t>(group - 1)];
-  return {names_.substr(row.at, row.dn_length), names_.substr(row.at + row.dn_length, row.cn_length)};
+  const std::string_view all = names_;
+  return {all.substr(row.at, row.dn_length), all.substr(row.at + row.dn_length, row.cn_length)};
+}
+
+GroupMeta GroupGraph::row(int64_t group) const {
+  const KnownUser::Group names = this->names(group);
+  return {std::string(names.dn), std::string(names.cn)};
 }
 
 std::vector<int64_t> GroupGraph::with_all_above(const std::vector<int64_t>& groups) const {

@@ -26,6 +26,7 @@ class GroupGraph {
   bool connect(const std::vector<Pair>& nested);
 
   size_t size() const { return rows_.size(); }
+  KnownUser::Group names(int64_t group) const;  // as long as the graph lives
   GroupMeta row(int64_t group) const;
 
   // The given groups and all that contain them, at any depth; ascending, each once.

@@ -178,6 +178,15 @@ int LdapModule::get_user_info(const std::string& user, std::string& domain_dns, 
   });
 }
 
+std::shared_ptr<const KnownUser> LdapModule::get_known_user(const std::string& user) {
+  std::shared_ptr<const KnownUser> known;
+  look_up([&](auto& queries) {
+    known = queries.known_user(user);
+    return int{kDirectorySuccess};
+  });
+  return known;
+}
+
 bool LdapModule::validate_credential(const char* user, const char* password, void* /*reserved*/) {
   if (user == nullptr || password == nullptr || *user == '\0' || *password == '\0') return false;
   CredentialResult result;

@@ -12,6 +12,8 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 // One user entry. upn is empty when the entry has no principal name.
 struct UserMeta {
@@ -31,6 +33,20 @@ struct GroupMeta {
 struct GroupUserMeta {
   std::string group_dn;
   std::list<std::string> users;
+};
+
+// What get_user_info and get_user_groups give of one user, in memory that the library keeps.
+struct KnownUser {
+  struct Group {
+    std::string_view dn;
+    std::string_view cn;
+  };
+  std::string_view domain_dns;
+  std::string_view uid;
+  std::string_view cn;
+  std::string_view dn;
+  std::string_view upn;
+  std::vector<Group> groups;
 };
 
 // Result codes of the calls below (RFC 4511, appendix A, and the client library's own 81 and 85).
@@ -93,6 +109,10 @@ class LdapModule {
   // Fills the five strings of one user; upn stays empty when the entry has none.
   static int get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,
                            std::string& cn, std::string& dn, std::string& upn);
+
+  // Both in one, without a copy. Null for whoever the library does not keep, for whatever reason: then the
+  // two calls above answer.
+  static std::shared_ptr<const KnownUser> get_known_user(const std::string& user);
 
   // True only when the password was proven. `reserved` is accepted and not used.
   static bool validate_credential(const char* user, const char* password, void* reserved);

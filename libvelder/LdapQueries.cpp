@@ -207,6 +207,10 @@ CredentialResult LdapQueries::bind(const Account& account, std::string_view pass
   return {CredentialVerdict::kProven, ""};
 }
 
+std::shared_ptr<const KnownUser> LdapQueries::known_user(std::string_view user) {
+  return snapshot_ ? snapshot_->known_user(user) : nullptr;
+}
+
 int LdapQueries::account(std::string_view user, UserRow& row, Credentials& credentials) {
   return look_up(
       kUser, user, [&](DirectoryQueries& snapshot) { return snapshot.account(user, row, credentials); },

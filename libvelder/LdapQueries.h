@@ -6,6 +6,7 @@
 #pragma once
 
 #include <list>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -36,6 +37,7 @@ class LdapQueries {
   int group_groups(std::string_view group, Match match, std::list<GroupMeta>& groups);
   int all_users(const std::list<std::string>& groups, bool by_dn, std::list<GroupUserMeta>& group_users);
   int user_info(std::string_view user, UserRow& row);
+  std::shared_ptr<const KnownUser> known_user(std::string_view user);
   int account(std::string_view user, UserRow& row, Credentials& credentials);
   bool knows_domain(std::string_view name) const;
   bool ambiguous() const { return snapshot_ && snapshot_->ambiguous(); }

@@ -20,6 +20,7 @@
 
 #include "libvelder/Error.h"
 #include "libvelder/GroupGraph.h"
+#include "libvelder/KnownUsers.h"
 #include "libvelder/LdapModule.h"
 #include "libvelder/LdifReader.h"
 #include "libvelder/Settings.h"
@@ -65,7 +66,8 @@ struct FileIdentity {
 std::optional<FileIdentity> identity_of(int fd);
 
 // A complete snapshot, mapped into memory. It keeps the inode: a replacement on disk does not disturb it.
-// Immutable, any number of threads. Holds no descriptor and no database connection.
+// Immutable but for a memory of what was asked, any number of threads. Holds no descriptor and no database
+// connection.
 class SnapshotFile {
  public:
   // Checks everything but the checksum when the file is `verified`, one that passed before. Never follows
@@ -81,6 +83,7 @@ class SnapshotFile {
   const FileIdentity& identity() const { return identity_; }
   // Of all groups, numbered as in the file. Read from the file at the first call.
   Result<const GroupGraph*> groups() const;
+  KnownUsers& known_users() const { return known_users_; }
   unsigned char* bytes() const { return bytes_; }  // read-only memory
   size_t size() const { return size_; }
 
@@ -93,6 +96,7 @@ class SnapshotFile {
   SnapshotMeta meta_;
   mutable std::once_flag groups_read_;
   mutable Result<GroupGraph> groups_;
+  mutable KnownUsers known_users_;
 };
 
 // Text as it is kept for searching inside it: folded, and NUL replaced, which would end the text for the

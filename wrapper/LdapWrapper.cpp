@@ -34,6 +34,10 @@ int LdapWrapper::get_user_info(const std::string& user, std::string& domain_dns,
   return LdapModule::get_user_info(user, domain_dns, uid, cn, dn, upn);
 }
 
+std::shared_ptr<const KnownUser> LdapWrapper::get_known_user(const std::string& user) {
+  return LdapModule::get_known_user(user);
+}
+
 int LdapWrapper::validate_credential(const char* user, const char* password) {
   return LdapModule::validate_credential(user, password, nullptr) ? 0 : -1;
 }

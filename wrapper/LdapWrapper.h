@@ -3,6 +3,7 @@
 #pragma once
 
 #include <list>
+#include <memory>
 #include <string>
 
 #include "libvelder/LdapModule.h"
@@ -17,6 +18,7 @@ class LdapWrapper {
   static int get_all_users(std::list<std::string> groups, int is_dn, std::list<GroupUserMeta>& group_users);
   static int get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,
                            std::string& cn, std::string& dn, std::string& upn);
+  static std::shared_ptr<const KnownUser> get_known_user(const std::string& user);
 
   // 0 when the library proved the credential, else -1.
   static int validate_credential(const char* user, const char* password);

@@ -1,0 +1,65 @@
+// The users that were asked for last, by the names they were asked by: what the name means, and what is
+// answered about the user. No passwords, no hashes.
+//
+// It belongs to one snapshot, so nothing in it ever becomes wrong. Only users that exist are kept: whoever
+// asks for names that do not exist pushes nobody out.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "libvelder/LdapModule.h"
+
+namespace velder {
+
+// Immutable once made. The views of its base lie in `texts`.
+struct KeptUser : KnownUser {
+  int64_t id = 0;
+  bool has_groups = false;  // false: they are too many to be kept
+  std::string texts;
+};
+
+// Any number of threads. Folded names only, and those under which a user has few spellings: others would let
+// a client fill the table with one user.
+class KnownUsers {
+ public:
+  // Some 10,000 users with a dozen groups.
+  static constexpr size_t kMostBytes = size_t{16} << 20;
+
+  explicit KnownUsers(size_t most_bytes = kMostBytes);
+
+  // Null: not kept.
+  std::shared_ptr<const KeptUser> find(std::string_view name);
+  void keep(std::string_view name, std::shared_ptr<const KeptUser> user);
+
+ private:
+  struct Hash : std::hash<std::string_view> {
+    using is_transparent = void;
+  };
+  using Users = std::unordered_map<std::string, std::shared_ptr<const KeptUser>, Hash, std::equal_to<>>;
+
+  // Whoever is asked for is or becomes one of `recent`. When these are half of what may be kept, they become
+  // `older`, and who was that and has not been asked for since is forgotten.
+  struct Shard {
+    std::mutex mutex;  // guards all below
+    Users recent;
+    Users older;
+    size_t recent_bytes = 0;
+  };
+
+  Shard& shard_of(std::string_view name);
+  Users add(Shard& shard, Users::node_type node) const;
+
+  static constexpr size_t kShards = 16;  // so that threads seldom meet
+
+  const size_t most_recent_bytes_;  // of a shard
+  std::array<Shard, kShards> shards_;
+};
+
+}  // namespace velder
