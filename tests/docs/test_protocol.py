@@ -13,7 +13,6 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 PAGE = (TOP / "docs/protocol.md").read_text(encoding="utf-8")
 EXAMPLES = TOP / "examples/workdir"
 KINDS = 28
-CLIENT_LINES = 40
 
 
 @pytest.fixture

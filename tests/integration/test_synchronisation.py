@@ -20,7 +20,6 @@ exit 3
 """
 TIME_TO_SYNC = "Info: it's time to sync with ldap server...."
 FORKED = re.compile(r"^Info: fork process \[(\d+)\] to sync ldap$")
-PRODUCT_SCRIPT = os.path.join(os.path.dirname(__file__), "..", "..", "examples", "workdir", "LdapSyncTool.sh")
 LOG = f"{sandbox.WORKDIR}/log/LdapSync.log."
 
 
