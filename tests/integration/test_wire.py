@@ -160,8 +160,8 @@ def test_client__thousand_connections_at_once(served):
     served.wait_idle()
 
 
-CROWD = 40_000
-MEMBERS = 10_000  # of the group Crowd
+CROWD = 8_000  # all of them in the group of that name
+LONG_NAME = "x" * 250  # so that fewer users, whose snapshot is made sooner, fill more than any socket buffer
 EPOLL_WAIT_CALLS = ("232", "281")  # epoll_wait and epoll_pwait of x86-64
 EVERYBODY = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0))
 
@@ -170,8 +170,8 @@ EVERYBODY = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0)
 def crowded(daemon):
     """A directory whose complete list is larger than any socket buffer; one thread a worker."""
     daemon.start("--thread-num", "1", "--process-num", "1", workers=1,
-                 files={"directory.ldif": directory.crowd(CROWD) + directory.crowd_group(MEMBERS), "LdapSetting.ini":
-                        "[LDAP_Setting]\nSyncInterval=1440\nSearchLimit=0\n"})
+                 files={"directory.ldif": directory.crowd(CROWD, LONG_NAME) + directory.crowd_group(CROWD, LONG_NAME),
+                        "LdapSetting.ini": "[LDAP_Setting]\nSyncInterval=1440\nSearchLimit=0\n"})
     return daemon
 
 
@@ -263,7 +263,7 @@ def test_large_answer__clients_that_leave_in_the_middle(crowded):
 def test_large_answer__of_another_kind_ends_a_connection_that_does_not_read(crowded):
     """Only searches wait for their reader; the others must be taken at once."""
     text = "Error: fail to send response message to client (Resource temporarily unavailable)"
-    request = wire.frame(wire.ALL_USERS, AllUserQueryRequest(isDN=0, grouplist=["Crowd"] * 20))
+    request = wire.frame(wire.ALL_USERS, AllUserQueryRequest(isDN=0, grouplist=["Crowd"] * 25))
     with wire.Connection(receive_buffer=4096) as connection:
         connection.send(request)
         crowded.wait_line(text, level="INF")
@@ -274,6 +274,6 @@ def test_large_answer__of_another_kind_ends_a_connection_that_does_not_read(crow
         assert len(closed.value.received) < length
     with wire.Connection() as connection:
         answer = connection.ask(wire.ALL_USERS, AllUserQueryRequest(isDN=0, grouplist=["Crowd"]))
-        assert sorted(answer.groupuserlist[0].userlist) == [f"m{n:06}@corp.test" for n in range(MEMBERS)]
+        assert sorted(answer.groupuserlist[0].userlist) == [f"m{n:06}@corp.test" for n in range(CROWD)]
     crowded.wait_idle()
     assert crowded.stop() == 0

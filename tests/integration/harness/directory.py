@@ -114,15 +114,15 @@ def newcomer(uid="newman"):
     return entry(user_dn(f"New {uid}"), ("objectClass", "user"), ("cn", f"New {uid}"), ("sAMAccountName", uid))
 
 
-def crowd(count):
-    """A directory of so many users, for answers larger than any socket buffer."""
-    return "".join(entry(user_dn(f"Member {number:06}"), ("objectClass", "user"), ("cn", f"Member {number:06}"),
+def crowd(count, padding=""):
+    """A directory of so many users, whose names can be made long."""
+    return "".join(entry(user_dn(f"Member {number:06}{padding}"), ("objectClass", "user"), ("cn", f"Member {number:06}{padding}"),
                          ("sAMAccountName", f"m{number:06}")) for number in range(count))
 
 
-def crowd_group(count):
-    """The group of everybody in crowd(count)."""
-    members = [("member", user_dn(f"Member {number:06}")) for number in range(count)]
+def crowd_group(count, padding=""):
+    """The group of everybody in crowd(count, padding)."""
+    members = [("member", user_dn(f"Member {number:06}{padding}")) for number in range(count)]
     return entry(group_dn("Crowd"), ("objectClass", "group"), ("cn", "Crowd"), *members)
 
 
