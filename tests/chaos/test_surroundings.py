@@ -90,7 +90,10 @@ def clients_say_nothing(daemon):
 
 def clients_read_slowly(daemon):
     question = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0))
-    readers = [wire.Connection(receive_buffer=4096) for _ in range(READERS)]
+    readers = []
+    for _ in range(READERS):  # one after the other: a full queue of new connections would make others wait, too
+        readers.append(one := wire.Connection(receive_buffer=4096))
+        one.query("192.0.2.7")
     for reader in readers:
         reader.send(question)
     time.sleep(SECONDS / 4)
