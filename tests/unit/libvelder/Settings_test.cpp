@@ -8,12 +8,14 @@
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace velder {
 namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::StartsWith;
 
 // Everything that was read, in the order of the documentation.
 std::string text_of(const Settings& settings) {
@@ -152,6 +154,24 @@ TEST_F(SettingsTest, WrongValuesAreNamed) {
     EXPECT_THAT(text, HasSubstr(row.key)) << row.text;
     EXPECT_THAT(text, HasSubstr(row.expected)) << row.text;
   }
+}
+
+TEST_F(SettingsTest, ProblemsOfAllSectionsAreFoundInOneRunWithTheirLines) {
+  load(
+      "[Negotiat]\nKeytab=x\n"                                                           // 1, 2
+      "[Domain_1]\nServers=http://x\nSchema=rfc\n"                                       // 3 to 5
+      "[Domain_2]\nDnsName=a.b\nServers=ldap://x\nConnectTimeout=1\nConnectTimeout=0\n"  // 6 to 10
+      "[Domain_x]\nDnsName=b.c\n[Domain_3]\nDnsName=A.b\nServers=ldap://y\nNetbiosName=B\n");
+  std::vector<std::string> found;
+  for (const SettingsProblem& problem : examine_settings(workdir_).problems)
+    found.push_back((problem.fatal ? "!" : "?") + std::to_string(problem.line) + " " + problem.text);
+  EXPECT_THAT(found,
+              testing::UnorderedElementsAre(
+                  StartsWith("?1 the section [Negotiat] is not known"),
+                  StartsWith("!3 [Domain_1] DnsName is missing"), StartsWith("!4 [Domain_1] Servers is"),
+                  StartsWith("!5 [Domain_1] Schema is"), StartsWith("!10 [Domain_2] ConnectTimeout is \"0\""),
+                  StartsWith("?10 [Domain_2] ConnectTimeout is given again"),
+                  StartsWith("!11 [Domain_x], expected"), StartsWith("!14 [Domain_3] DnsName is \"A.b\"")));
 }
 
 TEST_F(SettingsTest, WhatNobodyReadsIsAWarning) {
