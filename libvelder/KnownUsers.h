@@ -39,8 +39,10 @@ class KnownUsers {
   void keep(std::string_view name, std::shared_ptr<const KeptUser> user);
 
  private:
-  struct Hash : std::hash<std::string_view> {
+  // Not noexcept: a table then keeps the hashes of its names, and need not work them out as it goes along.
+  struct Hash {
     using is_transparent = void;
+    size_t operator()(std::string_view name) const { return std::hash<std::string_view>()(name); }
   };
   using Users = std::unordered_map<std::string, std::shared_ptr<const KeptUser>, Hash, std::equal_to<>>;
 
