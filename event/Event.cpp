@@ -6,11 +6,13 @@
 // when none of them is a removal or comes on top of another registration.
 //
 // A quick callback runs with the lead. Its descriptor, without a registration now, stays in epoll, since
-// nobody waits; the next registration takes the place, or it is taken out before somebody waits again.
+// nobody waits; the next registration takes the place, or it is taken out before somebody waits again. So do
+// descriptors that are left to a work that follows: until then the leader only looks what else is ready, and
+// what it finds without a registration is one of them, which it takes out.
 //
-// Invariant, while a thread waits: a descriptor is in the epoll set only if the table holds a registration of
-// it. Both change only under event_list_mutex. Lock order: epoll_mutex before event_list_mutex. event_add and
-// event_del take only the latter.
+// Invariant, while a thread waits in earnest: a descriptor is in the epoll set only if the table holds a
+// registration of it. Both change only under event_list_mutex. Lock order: epoll_mutex before
+// event_list_mutex. event_add and event_del take only the latter.
 #include "event/Event.h"
 
 #include <fcntl.h>
@@ -18,10 +20,12 @@
 #include <sys/epoll.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cassert>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "brellog/VrLog.h"
@@ -33,6 +37,9 @@ static_assert(EVENT_READ == EPOLLIN && EVENT_WRITE == EPOLLOUT, "the values are 
 namespace {
 
 constexpr int kEventMask = EVENT_READ | EVENT_WRITE;
+// Events that are taken at most while descriptors are left to a work: the first of them waits no longer than
+// these take, and a store is not kept locked for longer than the work for so many takes.
+constexpr size_t kMostEventsBetween = 64;
 constexpr int kEpollSizeHint = 128;  // only has to be positive
 constexpr int kWaitMilliseconds = 30000;
 constexpr int kWakeUpBytes = 4;
@@ -58,11 +65,22 @@ event* pending_active_events GUARDED_BY(event_list_mutex) = nullptr;
 event* pending_inactive_events GUARDED_BY(event_list_mutex) = nullptr;
 bool waiting GUARDED_BY(event_list_mutex) = false;  // a thread is in epoll_wait or about to enter it
 
-// This thread's part in the lead while it runs a callback.
+// A descriptor that is in epoll without a registration.
+struct Fired {
+  int fd = -1;       // -1: none
+  short events = 0;  // what epoll reports of it
+};
+
+// This thread's part in the lead.
 struct Lead {
-  bool held = false;       // it owns epoll_mutex
-  int fired_fd = -1;       // fired and still in epoll; -1: none
-  short fired_events = 0;  // what epoll reports of it
+  bool held = false;            // it owns epoll_mutex
+  Fired fired;                  // of the callback that runs
+  event_work finish = nullptr;  // what descriptors were left to
+  size_t events_between = 0;    // taken since the first was left, with the one that left it
+  // Those that were left and are still in epoll: usually registered again in the order in which they came.
+  std::array<Fired, kMostEventsBetween> left;
+  size_t left_begin = 0;
+  size_t left_end = 0;
 };
 constinit thread_local Lead t_lead;
 
@@ -103,21 +121,42 @@ void take_lead() NO_THREAD_SAFETY_ANALYSIS {
   t_lead.held = true;
 }
 
-void remove_fired() {
-  if (t_lead.fired_fd >= 0) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, t_lead.fired_fd, nullptr);
-  t_lead.fired_fd = -1;
+void remove(Fired& fired) {
+  if (fired.fd >= 0) epoll_ctl(epoll_fd, EPOLL_CTL_DEL, fired.fd, nullptr);
+  fired.fd = -1;
 }
 
-// True when the descriptor of the callback that this thread runs is still in epoll and can stay there for
-// `ev`.
-bool takes_place_of_fired(const event& ev) {
-  if (t_lead.fired_fd < 0 || t_lead.fired_fd != ev.fd) return false;
-  if (((t_lead.fired_events ^ ev.events) & kEventMask) != 0) {
-    remove_fired();
-    return false;
+void remove_left() {
+  for (; t_lead.left_begin < t_lead.left_end; ++t_lead.left_begin) remove(t_lead.left[t_lead.left_begin]);
+  t_lead.left_begin = t_lead.left_end = 0;
+}
+
+// The place in epoll that `fd` has without a registration, no longer among those that were left; fd -1: none.
+Fired take_place(int fd) {
+  if (fd < 0) return {};
+  if (t_lead.fired.fd == fd) return std::exchange(t_lead.fired, {});
+  for (size_t i = t_lead.left_begin; i < t_lead.left_end; ++i) {
+    if (t_lead.left[i].fd != fd) continue;
+    std::swap(t_lead.left[i], t_lead.left[t_lead.left_begin]);
+    return t_lead.left[t_lead.left_begin++];
   }
-  t_lead.fired_fd = -1;
-  return true;
+  return {};
+}
+
+// True when the descriptor of `ev` is still in epoll and can stay there.
+bool takes_place(const event& ev) {
+  Fired place = take_place(ev.fd);
+  if (place.fd < 0) return false;
+  if (((place.events ^ ev.events) & kEventMask) == 0) return true;
+  remove(place);
+  return false;
+}
+
+void finish_left() {
+  const event_work finish = std::exchange(t_lead.finish, nullptr);
+  if (finish == nullptr) return;
+  finish();
+  remove_left();  // of those that were neither registered nor closed
 }
 
 // Takes the registration of a ready descriptor out of the table, and out of epoll unless its callback is
@@ -126,9 +165,8 @@ event take_ready(int fd) REQUIRES(event_list_mutex) {
   event* record = pop(watched_at(fd));
   // Operators know this failure by its place; it must not move with the lines of this file.
   if (record == nullptr) __assert_fail("c != __null", "Event.cpp", 209, "int event_dispatch()");
-  t_lead.fired_fd = fd;
-  t_lead.fired_events = record->events;
-  if (!record->quick) remove_fired();
+  t_lead.fired = {fd, record->events};
+  if (!record->quick) remove(t_lead.fired);
   event ready = *record;
   free(record);
   return ready;
@@ -136,7 +174,7 @@ event take_ready(int fd) REQUIRES(event_list_mutex) {
 
 void watch(event* record) REQUIRES(event_list_mutex) {
   // Registered twice: from here on the place in epoll is this one's.
-  if (record->fd == t_lead.fired_fd) remove_fired();
+  if (Fired place = take_place(record->fd); place.fd >= 0) remove(place);
   epoll_event request{};
   request.events = static_cast<uint32_t>(record->events & kEventMask);
   request.data.fd = record->fd;
@@ -200,6 +238,7 @@ void prepare_wait() {
 // The result of one wait: at most one event is taken, so that the next thread can wait meanwhile.
 struct Wakened {
   bool failed = false;
+  bool nothing_ready = false;
   int count = 0;
   event ready;
 };
@@ -208,15 +247,19 @@ Wakened wait_once() {
   Wakened wakened;
   prepare_wait();
   epoll_event reported{};
-  int count = epoll_wait(epoll_fd, &reported, 1, kWaitMilliseconds);
+  const int patience = t_lead.finish == nullptr ? kWaitMilliseconds : 0;
+  const int count = epoll_wait(epoll_fd, &reported, 1, patience);
   if (count < 0 && errno != EINTR) {
     wakened.failed = true;
     VRLOG_SYS(VrLog::LogStr("Fail to call epoll_wait (%s)", strerror(errno)));
   }
   BRELLock list_guard(event_list_mutex);
   waiting = false;
+  wakened.nothing_ready = count <= 0;
   if (count > 0 && reported.data.fd == sync_sockets[0]) {
     drain_wake_ups();
+  } else if (Fired left = count > 0 ? take_place(reported.data.fd) : Fired{}; left.fd >= 0) {
+    remove(left);  // more has come on it, or its end
   } else if (count > 0) {
     wakened.ready = take_ready(reported.data.fd);
     wakened.count = 1;
@@ -243,10 +286,24 @@ void event_set_quick(event* ev) {
 }
 
 void event_release_lead() NO_THREAD_SAFETY_ANALYSIS {
+  finish_left();  // which may have given it away itself
   if (!t_lead.held) return;
-  remove_fired();
+  event_let_go();
   t_lead.held = false;
   epoll_mutex.Unlock();
+}
+
+bool event_finish_later(event_work finish) {
+  if (!t_lead.held || t_lead.left_end == t_lead.left.size()) return false;
+  if (t_lead.finish == nullptr) t_lead.events_between = 1;
+  t_lead.finish = finish;
+  if (t_lead.fired.fd >= 0) t_lead.left[t_lead.left_end++] = std::exchange(t_lead.fired, {});
+  return true;
+}
+
+void event_let_go() {
+  remove(t_lead.fired);
+  remove_left();
 }
 
 int event_add(event* ev, short persist) {
@@ -255,7 +312,7 @@ int event_add(event* ev, short persist) {
                             "Fail to add invalid events into monitor");
   }
   event* record = new_record(ev, persist);
-  record->in_epoll = takes_place_of_fired(*ev);
+  record->in_epoll = takes_place(*ev);
   if (!record->in_epoll) fcntl(ev->fd, F_SETFL, O_NONBLOCK);
   VRLOG(kLogDebug, "event_add() wake up ...");
   BRELLock list_guard(event_list_mutex);
@@ -290,17 +347,20 @@ int event_init() {
 
 int event_dispatch() {
   for (;;) {
+    if (t_lead.events_between >= kMostEventsBetween) finish_left();
     take_lead();
     Wakened wakened = wait_once();
+    if (wakened.nothing_ready) finish_left();
     if (wakened.failed) {
       event_release_lead();
       poll(nullptr, 0, kFailedWaitPauseMilliseconds);
     }
     if (wakened.count == 0) continue;
+    ++t_lead.events_between;
     event& ready = wakened.ready;
     if (!ready.quick) event_release_lead();
     ready.callback(ready.fd, ready.events, ready.arg);
     if (ready.persist == 1) event_add(&ready, 1);
-    remove_fired();  // of a callback that neither registered it again nor closed it
+    remove(t_lead.fired);  // of a callback that neither registered it again nor closed it
   }
 }

@@ -40,6 +40,20 @@ void event_set_quick(event* ev);
 // effect in other places.
 void event_release_lead();
 
+// Work for several descriptors at once. It registers each again, closes it, or leaves it to another thread.
+using event_work = void (*)();
+
+// Called by a quick callback that leaves its descriptor to `finish`, for work that costs little more for many
+// than for one. True: this thread calls `finish` once for all that were left to it, as soon as nothing else
+// is ready, after a number of further events, and in any case before the lead is given away: also from
+// event_release_lead in another callback. False: the thread does not have the lead; nobody calls `finish`.
+// There is one such work in a process.
+bool event_finish_later(event_work finish);
+
+// Called by a `finish` that keeps the lead before it leaves descriptors to another thread: takes out what is
+// still in epoll of them.
+void event_let_go();
+
 // Registers a copy of `ev` and makes its descriptor non-blocking. The result says nothing that a caller
 // could act on.
 int event_add(event* ev, short persist);

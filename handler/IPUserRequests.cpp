@@ -6,9 +6,11 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "brellog/VrLog.h"
 #include "cache/Cache.h"
+#include "handler/BindingChanges.h"
 #include "handler/EventHandler.h"
 #include "handler/HandlerInternal.h"
 #include "handler/WmiExchange.h"
@@ -20,19 +22,6 @@ constexpr int kQueryLifetime = 86400;  // seconds
 // An address that was just asked about is answered from the cache for this long, without asking the agent.
 constexpr int kAuthPlaceholderLifetime = 120;
 constexpr const char* kGuestUser = "Proxy_guest_user";  // the proxy's guest account: not in any directory
-
-QuickWork g_changes;  // of the bindings
-
-// Changes the bindings. Others get the lead before a wait that can be foreseen.
-template <class Change>
-int change_bindings(Change change) {
-  if (CacheWrapper::change_would_wait()) event_release_lead();
-  return g_changes.run(change);
-}
-
-void drop_cached_query(const char* ip) {
-  Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, nullptr, 0);
-}
 
 // The tag before a text or a message in serialised form.
 constexpr uint32_t tag_of(int field) {
@@ -138,27 +127,14 @@ Outcome answer_then_ask_agent(const Frame& frame, wmi_auth_task* task) {
 Outcome handle_ip_bind(Frame& frame) {
   Velder::IPUserBindRequest request;
   if (!parse_request(frame, &request)) return Outcome::kClose;
-
-  const char* ip = whole_text(request.ip());
-  Velder::IPUserBindResponse response;
-  response.set_result(
-      change_bindings([&] { return CacheWrapper::update_cache_item(ip, request.user_ln()); }));
-  drop_cached_query(ip);
-  VRLOG(kLogDebug, "IP_USER_BIND_REQUEST, ip(%s)->user(%s), rc(%d)", request.ip().c_str(),
-        request.user_ln().c_str(), response.result());
-  return reply(frame, response);
+  return change_binding(
+      {frame.fd, frame.type, std::move(*request.mutable_ip()), std::move(*request.mutable_user_ln())});
 }
 
 Outcome handle_ip_unbind(Frame& frame) {
   Velder::IPUserUnBindRequest request;
   if (!parse_request(frame, &request)) return Outcome::kClose;
-
-  const char* ip = whole_text(request.ip());
-  Velder::IPUserUnBindResponse response;
-  response.set_result(change_bindings([&] { return CacheWrapper::delete_cache_item(ip); }));
-  drop_cached_query(ip);
-  VRLOG(kLogDebug, "IP_USER_UNBIND_REQUEST, ip(%s), rc(%d)", request.ip().c_str(), response.result());
-  return reply(frame, response);
+  return change_binding({frame.fd, frame.type, std::move(*request.mutable_ip()), {}});
 }
 
 Outcome handle_ip_query(Frame& frame) {

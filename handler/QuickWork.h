@@ -13,12 +13,15 @@ class QuickWork {
  public:
   template <class Work>
   auto run(Work work) {
-    if (waited_.load(std::memory_order_relaxed)) event_release_lead();
+    if (waited()) event_release_lead();
     const auto start = std::chrono::steady_clock::now();
     const auto result = work();
     waited_.store(std::chrono::steady_clock::now() - start > kQuick, std::memory_order_relaxed);
     return result;
   }
+
+  // Whether the work before had to wait.
+  bool waited() const { return waited_.load(std::memory_order_relaxed); }
 
  private:
   // Some twenty requests are answered in that time.

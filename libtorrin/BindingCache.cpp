@@ -9,6 +9,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <vector>
 
 #include "brellog/VrLog.h"
 #include "libtorrin/Address.h"
@@ -142,21 +143,41 @@ int BindingCache::query(const char* ip, std::string& user, long& expire) {
 }
 
 int BindingCache::update(const char* ip, const std::string& user) {
-  const auto key = parse_address(ip);
-  if (!key || !is_valid_user(user)) return kCacheRefused;
-  RecordBuffer record;
-  encode_record(expiry_from(surroundings_.clock()), user, record);
-  return to_result(store_.put(*key, record));
+  IPUserChange one{ip, &user};
+  change({&one, 1});
+  return one.result;
 }
 
 int BindingCache::remove(const char* ip) {
-  const auto key = parse_address(ip);
-  if (!key) return kCacheRefused;
-  // Most unbinds of nothing end here, without waiting for a writer.
-  RecordBuffer record;
-  const StoreResult found = store_.get(*key, record);
-  if (found != StoreResult::kDone) return to_result(found);
-  return to_result(store_.remove(*key, surroundings_.clock()));
+  IPUserChange one{ip, nullptr};
+  change({&one, 1});
+  return one.result;
+}
+
+void BindingCache::change(std::span<IPUserChange> changes) {
+  const int64_t now = surroundings_.clock();
+  std::vector<StoreChange> prepared;
+  prepared.reserve(changes.size());
+  for (IPUserChange& change : changes) {
+    const auto key = parse_address(change.ip);
+    change.result = kCacheRefused;
+    if (!key || (change.user != nullptr && !is_valid_user(*change.user))) continue;
+    change.result = kCacheSuccess;
+    if (change.user != nullptr) {
+      prepared.push_back({*key, expiry_from(now), *change.user});
+      continue;
+    }
+    // Most unbinds of nothing end here, without waiting for a writer.
+    RecordBuffer record;
+    if (prepared.empty()) change.result = to_result(store_.get(*key, record));
+    if (change.result == kCacheSuccess) prepared.push_back({*key, 0, {}});
+  }
+  if (prepared.empty()) return;
+  store_.change(prepared, now);
+  auto made = prepared.begin();
+  for (IPUserChange& change : changes) {
+    if (change.result == kCacheSuccess) change.result = to_result((made++)->result);
+  }
 }
 
 bool BindingCache::export_to(const std::string& path) {

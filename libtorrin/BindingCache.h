@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <memory>
+#include <span>
 #include <string>
 
+#include "libtorrin/IPUserCacheModule.h"
 #include "libtorrin/Maintenance.h"
 #include "libtorrin/Recovery.h"
 #include "libtorrin/Settings.h"
@@ -36,6 +38,7 @@ class BindingCache {
   int query(const char* ip, std::string& user, long& expire);
   int update(const char* ip, const std::string& user);
   int remove(const char* ip);
+  void change(std::span<IPUserChange> changes);
   bool change_would_wait() { return store_.change_would_wait(); }
   bool export_to(const std::string& path);
   int flush() const;

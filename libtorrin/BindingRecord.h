@@ -44,14 +44,17 @@ inline bool is_live(int64_t expiry, int64_t now) {
   return expiry == kNeverExpires || now < expiry;
 }
 
-// `user` must be valid and `expiry` not negative.
-inline void encode_record(int64_t expiry, std::string_view user, RecordBuffer& out) {
-  out.bytes[0] = static_cast<char>(kRecordFormat);
+inline size_t record_bytes(std::string_view user) {
+  return kUserOffset + user.size();
+}
+
+// Fills record_bytes(user) bytes. `user` must be valid and `expiry` not negative.
+inline void encode_record(int64_t expiry, std::string_view user, char* out) {
+  out[0] = static_cast<char>(kRecordFormat);
   for (size_t i = 0; i < sizeof(expiry); ++i) {
-    out.bytes[kExpiryOffset + i] = static_cast<char>(static_cast<uint64_t>(expiry) >> (56 - 8 * i));
+    out[kExpiryOffset + i] = static_cast<char>(static_cast<uint64_t>(expiry) >> (56 - 8 * i));
   }
-  user.copy(out.bytes.data() + kUserOffset, user.size());
-  out.size = kUserOffset + user.size();
+  user.copy(out + kUserOffset, user.size());
 }
 
 // Empty for bytes that are no record of this format.

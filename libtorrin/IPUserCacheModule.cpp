@@ -25,6 +25,10 @@ int IPUserCacheModule::delete_cache_item(const char* ip) {
   return cache_->remove(ip);
 }
 
+void IPUserCacheModule::change_cache_items(std::span<IPUserChange> changes) {
+  cache_->change(changes);
+}
+
 bool IPUserCacheModule::change_would_wait() {
   return cache_->change_would_wait();
 }

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 
 namespace torrin {
@@ -20,6 +21,12 @@ enum IPUserCacheResult : int {
   kCacheNotFound = 1,      // not bound, or the binding has expired
   kCacheRefused = -1,      // not an IPv4 or IPv6 address; an empty or over-long user
   kCacheStoreFailed = -2,  // the store failed; one log line says why
+};
+
+struct IPUserChange {
+  const char* ip;
+  const std::string* user;  // null: the binding is removed
+  int result = 0;           // of the change alone, set by the call
 };
 
 class IPUserCacheModule {
@@ -45,7 +52,11 @@ class IPUserCacheModule {
   // Removes the binding; 1 when there was none.
   int delete_cache_item(const char* ip);
 
-  // True when one of the two calls above would probably wait now: for the disk, or for another thread or
+  // Several of the two above in their order, at little more than the cost of one: what is written to the
+  // file or flushed to the disk is so once for all. All of them are seen at the same moment.
+  void change_cache_items(std::span<IPUserChange> changes);
+
+  // True when one of the calls above would probably wait now: for the disk, or for another thread or
   // process that is in the middle of a change. False is no promise.
   bool change_would_wait();
 

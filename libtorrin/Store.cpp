@@ -118,6 +118,23 @@ int find_live(MDB_txn* txn, MDB_dbi dbi, const AddressKey& key, int64_t now, boo
   return 0;
 }
 
+int make(MDB_txn* txn, MDB_dbi dbi, StoreChange& change, int64_t now) {
+  MDB_val name = to_val(change.key);
+  if (change.user.empty()) {
+    bool live = false;
+    int error = find_live(txn, dbi, change.key, now, live);
+    if (error == 0) error = mdb_del(txn, dbi, &name, nullptr);
+    change.result = live ? StoreResult::kDone : StoreResult::kMissing;
+    return error == MDB_NOTFOUND ? 0 : error;
+  }
+  MDB_val value{record_bytes(change.user), nullptr};
+  const int error = mdb_put(txn, dbi, &name, &value, MDB_RESERVE);
+  if (error != 0) return error;
+  encode_record(change.expiry, change.user, static_cast<char*>(value.mv_data));
+  change.result = StoreResult::kDone;
+  return 0;
+}
+
 }  // namespace
 
 void ThreadReader::release() {
@@ -330,25 +347,24 @@ StoreResult Store::get(const AddressKey& key, RecordBuffer& out) {
   return failed(read_failures_, "read", error);
 }
 
-StoreResult Store::put(const AddressKey& key, const RecordBuffer& record) {
-  const int error = write([&](MDB_txn* txn) {
-    MDB_val name = to_val(key);
-    MDB_val value{record.size, const_cast<char*>(record.bytes.data())};
-    return mdb_put(txn, dbi_, &name, &value, 0);
+int Store::change_together(std::span<StoreChange> changes, int64_t now) {
+  return write([&](MDB_txn* txn) {
+    for (StoreChange& change : changes) {
+      const int error = make(txn, dbi_, change, now);
+      if (error != 0) return error;
+    }
+    return 0;
   });
-  return error == 0 ? StoreResult::kDone : failed(write_failures_, "store a binding", error);
 }
 
-StoreResult Store::remove(const AddressKey& key, int64_t now) {
-  bool live = false;
-  const int error = write([&](MDB_txn* txn) {
-    MDB_val name = to_val(key);
-    const int found = find_live(txn, dbi_, key, now, live);
-    return found != 0 ? found : mdb_del(txn, dbi_, &name, nullptr);
-  });
-  if (error == 0) return live ? StoreResult::kDone : StoreResult::kMissing;
-  if (error == MDB_NOTFOUND) return StoreResult::kMissing;
-  return failed(write_failures_, "remove a binding", error);
+void Store::change(std::span<StoreChange> changes, int64_t now) {
+  const int error = change_together(changes, now);
+  if (error == 0) return;
+  if (changes.size() == 1) {
+    changes.front().result = failed(write_failures_, "change a binding", error);
+  } else {
+    for (size_t i = 0; i < changes.size(); ++i) change(changes.subspan(i, 1), now);
+  }
 }
 
 bool Store::change_would_wait() {

@@ -48,6 +48,14 @@ enum class StoreResult {
   kFailed,  // logged
 };
 
+struct StoreChange {
+  AddressKey key;
+  int64_t expiry = 0;
+  std::string_view user;  // valid, or empty: the binding is removed
+  // Set by the call. kMissing when there was nothing to remove, or only what had expired.
+  StoreResult result = StoreResult::kFailed;
+};
+
 struct OpenError {
   bool damaged;  // the file itself is wrong: another one may do
   std::string text;
@@ -68,11 +76,9 @@ class Store {
   void close();
 
   StoreResult get(const AddressKey& key, RecordBuffer& out);
-  // With Durable the record is on the disk when this returns kDone.
-  StoreResult put(const AddressKey& key, const RecordBuffer& record);
-  // kMissing when there was nothing under the key or only a record that `now` finds expired.
-  StoreResult remove(const AddressKey& key, int64_t now);
-
+  // Makes the changes in their order and in one write transaction, unless that fails: then each by itself, so
+  // that one that finds no room does not take the others along. With Durable they are on the disk afterwards.
+  void change(std::span<StoreChange> changes, int64_t now);
   // True when a change begun now would probably wait: for the disk, or for a writer that does not come to an
   // end. Waits itself only for the short while that a writer usually takes.
   bool change_would_wait();
@@ -106,6 +112,7 @@ class Store {
   int begin_write(MDB_txn*& txn);
   template <typename Work>
   int write(const Work& work);
+  int change_together(std::span<StoreChange> changes, int64_t now);
   StoreResult failed(LogLimiter& limiter, const char* what, int error);
 
   StoreOptions options_;

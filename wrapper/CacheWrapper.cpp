@@ -18,6 +18,10 @@ int CacheWrapper::delete_cache_item(const char* ip) {
   return cache.delete_cache_item(ip);
 }
 
+void CacheWrapper::change_cache_items(std::span<IPUserChange> changes) {
+  cache.change_cache_items(changes);
+}
+
 bool CacheWrapper::change_would_wait() {
   return cache.change_would_wait();
 }

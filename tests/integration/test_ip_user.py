@@ -3,6 +3,7 @@
 import os
 import re
 import select
+import signal
 import subprocess
 import sys
 import time
@@ -14,6 +15,7 @@ from harness.daemon import log_lines, write_file
 
 GUEST = "Proxy_guest_user"
 REFUSED, NOT_FOUND = -1, 1
+STORE = f"{sandbox.WORKDIR}/ip_user_cache/bindings.mdb"
 
 
 @pytest.fixture
@@ -142,16 +144,15 @@ sys.stdin.read()
 
 def test_bind__waits_for_another_writer_and_holds_up_nobody(daemon):
     daemon.start("--process-num", "1", workers=1, files=directory.files())
-    asker, *binders = [wire.Connection() for _ in range(9)]
+    asker, *binders = [wire.Connection() for _ in range(20)]
     binding = wire.frame(wire.IP_BIND, wire.pb.IPUserBindRequest(ip="10.3.10.1", user_ln="CORP\\alice"))
     for binder in binders:
         binder.query("10.3.10.1")
     assert asker.user_info("alice").result == 0  # from the reply cache from here on
-    store = f"{sandbox.WORKDIR}/ip_user_cache/bindings.mdb"
-    with subprocess.Popen([sys.executable, "-c", HOLDER, store], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
+    with subprocess.Popen([sys.executable, "-c", HOLDER, STORE], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
         assert holder.stdout.readline() == b"held\n"
         begin = time.monotonic()
-        for binder in binders:  # the first change that this worker ever makes
+        for binder in binders:  # more than there are threads, and the first of this worker
             binder.send(binding)
         slowest = 0
         while (now := time.monotonic()) < begin + 1.5:
@@ -167,6 +168,40 @@ def test_bind__waits_for_another_writer_and_holds_up_nobody(daemon):
     for one in (asker, *binders):
         one.close()
     assert daemon.stop() == 0
+
+
+def transactions(store):
+    """How many times the store was written to, from the newer of its two first pages."""
+    with open(store, "rb") as file:
+        pages = file.read(8192)
+    return max(int.from_bytes(pages[start + 144:start + 152], "little") for start in (0, 4096))
+
+
+def test_bind__many_that_come_together_are_made_together(daemon):
+    daemon.start("--process-num", "1", workers=1, files=directory.files())
+    connections = [wire.Connection() for _ in range(50)]
+    answered, gone = connections[:40], connections[40:]
+    for connection in connections:
+        assert connection.query("10.3.11.1").result == NOT_FOUND
+    (worker,) = daemon.workers()
+    before = transactions(STORE)
+    os.kill(worker, signal.SIGSTOP)
+    for number, connection in enumerate(connections):
+        binding = wire.pb.IPUserBindRequest(ip=f"10.3.11.{number}", user_ln=f"CORP\\user{number}")
+        connection.send(wire.frame(wire.IP_BIND, binding))
+    for connection in gone:
+        connection.reset()
+    os.kill(worker, signal.SIGCONT)
+    for number, connection in enumerate(answered):
+        assert connection.receive_answer(wire.IP_BIND).result == 0
+        assert connection.bound_user(f"10.3.11.{number}") == f"CORP\\user{number}"
+        assert connection.unbind(f"10.3.11.{number}") == 0
+        assert connection.bound_user(f"10.3.11.{number}") is None
+    spent = transactions(STORE) - before - len(answered)
+    assert 0 < spent <= 20, f"{spent} transactions for the binds of {len(connections)} clients"
+    for connection in connections:
+        connection.close()
+    daemon.kill_everything()  # a worker that was stopped for a while is taken for dead: no clean end would reach it
 
 
 def test_export__holds_the_bindings_and_survives_a_full_disk(daemon):

@@ -13,6 +13,7 @@
 #include <memory>
 #include <mutex>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "brellog/VrLog.h"
@@ -387,6 +388,109 @@ TEST(EventDeathTest, ChangesOfOneCallbackAreMadeInTheirOrder) {
     for (bool quick : {false, true}) {
       EXPECT_EXIT(run_script(callback, quick), testing::ExitedWithCode(0), expected);
     }
+  }
+}
+
+// What is left to a work, by a quick callback whose descriptor stays ready all the time.
+std::vector<std::pair<int, void*>> g_left;
+constexpr size_t kMostBetween = 64;
+
+void note_again(int fd, short /*events*/, void* arg) {
+  g_script->served += static_cast<const char*>(arg);
+  if (fd != g_script->pairs[3].fd()) return;
+  fprintf(stderr, "served: %s\n", g_script->served.c_str());
+  _exit(0);
+}
+
+void finish_left() {
+  g_script->served += "|";
+  for (const auto& [fd, name] : std::exchange(g_left, {})) {
+    event ev;
+    event_set(&ev, fd, EVENT_READ, note_again, name);
+    event_add(&ev, 0);
+  }
+}
+
+void finish_left_without_lead() {
+  event_release_lead();
+  finish_left();
+}
+
+void leave(int fd, void* arg, event_work finish) {
+  g_script->served += static_cast<const char*>(arg);
+  g_left.emplace_back(fd, arg);
+  if (!event_finish_later(finish)) g_script->served += "!";
+}
+
+void leave_it(int fd, short /*events*/, void* arg) {
+  leave(fd, arg, finish_left);
+}
+
+void leave_it_without_lead(int fd, short /*events*/, void* arg) {
+  leave(fd, arg, finish_left_without_lead);
+}
+
+void release_lead_first(int /*fd*/, short /*events*/, void* arg) {
+  g_script->served += static_cast<const char*>(arg);
+  event_release_lead();
+  g_script->served += ".";
+}
+
+void come_again(int fd, short /*events*/, void* arg) {
+  static size_t calls = 0;
+  if (++calls > kMostBetween) _exit(2);
+  event ev;
+  event_set(&ev, fd, EVENT_READ, come_again, arg);
+  event_set_quick(&ev);
+  event_add(&ev, 0);
+}
+
+void watch_quick(size_t pair, const char* name, event_callback callback) {
+  event ev;
+  event_set(&ev, g_script->pairs[pair].fd(), EVENT_READ, callback, const_cast<char*>(name));
+  event_set_quick(&ev);
+  event_add(&ev, 0);
+}
+
+void watch_three(event_callback callback) {
+  watch_quick(1, "1", callback);
+  watch_quick(2, "2", callback);
+  watch_quick(3, "3", callback);
+}
+
+void leave_three(int /*fd*/, short /*events*/, void* /*arg*/) {
+  watch_three(leave_it);
+}
+
+void leave_three_without_lead(int /*fd*/, short /*events*/, void* /*arg*/) {
+  watch_three(leave_it_without_lead);
+}
+
+void leave_two_before_a_release(int /*fd*/, short /*events*/, void* /*arg*/) {
+  watch_quick(1, "1", release_lead_first);
+  watch_quick(2, "2", leave_it);
+  watch_quick(3, "3", leave_it);
+}
+
+void leave_one_beside_a_busy_one(int /*fd*/, short /*events*/, void* /*arg*/) {
+  watch_quick(1, "1", come_again);
+  watch_quick(3, "3", leave_it);
+}
+
+TEST(EventDeathTest, WorkForSeveralDescriptorsIsDoneOnceAndInTime) {
+  testing::FLAGS_gtest_death_test_style = "threadsafe";
+  struct {
+    event_callback callback;
+    const char* expected;
+  } const cases[] = {
+      // All are ready again at once; none is served before it was registered again.
+      {leave_three, "served: 321\\|123\n"},
+      {leave_three_without_lead, "served: 321\\|123\n"},
+      {leave_two_before_a_release, "served: 321\\|\\.2?3\n"},
+      {leave_one_beside_a_busy_one, "served: 3\\|3\n"},
+  };
+  for (const auto& [callback, expected] : cases) {
+    EXPECT_EXIT(run_script(callback, false), testing::ExitedWithCode(0), expected);
   }
 }
 

@@ -42,7 +42,8 @@ TEST(Address, AnythingElseIsRefused) {
 
 TEST(BindingRecord, BytesAreAsDocumentedAndHostileOnesRefused) {
   torrin::RecordBuffer record;
-  torrin::encode_record(0x0102030405060708, "a\0b", record);  // the literal ends at its first NUL
+  record.size = torrin::record_bytes("a");
+  torrin::encode_record(0x0102030405060708, "a", record.bytes.data());
   EXPECT_EQ(record.view(), std::string_view("\1\1\2\3\4\5\6\7\10a", 10));
   const auto decoded = torrin::decode_record(record.view());
   ASSERT_TRUE(decoded);

@@ -82,13 +82,11 @@ TEST_F(BindingCacheTest, ARecordRenewedAfterTheScanSurvivesTheRemoval) {
   ASSERT_TRUE(store.open({path, false, size_t{1} << 20}, nullptr));
   const auto old_key = *torrin::parse_address("::1");
   const auto renewed_key = *torrin::parse_address("::2");
-  torrin::RecordBuffer record;
-  torrin::encode_record(100, "old", record);
-  store.put(old_key, record);
-  torrin::encode_record(200, "renewed", record);
-  store.put(renewed_key, record);
+  torrin::StoreChange binds[] = {{old_key, 100, "old"}, {renewed_key, 200, "renewed"}};
+  store.change(binds, 0);
   const std::vector<torrin::AddressKey> scanned = {old_key, renewed_key, *torrin::parse_address("::3")};
   EXPECT_EQ(store.remove_expired(scanned, 100), 1);
+  torrin::RecordBuffer record;
   EXPECT_EQ(store.get(old_key, record), torrin::StoreResult::kMissing);
   EXPECT_EQ(store.get(renewed_key, record), torrin::StoreResult::kDone);
   store.close();
@@ -156,6 +154,47 @@ TEST_F(BindingCacheTest, AFullMapFailsBindsOnceInTheLogAndLookUpsGoOn) {
     const std::string ip = "10.2." + std::to_string(i / 256) + "." + std::to_string(i % 256);
     ASSERT_EQ(lookup(ip), std::string(500, 'u'));
   }
+}
+
+TEST_F(BindingCacheTest, ChangesMadeTogetherHaveAResultEachInTheirOrder) {
+  ASSERT_EQ(start(), 0);
+  bind("::1", "before");
+  const std::string user = "together";
+  const std::string none;
+  struct {
+    IPUserChange change;
+    int result;
+  } const rows[] = {
+      {{"::9", nullptr}, 1}, {{"::1", nullptr}, 0}, {{"::1", nullptr}, 1}, {{"nowhere", &user}, -1},
+      {{"::2", &user}, 0},   {{"::2", nullptr}, 0}, {{"::3", &none}, -1},  {{"::1", &user}, 0},
+      {{"::4", &user}, 0},   {{"::9", nullptr}, 1}, {{"::2", nullptr}, 1},
+  };
+  std::vector<IPUserChange> changes;
+  for (const auto& row : rows) changes.push_back(row.change);
+  cache_->change(changes);
+  for (size_t i = 0; i < changes.size(); ++i) EXPECT_EQ(changes[i].result, rows[i].result) << i;
+  EXPECT_EQ(lookup("::1") + lookup("::2") + lookup("::3") + lookup("::4"), user + "<1><1>" + user);
+}
+
+TEST_F(BindingCacheTest, AChangeThatFindsNoRoomDoesNotTakeOthersAlong) {
+  map_bytes_ = size_t{256} << 10;
+  ASSERT_EQ(start(), 0);
+  forget_log();
+  const std::string user(500, 'u');
+  std::vector<std::string> addresses;
+  for (int i = 0; i < 600; ++i)
+    addresses.push_back("10.2." + std::to_string(i / 256) + "." + std::to_string(i % 256));
+  std::vector<IPUserChange> changes;
+  for (const std::string& address : addresses) changes.push_back({address.c_str(), &user});
+  cache_->change(changes);
+  size_t stored = 0;
+  for (size_t i = 0; i < changes.size(); ++i) {
+    ASSERT_EQ(lookup(addresses[i]), changes[i].result == 0 ? user : "<1>") << changes[i].result;
+    if (changes[i].result == 0) ++stored;
+  }
+  EXPECT_GT(stored, 50u);
+  EXPECT_LT(stored, 600u);
+  EXPECT_EQ(new_lines("ERR"), 1);
 }
 
 TEST_F(BindingCacheTest, CallsBeforeInitializeFailWithoutHarm) {

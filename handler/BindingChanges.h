@@ -1,0 +1,19 @@
+// Binds and unbinds of many clients, made together: a change of the store costs mostly what is written once
+// for all changes of one transaction (pages from the leaf to the root, the list of free pages; with Durable
+// the wait for the disk). A client is answered after the transaction that holds its change.
+#pragma once
+
+#include <string>
+
+#include "handler/HandlerInternal.h"
+
+// A bind or unbind that was asked for.
+struct BindingChange {
+  int fd;
+  int type;          // of the request
+  std::string ip;    // as they came
+  std::string user;  // empty for an unbind
+};
+
+// Makes the change soon, answers it, and registers or closes its connection: kHandedOver.
+Outcome change_binding(BindingChange change);
