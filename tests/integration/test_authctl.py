@@ -107,3 +107,8 @@ def test_server__that_cannot_be_reached(served, server, status):
     code, out, errors = authctl("--server", server, "user-info", "alice", "--timeout", "5")
     assert (code, out) == (status, "")
     assert errors.startswith("authctl: ") and errors.count("\n") == 1
+
+
+def test_ntlm__message_that_is_none_is_refused(served):
+    code, out, errors = authctl("ntlm", given="!!!\n")
+    assert (code, out) == (OTHER, "") and "result -1" in errors, errors

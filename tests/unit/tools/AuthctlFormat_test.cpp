@@ -76,6 +76,17 @@ TEST(AuthctlFormat, TimesAreLocalWithTheNumber) {
   tzset();
 }
 
+TEST(AuthctlFormat, TheSameCodeMeansWhatItsSourceMeans) {
+  EXPECT_EQ(result_words(Family::kDirectory, 1), "the directory look-up failed");
+  EXPECT_EQ(result_words(Family::kBinding, 1), "no binding for this address");
+  EXPECT_NE(result_words(Family::kAgent, -1), result_words(Family::kPassword, -1));
+  for (const Family family : {Family::kDirectory, Family::kPassword, Family::kAgent}) {
+    for (const int code : {4, 32, 49, 81, 85, -1, -2})
+      EXPECT_FALSE(result_words(family, code).empty()) << code;
+  }
+  EXPECT_EQ(result_words(Family::kDirectory, 7777), "");
+}
+
 TEST(AuthctlFormat, EveryMessageHasAJsonFormOnOneLine) {
   Velder::IPUserQueryResponse answer;
   answer.set_result(0);
