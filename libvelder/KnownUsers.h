@@ -29,8 +29,9 @@ struct KeptUser : KnownUser {
 // a client fill the table with one user.
 class KnownUsers {
  public:
-  // Some 10,000 users with a dozen groups.
-  static constexpr size_t kMostBytes = size_t{16} << 20;
+  // Some 2,500 users with a dozen groups. When many more are asked for in turns the process takes a few times
+  // as much: each thread's heap keeps the room of what that thread once had made.
+  static constexpr size_t kMostBytes = size_t{4} << 20;
 
   explicit KnownUsers(size_t most_bytes = kMostBytes);
 
