@@ -71,7 +71,7 @@ coverage: ## Runs all tests and tells which lines of ours none of them reached, 
 	@$(CONFIGURE) build/coverage -DBUILD_TESTS=ON -DCOVERAGE=ON -DCMAKE_BUILD_TYPE=Debug
 	@$(COMPILE) build/coverage
 	@find build/coverage -name '*.gcno' | sed 's/gcno$$/gcda/' | while read -r file; do : >"$$file" && chmod 666 "$$file"; done
-	@GCOV_ERROR_FILE=/dev/null $(TEST) build/coverage; failed=$$?; sh tests/coverage/report.sh build/coverage; exit $$failed
+	@AUTHD_COVERAGE=1 GCOV_ERROR_FILE=/dev/null $(TEST) build/coverage; failed=$$?; sh tests/coverage/report.sh build/coverage; exit $$failed
 
 chaos: ## Makes the daemon's surroundings fail for CHAOS_SECONDS in each test (default 30), a million requests
 	@$(INSTALL) build test
