@@ -6,10 +6,14 @@
 #include <array>
 
 #include "libvelder/Fold.h"
+#include "libvelder/LongWork.h"
 #include "libvelder/SnapshotInternal.h"
 
 namespace velder {
 namespace {
+
+// To read so many takes a tenth of a millisecond, and nobody knows how many follow.
+constexpr size_t kManyIds = 500;
 
 enum Query : size_t {
   kUsersByIdentity,
@@ -123,7 +127,10 @@ struct SnapshotReader::Statements {
 
   template <class Bind>
   void collect(Query query, std::optional<Error>& failure, std::vector<EntryId>& ids, Bind bind) {
-    run(query, failure, bind, [&](Statement& row) { ids.push_back(row.number(0)); });
+    run(query, failure, bind, [&](Statement& row) {
+      ids.push_back(row.number(0));
+      if (ids.size() == kManyIds) before_long_work();
+    });
   }
 };
 

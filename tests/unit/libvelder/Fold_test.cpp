@@ -50,6 +50,17 @@ TEST(Fold, DifferentTextsStayDifferent) {
   for (const auto& [one, other] : cases) EXPECT_NE(fold_text(one), fold_text(other)) << one;
 }
 
+// Four million of them: when their order is found by exchanging neighbours, this takes days.
+TEST(Fold, ManyMarksAreOrderedInTime) {
+  std::string mixed = "u", ordered = "u";
+  for (int i = 0; i < (1 << 20); ++i) mixed += "\xcc\x81\xcc\x95";  // above, then above to the right
+  for (int i = 0; i < (1 << 20); ++i) mixed += "\xcc\xa3\xcc\xb4";  // below, then through the middle
+  for (const char* mark : {"\xcc\xb4", "\xcc\xa3", "\xcc\x81", "\xcc\x95"}) {
+    for (int i = 0; i < (1 << 20); ++i) ordered += mark;
+  }
+  EXPECT_TRUE(fold_text(mixed) == fold_text(ordered));
+}
+
 TEST(Fold, TellsUtf8FromOtherBytes) {
   for (const std::string& text : {""s, "ann"s, "\xc3\xa4"s, "\xf0\x9f\x94\x91"s, "a\0b"s}) {
     EXPECT_TRUE(is_utf8(text)) << text;

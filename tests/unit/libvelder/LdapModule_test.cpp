@@ -241,6 +241,9 @@ TEST_F(LdapModuleTest, LongWorkIsAnnouncedAndNothingElseIs) {
   for (int i = 0; i < 501; ++i) {
     more += "\ndn: cn=g" + std::to_string(i) + ",dc=x\nobjectClass: group\ncn: g\n";
   }
+  for (int i = 0; i < 501; ++i) {
+    more += "\ndn: cn=same" + std::to_string(i) + ",dc=x\nobjectClass: user\ncn: same\nuid: same\n";
+  }
   write("directory.ldif", kSampleLdif + more);
   ASSERT_EQ(initialize(), 0);
   EXPECT_TRUE(ask("zoe")) << "the snapshot was to be opened";
@@ -248,6 +251,7 @@ TEST_F(LdapModuleTest, LongWorkIsAnnouncedAndNothingElseIs) {
   EXPECT_FALSE(check("zoe") || check("nobody") || list("zoe"));
   EXPECT_TRUE(check("crypt"));
   EXPECT_TRUE(check("many"));
+  EXPECT_TRUE(ask("same")) << "all of that name are looked at";
   for (int round = 0; round < 2; ++round) EXPECT_TRUE(list("well-known")) << "too many groups to be kept";
   EXPECT_FALSE(ask("well-known"));
   const std::string listed = groups_of("well-known");
