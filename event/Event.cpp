@@ -187,6 +187,7 @@ void watch(event* record) REQUIRES(event_list_mutex) {
 // argument through a callback that is running.
 void unwatch(const event* request) REQUIRES(event_list_mutex) {
   epoll_ctl(epoll_fd, EPOLL_CTL_DEL, request->fd, nullptr);
+  take_place(request->fd);  // gone as well, if it was left to a work
   if (pop(watched_at(request->fd)) == nullptr) VRLOG(kLogError, "fail to find register event");
 }
 
