@@ -24,6 +24,9 @@ using Batch = std::vector<BindingChange>;
 
 // Of one transaction of the line: other processes wait for no more, and one flush of the disk serves so many.
 constexpr size_t kMostTogether = 256;
+// More than there are clients that wait. What nobody waits for comes from clients that were answered already
+// and can ask for more without end: beyond that they wait for the store themselves.
+constexpr size_t kLongestLine = 100'000;
 constexpr uint32_t kLineWaitMilliseconds = 30000;  // any: a change wakes the thread
 
 QuickWork g_pace;
@@ -42,6 +45,7 @@ const Immortal<Line> g_line;
 thread_local Batch t_gathered;
 
 void answer(const BindingChange& change, int result) {
+  if (change.fd < 0) return;
   VrLogContext::setCurrentThreadTag(change.fd);
   Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, whole_text(change.ip), nullptr, 0);
   int sent = 0;
@@ -127,10 +131,10 @@ bool would_wait(Line& line) {
   return g_pace.waited() || CacheWrapper::change_would_wait();
 }
 
-// False, and nothing done, when there is no thread to be had.
+// False, and nothing done, when there is no thread to be had or the line is too long.
 bool join(Line& line, Batch& batch) {
   const BRELLock guard(line.mutex);
-  if (!ensure_thread(line)) return false;
+  if (line.waiting.size() >= kLongestLine || !ensure_thread(line)) return false;
   event_let_go();  // before the thread may answer
   line.waiting.insert(line.waiting.end(), std::make_move_iterator(batch.begin()),
                       std::make_move_iterator(batch.end()));

@@ -9,11 +9,11 @@
 
 // A bind or unbind that was asked for.
 struct BindingChange {
-  int fd;
+  int fd;            // -1: nobody waits for an answer
   int type;          // of the request
   std::string ip;    // as they came
   std::string user;  // empty for an unbind
 };
 
-// Makes the change soon, answers it, and registers or closes its connection: kHandedOver.
+// Makes the change soon, answers it, and registers or closes its connection, if it has one: kHandedOver.
 Outcome change_binding(BindingChange change);

@@ -14,6 +14,7 @@
 #include <cstring>
 
 #include "brellog/VrLog.h"
+#include "handler/BindingChanges.h"
 #include "handler/EventHandler.h"
 #include "handler/HandlerInternal.h"
 #include "wrapper/CacheWrapper.h"
@@ -68,9 +69,13 @@ Step send_question(wmi_auth_task& task) {
 // Binds the address and, for a client that waits, looks the account up.
 void use_account(const wmi_auth_task& task, const std::string& account, Velder::IPAuthResponse* response) {
   VRLOG(kLogDebug, "transparent_auth_handler(): account = (%s)", account.c_str());
-  // What the agent knows is answered even when the binding cannot be stored.
+  if (task.client_fd < 0) {
+    change_binding({-1, Velder::IP_USER_BIND_REQUEST, task.ip, account});
+    return;
+  }
+  // What the agent knows is answered even when the binding cannot be stored, but not before it is: the client
+  // may ask for the address at once.
   [[maybe_unused]] const int bound = CacheWrapper::update_cache_item(task.ip, account);
-  if (task.client_fd < 0) return;
   UserRecord record;
   response->set_result(get_user_record(account, record));
   if (response->result() == 0) fill_user_info(account, record, response->mutable_userinfo());

@@ -16,6 +16,7 @@ from Velder_pb2 import IPAuthRequest
 from harness import agent as agent_module
 from harness import directory, sandbox, wire
 from harness.daemon import IDLE_SOCKETS, program, until, write_file
+from harness.store import another_writer
 
 NO_SUCH = 32
 INVALID = "Error: received invalid response from wmi daemon"
@@ -133,6 +134,22 @@ def test_default_mode__answers_at_once_and_asks_once_in_two_minutes(served, agen
     assert served.count_lines(f"messge_type(14), async, ip({ip}), cache, rc(0)", level="DBG") == 3
     assert served.count_lines(f"messge_type(14), async, ip({ip}), rc(0)", level="DBG") == 2
     assert served.count_lines(f"messge_type(IP_AUTH_RESPONSE), ip({ip}) rc(0)", level="DBG") == 1
+
+
+def test_default_mode__answers_of_the_agent_that_find_a_writer_hold_up_nobody(served, agent):
+    agent.answers(b"tolva_wmi_ok:alice:CORP")
+    asked = list(itertools.islice(_addresses, 40))  # more than there are threads
+    with served.connections_by_worker() as connections:
+        one, _ = connections.values()
+        with another_writer() as writer:
+            for ip in asked:
+                assert auth(one, ip).result == 0
+            until(lambda: len(agent.questions) == len(asked), "all questions")
+            assert one.user_info("alice").result == 0
+            assert one.bound_user(asked[0]) is None
+            writer.stdin.close()
+        for ip in asked:
+            wait_bound(one, ip, "CORP\\alice")
 
 
 def test_agent__not_listening(served, ip):

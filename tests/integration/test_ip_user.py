@@ -5,17 +5,16 @@ import re
 import select
 import signal
 import subprocess
-import sys
 import time
 
 import pytest
 
 from harness import directory, sandbox, wire
 from harness.daemon import log_lines, write_file
+from harness.store import STORE, another_writer
 
 GUEST = "Proxy_guest_user"
 REFUSED, NOT_FOUND = -1, 1
-STORE = f"{sandbox.WORKDIR}/ip_user_cache/bindings.mdb"
 
 
 @pytest.fixture
@@ -128,20 +127,6 @@ def test_bind__text_that_is_no_address_is_refused(connection, ip):
     assert connection.bound_user("10.3.5.1") is None
 
 
-# Holds the writer lock of the store named in its arguments from "held" until the end of its input.
-HOLDER = """
-import ctypes, sys
-lmdb = ctypes.CDLL("liblmdb.so.0")
-environment, transaction = ctypes.c_void_p(), ctypes.c_void_p()
-NO_FOLDER, NO_SYNC = 0x4000, 0x10000
-assert lmdb.mdb_env_create(ctypes.byref(environment)) == 0
-assert lmdb.mdb_env_open(environment, sys.argv[1].encode(), NO_FOLDER | NO_SYNC, 0o600) == 0
-assert lmdb.mdb_txn_begin(environment, None, 0, ctypes.byref(transaction)) == 0
-print("held", flush=True)
-sys.stdin.read()
-"""
-
-
 def test_bind__waits_for_another_writer_and_holds_up_nobody(daemon):
     daemon.start("--process-num", "1", workers=1, files=directory.files())
     asker, *binders = [wire.Connection() for _ in range(20)]
@@ -149,8 +134,7 @@ def test_bind__waits_for_another_writer_and_holds_up_nobody(daemon):
     for binder in binders:
         binder.query("10.3.10.1")
     assert asker.user_info("alice").result == 0  # from the reply cache from here on
-    with subprocess.Popen([sys.executable, "-c", HOLDER, STORE], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as holder:
-        assert holder.stdout.readline() == b"held\n"
+    with another_writer() as holder:
         begin = time.monotonic()
         for binder in binders:  # more than there are threads, and the first of this worker
             binder.send(binding)
