@@ -57,4 +57,15 @@ void KnownUsers::keep(std::string_view name, std::shared_ptr<const KeptUser> use
   forgotten = add(shard, one.extract(one.begin()));
 }
 
+void KnownUsers::forget() {
+  for (Shard& shard : shards_) {
+    Users recent;
+    Users older;
+    const std::lock_guard lock(shard.mutex);
+    recent.swap(shard.recent);
+    older.swap(shard.older);
+    shard.recent_bytes = 0;
+  }
+}
+
 }  // namespace velder

@@ -38,6 +38,8 @@ class KnownUsers {
   // Null: not kept.
   std::shared_ptr<const KeptUser> find(std::string_view name);
   void keep(std::string_view name, std::shared_ptr<const KeptUser> user);
+  // All of them.
+  void forget();
 
  private:
   // Not noexcept: a table then keeps the hashes of its names, and need not work them out as it goes along.

@@ -283,6 +283,18 @@ void read_ahead(const SnapshotFile& file) {
   static_cast<void>(file.groups());
 }
 
+// The newest file counts, but one that was read ahead is not given up for itself.
+template <class File>
+void take_newest(File& file, const Result<File>& newest) {
+  if (newest && *newest && identity_of(*newest) != identity_of(file)) file = *newest;
+}
+
+// A thread that nobody needs keeps the snapshot that it was asked about last, maybe for days, but not what
+// was remembered of the users.
+void forget_users(const std::shared_ptr<const InForce>& before, const SnapshotFile* now) {
+  if (before && before->file && before->file.get() != now) before->file->known_users().forget();
+}
+
 Result<void> reload_from_servers(State& s, const std::string& workdir, Settings settings,
                                  const std::optional<FileIdentity>& verified) {
   auto file = find_ldap_snapshot(workdir, verified);
@@ -290,11 +302,11 @@ Result<void> reload_from_servers(State& s, const std::string& workdir, Settings 
   if (*file) read_ahead(**file);
 
   std::shared_ptr<const InForce> before;  // outlives the lock: it may be the last to hold old servers
+  bool same = false;
   {
     const std::lock_guard lock(s.mutex);
-    // Opened once more, now that nobody else can: of two reloads at once the later one may come here first,
-    // and the newest file counts.
-    if (auto newest = find_ldap_snapshot(workdir, identity_of(*file)); newest && *newest) file = newest;
+    // Opened once more, now that nobody else can: of two reloads at once the later one may come here first.
+    take_newest(*file, find_ldap_snapshot(workdir, identity_of(*file)));
     before = s.in_force;
     const bool had_one = before && before->file && before->servers;
     if (!*file && had_one) {
@@ -302,13 +314,14 @@ Result<void> reload_from_servers(State& s, const std::string& workdir, Settings 
           Error{kDirectoryOther, path_in(workdir, kSnapshotName) +
                                      ": no snapshot of the servers any more, the one in use stays in use"});
     }
-    const bool same = before && before->servers && before->servers->settings() == settings &&
-                      identity_of(before->file) == identity_of(*file);
+    same = before && before->servers && before->servers->settings() == settings &&
+           identity_of(before->file) == identity_of(*file);
     s.settings = std::move(settings);
     s.verified = identity_of(*file);
     if (!same) put_in_force(s, with_servers(*file, s.settings, workdir, before.get()));
   }
   log_servers(*file, s.settings);
+  if (!same) forget_users(before, file->get());
   return {};
 }
 
@@ -334,23 +347,26 @@ Result<void> reload_from_ldif(State& s, const std::string& workdir, Settings set
   log_update(*update, settings);
   read_ahead(*update->file);
 
+  std::shared_ptr<const SnapshotFile> file = update->file;
   std::shared_ptr<const InForce> before;
-  const std::lock_guard lock(s.mutex);
-  // As above.
-  auto newest = SnapshotFile::open(path_in(workdir, kSnapshotName), update->file->identity());
-  const auto file = newest ? *newest : update->file;
-  s.settings = std::move(settings);
-  s.verified = file->identity();
-  s.broken.reset();
-  before = s.in_force;
-  const bool same = before && !before->servers && before->file->identity() == file->identity() &&
-                    before->search_limit == s.settings.search_limit &&
-                    before->acceptor->settings() == s.settings;
-  if (!same) {
-    put_in_force(s,
-                 std::make_shared<const InForce>(InForce{file, s.settings.search_limit, nullptr,
-                                                         acceptor_for(s.settings, workdir, before.get())}));
+  bool same = false;
+  {
+    const std::lock_guard lock(s.mutex);
+    // As above.
+    take_newest(file, SnapshotFile::open(path_in(workdir, kSnapshotName), file->identity()));
+    s.settings = std::move(settings);
+    s.verified = file->identity();
+    s.broken.reset();
+    before = s.in_force;
+    same = before && !before->servers && before->file->identity() == file->identity() &&
+           before->search_limit == s.settings.search_limit && before->acceptor->settings() == s.settings;
+    if (!same) {
+      put_in_force(s,
+                   std::make_shared<const InForce>(InForce{file, s.settings.search_limit, nullptr,
+                                                           acceptor_for(s.settings, workdir, before.get())}));
+    }
   }
+  if (!same) forget_users(before, file.get());
   return {};
 }
 

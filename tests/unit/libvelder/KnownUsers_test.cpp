@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <thread>
 #include <vector>
 
@@ -37,6 +38,9 @@ TEST(KnownUsersTest, WhoIsAskedForStaysAndTheOthersAreForgottenWithinTheBound) {
   EXPECT_LE(alive, (size_t{1} << 20) / 1000);
   EXPECT_GT(alive, (size_t{1} << 20) / 4000);
   EXPECT_EQ(table.find("user8"), nullptr);
+
+  table.forget();
+  EXPECT_TRUE(std::all_of(all.begin(), all.end(), [](const auto& user) { return user.expired(); }));
 }
 
 TEST(KnownUsersTest, AUserLargerThanItsShareIsNotKeptAndNothingIsLostForIt) {
