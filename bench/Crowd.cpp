@@ -19,7 +19,6 @@ using std::chrono::milliseconds;
 using velder_client::ErrorKind;
 using velder_client::fail;
 using velder_client::Result;
-using velder_client::UniqueFd;
 
 // The daemon's queue of connections not yet accepted holds ten.
 constexpr size_t kBatch = 8;

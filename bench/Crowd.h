@@ -13,7 +13,7 @@
 
 #include "bench/Workload.h"
 #include "client/Address.h"
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace bench {
 
@@ -61,7 +61,7 @@ class Crowd {
 
  private:
   struct Peer {
-    velder_client::UniqueFd fd;
+    UniqueFd fd;
     const Exchange* asked = nullptr;  // null: silent or lost
     size_t got = 0;
     Clock::time_point asked_at;  // paced: when the question was due
@@ -88,7 +88,7 @@ class Crowd {
   const Workload& workload_;
   const velder_client::SocketAddress server_;
   size_t position_;
-  velder_client::UniqueFd epoll_;
+  UniqueFd epoll_;
   Peers active_;
   Peers idle_;
   std::deque<Peer*> silent_;  // of the active ones, while running

@@ -17,7 +17,6 @@
 namespace bench {
 
 using velder_client::kHeaderBytes;
-using velder_client::UniqueFd;
 
 EchoAnswers::EchoAnswers(size_t answer_bytes) {
   for (int type = Velder::MessageType_MIN; type <= Velder::MessageType_MAX; ++type) {

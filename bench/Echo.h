@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace bench {
 
@@ -24,7 +24,7 @@ class EchoAnswers {
 };
 
 struct EchoClient {
-  velder_client::UniqueFd fd;
+  UniqueFd fd;
   std::string gathered;
 };
 

@@ -6,12 +6,11 @@
 #include <cstdio>
 
 #include "bench/Echo.h"
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace {
 
 using bench::die;
-using velder_client::UniqueFd;
 
 constexpr int kBacklog = 512;
 

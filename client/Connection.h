@@ -14,7 +14,7 @@
 #include "client/Error.h"
 #include "client/Frame.h"
 #include "client/RawFrames.h"
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace velder_client {
 

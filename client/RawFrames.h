@@ -10,7 +10,7 @@
 #include "client/Address.h"
 #include "client/Error.h"
 #include "client/Frame.h"
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace google::protobuf {
 class Message;

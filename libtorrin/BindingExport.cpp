@@ -11,10 +11,10 @@
 #include <optional>
 #include <vector>
 
+#include "daemonbase/UniqueFd.h"
 #include "libtorrin/PathText.h"
 #include "libtorrin/Printable.h"
 #include "libtorrin/Store.h"
-#include "libtorrin/UniqueFd.h"
 
 namespace torrin {
 namespace {

@@ -15,10 +15,10 @@
 #include <vector>
 
 #include "brellog/VrLog.h"
+#include "daemonbase/UniqueFd.h"
 #include "libtorrin/Recovery.h"
 #include "libtorrin/Store.h"
 #include "libtorrin/StoreFile.h"
-#include "libtorrin/UniqueFd.h"
 
 namespace torrin {
 namespace {

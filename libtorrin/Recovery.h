@@ -7,7 +7,7 @@
 #include <tl/expected.hpp>
 #include <vector>
 
-#include "libtorrin/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace torrin {
 

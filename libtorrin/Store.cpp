@@ -20,7 +20,7 @@
 #include <thread>
 
 #include "brellog/VrLog.h"
-#include "libtorrin/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace torrin {
 

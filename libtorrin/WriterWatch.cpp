@@ -9,7 +9,7 @@
 #include <cstddef>
 
 #include "brellog/VrLog.h"
-#include "libtorrin/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace torrin {
 namespace {

@@ -143,23 +143,4 @@ Result<void> LdapConnection::bind_anonymously() {
   return {};
 }
 
-Result<std::string> LdapConnection::who_am_i() {
-  if (const auto ready = session_->ready(); !ready) return tl::unexpected(ready.error());
-  constexpr std::string_view kDoing = "who am I";
-  int id = 0;
-  const Deadline until = session_->deadline();
-  const int sent = ldap_whoami(session_->ld, nullptr, nullptr, &id);
-  if (sent != LDAP_SUCCESS) return session_->fail_local(sent, kDoing);
-  const auto message = session_->wait(id, until, kDoing);
-  if (!message) return tl::unexpected(message.error());
-  const auto outcome = session_->parse_outcome(message->get(), kDoing);
-  if (!outcome) return tl::unexpected(outcome.error());
-  if (outcome->code != LDAP_SUCCESS) return session_->refused(*outcome, kDoing);
-  berval* identity = nullptr;
-  const int rc = ldap_parse_whoami(session_->ld, message->get(), &identity);
-  const std::unique_ptr<berval, decltype(&ber_bvfree)> owner(identity, ber_bvfree);
-  if (rc != LDAP_SUCCESS) return session_->fail_local(rc, kDoing);
-  return identity != nullptr ? std::string(identity->bv_val, identity->bv_len) : std::string();
-}
-
 }  // namespace velder

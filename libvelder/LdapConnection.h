@@ -111,10 +111,6 @@ class LdapConnection {
 
   Result<RootDse> read_root_dse();
 
-  // Who the server thinks we are ("dn:...", "u:...", empty for nobody); servers without that operation answer
-  // with their own result code.
-  Result<std::string> who_am_i();
-
   // False after a lost connection or a time-out: every further call fails with the same code.
   bool usable() const;
 

@@ -17,8 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "client/UniqueFd.h"
 #include "daemonbase/BRELConfigFile.h"
+#include "daemonbase/UniqueFd.h"
 #include "libtorrin/Recovery.h"
 #include "libtorrin/Settings.h"
 #include "libtorrin/StoreFile.h"
@@ -314,7 +314,7 @@ class Checker {
     if (stat(folder.c_str(), &status) != 0 && errno == ENOENT) return;  // the start makes it
     if (!check_folder(folder, R_OK | W_OK, true, "for the bindings, of the daemon's account")) return;
     const std::string live = folder + "/" + torrin::kLiveFile;
-    const velder_client::UniqueFd fd(open(live.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const UniqueFd fd(open(live.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     if (!fd.valid() && errno == ENOENT) return;
     if (!fd.valid() || access(live.c_str(), W_OK) != 0) {
       error(live, 0, refusal(errno) + ", expected a file of its own");

@@ -14,10 +14,10 @@
 #include <ctime>
 #include <string>
 
+#include "daemonbase/UniqueFd.h"
 #include "libtorrin/BindingRecord.h"
 #include "libtorrin/Printable.h"
 #include "libtorrin/StoreFile.h"
-#include "libtorrin/UniqueFd.h"
 
 namespace {
 
@@ -54,7 +54,7 @@ Dump read_bindings(int fd, int64_t now) {
 }
 
 int dump_file(const std::string& path, bool summary_only) {
-  const torrin::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0) {
     std::fprintf(stderr, "ipcache_dump: %s: %s\n", path.c_str(), std::strerror(errno));

@@ -15,7 +15,7 @@
 #include <thread>
 #include <vector>
 
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 #include "tools/authctl_commands.h"
 #include "tools/status_json.h"
 #include "tools/status_log.h"
@@ -55,7 +55,7 @@ std::string message_of(int code) {
 // The descriptor holds on to the process; looking at it again shows that the number still means the worker.
 void tell(Told& worker) {
   // Not through <sys/pidfd.h>, whose functions this C library does not declare for C++.
-  const velder_client::UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, worker.process.pid, 0)));
+  const UniqueFd handle(static_cast<int>(syscall(SYS_pidfd_open, worker.process.pid, 0)));
   if (!handle.valid()) return worker.settle(Outcome::kFailed, "not told: " + message_of(errno));
   const auto now = look_at_process(worker.process.pid);
   if (!now || !(*now == worker.process) || now->role != Role::kWorker) {

@@ -66,7 +66,7 @@ PortReport ask_port(const StatusOptions& options) {
 void read_bindings(const std::string& workdir, StatusReport& report) {
   const std::string folder = workdir + "/" + torrin::examine_settings(workdir).settings.directory;
   const std::string path = folder + "/" + torrin::kLiveFile;
-  const velder_client::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0) {
     report.no_bindings = obstacle(path, path + ": " + std::generic_category().message(errno));
@@ -98,7 +98,7 @@ int64_t sync_interval(const std::string& workdir) {
 }
 
 std::string last_line_of(const std::string& path) {
-  const velder_client::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
   struct stat status {};
   if (!fd.valid() || fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
   std::string text(kTail, '\0');

@@ -12,12 +12,10 @@
 #include <memory>
 #include <system_error>
 
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace authctl {
 namespace {
-
-using velder_client::UniqueFd;
 
 // A day of verbose lines can be gigabytes, which nobody waits for.
 constexpr uint64_t kMostOfToday = uint64_t{256} << 20;

@@ -18,12 +18,10 @@
 #include <sstream>
 #include <system_error>
 
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 
 namespace authctl {
 namespace {
-
-using velder_client::UniqueFd;
 
 constexpr std::string_view kDaemonName = "AuthDaemon";
 constexpr int kMostProcesses = 10;

@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "client/Address.h"
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 #include "tools/authctl_format.h"
 #include "tools/wmi_agent_answer.h"
 
@@ -25,7 +25,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
-using velder_client::UniqueFd;
 
 constexpr const char* kNotice = "a sample for trials and tests, not for production";
 // Room for a thousand waiting connections and what the process holds besides.

@@ -133,7 +133,7 @@ FUZZ_TARGET(store_file) {
     cache.sweep();
   }
   // Its end makes the compact copy. Another one before would take most of the time of a run.
-  const torrin::UniqueFd copy(open((store_folder() + torrin::kCompactFile).c_str(), O_RDONLY | O_CLOEXEC));
+  const UniqueFd copy(open((store_folder() + torrin::kCompactFile).c_str(), O_RDONLY | O_CLOEXEC));
   require(copy.valid() && torrin::check_store_file(copy.get()).has_value(), "a sound compact copy is made");
 }
 
@@ -141,6 +141,6 @@ FUZZ_TARGET(store_check) {
   static const std::string sound = sound_store();
   fuzz::Input input(bytes);
   const std::string path = fuzz::write_scratch("check.mdb", fuzz::patched(sound, input));
-  const torrin::UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  const UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
   torrin::check_store_file(fd.get());
 }

@@ -1,8 +1,8 @@
 // Preloaded into the daemon by the tests: sleep() waits a fraction of the time. The daemon counts its long
 // waits by what sleep() returns, so what is left after a signal is given in the caller's seconds.
 //
-// SHORTSLEEP_CLOCK names a file of 8 bytes: the seconds by which the wall clock is wrong, at this very moment and
-// for all processes that started while the file was there.
+// SHORTSLEEP_CLOCK names a file of 8 bytes: the seconds by which the wall clock is wrong, at this very moment
+// and for all processes that started while the file was there.
 //
 // SHORTSLEEP_GAP_MS makes the moment longer that lies between the caller's last look at its flags and the
 // wait itself: a signal in that gap is handled, and the wait begins all the same.

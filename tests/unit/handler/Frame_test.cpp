@@ -9,7 +9,6 @@
 #include <cstring>
 #include <limits>
 
-
 namespace {
 
 std::string header(int32_t length, int32_t type) {

@@ -6,9 +6,9 @@
 #include <csignal>
 #include <vector>
 
+#include "daemonbase/UniqueFd.h"
 #include "libtorrin/Store.h"
 #include "libtorrin/StoreFile.h"
-#include "libtorrin/UniqueFd.h"
 #include "tests/unit/libtorrin/CacheTest.h"
 
 class RecoveryTest : public CacheTest {
@@ -144,7 +144,7 @@ TEST_F(RecoveryTest, AListOfFreePagesThatFillsPagesOfItsOwnIsReadButNotBelieved)
   ASSERT_EQ(store.remove_expired(keys, INT64_MAX), 2000);
   store.close();
   const auto check = [this] {
-    const torrin::UniqueFd fd(open(file("bindings.mdb").c_str(), O_RDONLY));
+    const UniqueFd fd(open(file("bindings.mdb").c_str(), O_RDONLY));
     const auto header = torrin::check_store_file(fd.get());
     return header ? std::to_string(header->free_pages.overflow_pages > 0) : header.error();
   };

@@ -3,7 +3,7 @@
 
 #include <thread>
 
-#include "client/UniqueFd.h"
+#include "daemonbase/UniqueFd.h"
 #include "tools/authhelper_io.h"
 #include "tools/authhelper_modes.h"
 #include "tools/authhelper_protocol.h"
@@ -136,7 +136,7 @@ class AuthHelperReader : public ::testing::Test {
     });
   }
 
-  velder_client::UniqueFd from_, to_;
+  UniqueFd from_, to_;
   std::jthread writer_;
 };
 

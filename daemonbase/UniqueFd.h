@@ -1,11 +1,9 @@
-// A file descriptor that is closed with its owner.
+// A descriptor that is closed with its owner. Movable, not copyable.
 #pragma once
 
 #include <unistd.h>
 
 #include <utility>
-
-namespace torrin {
 
 class UniqueFd {
  public:
@@ -22,12 +20,10 @@ class UniqueFd {
   bool valid() const { return fd_ >= 0; }
   int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) ::close(fd_);
     fd_ = fd;
   }
 
  private:
   int fd_ = -1;
 };
-
-}  // namespace torrin
