@@ -286,6 +286,10 @@ void event_set_quick(event* ev) {
   ev->quick = true;
 }
 
+void event_closing(int fd) {
+  take_place(fd);  // the close itself takes it out
+}
+
 void event_release_lead() NO_THREAD_SAFETY_ANALYSIS {
   finish_left();  // which may have given it away itself
   if (!t_lead.held) return;

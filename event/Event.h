@@ -32,9 +32,13 @@ void event_set(event* ev, int fd, short events, event_callback callback, void* a
 
 // Marks a registration whose callback never waits for anything but the processor, or calls event_release_lead
 // before it does: the thread keeps the lead while it runs, which spares a change of threads. Such a callback
-// ends by registering its descriptor again, by closing it (the last one of its socket), or has given the lead
-// away before it leaves it to somebody else.
+// ends by registering its descriptor again, by closing it (the last one of its socket, after event_closing),
+// or has given the lead away before it leaves it to somebody else.
 void event_set_quick(event* ev);
+
+// Called before a descriptor that may still be in epoll is closed: from then on its number may be somebody
+// else's, so the loop must not take it out later.
+void event_closing(int fd);
 
 // Called by a quick callback before anything that may take long: another thread waits from here on. Without
 // effect in other places.

@@ -62,7 +62,7 @@ void answer(const BindingChange& change, int result) {
     sent = reply_request(change.fd, change.type + 1, &response);
   }
   if (sent == -1) {
-    close(change.fd);
+    close_connection(change.fd);
   } else {
     wait_for(change.fd, EVENT_READ, tcp_read_socket_handler, nullptr);
   }

@@ -124,7 +124,7 @@ Outcome dispatch(Frame& frame) {
 
 void serve(int fd, std::string gathered) {
   if (message_integrity_check(gathered.data(), static_cast<int>(gathered.size())) == 0) {
-    close(fd);
+    close_connection(fd);
     return;
   }
   const int type = read_header(gathered).type;
@@ -133,7 +133,7 @@ void serve(int fd, std::string gathered) {
   if (carries_secret(type)) explicit_bzero(frame.bytes.data(), frame.bytes.size());
   switch (outcome) {
     case Outcome::kKeep: wait_for(fd, EVENT_READ, tcp_read_socket_handler, nullptr); return;
-    case Outcome::kClose: close(fd); return;
+    case Outcome::kClose: close_connection(fd); return;
     case Outcome::kHandedOver: return;
   }
 }
@@ -194,6 +194,6 @@ void tcp_read_socket_handler(int fd, short /*events*/, void* arg) {
       request->data = std::move(gathered);
       wait_for(fd, EVENT_READ, tcp_read_socket_handler, request.release());
       return;
-    case GatherResult::kClose: close(fd); return;
+    case GatherResult::kClose: close_connection(fd); return;
   }
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <google/protobuf/message.h>
+#include <unistd.h>
 
 #include <list>
 #include <string>
@@ -38,6 +39,12 @@ inline void wait_for(int fd, short events, event_callback callback, void* arg) {
   event_set(&ev, fd, events, callback, arg);
   if (callback == tcp_read_socket_handler) event_set_quick(&ev);
   event_add(&ev, 0);
+}
+
+// The last thing that is done with a connection that is not waited for.
+inline void close_connection(int fd) {
+  event_closing(fd);
+  close(fd);
 }
 
 // False after a log line when the body does not parse or lacks a required field.

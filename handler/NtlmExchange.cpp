@@ -145,7 +145,7 @@ void ntlm_authentication_handler(int fd, short /*events*/, void* arg) {
       return;
     case Next::kClose:
       wipe_and_delete(std::move(task));
-      close(fd);
+      close_connection(fd);
       return;
   }
 }

@@ -68,17 +68,17 @@ void send_data_handler(int fd, short /*events*/, void* arg) {
   std::unique_ptr<SendDataTask> task(static_cast<SendDataTask*>(arg));
   if (task == nullptr) {
     VRLOG(kLogInfo, "Error: no data was specified to send.");
-    close(fd);
+    close_connection(fd);
     return;
   }
   if (task->sent >= static_cast<int>(task->data.size())) {
     VRLOG(kLogInfo, "Error: the data has been sent, should not call again");
-    close(fd);
+    close_connection(fd);
     return;
   }
   switch (send_some(*task)) {
     case Progress::kWouldBlock: wait_for(fd, EVENT_WRITE, send_data_handler, task.release()); return;
     case Progress::kFinished: wait_for(fd, task->events, task->callback, task->arg); return;
-    case Progress::kFailed: close(fd); return;
+    case Progress::kFailed: close_connection(fd); return;
   }
 }

@@ -116,7 +116,7 @@ Step run(wmi_auth_task& task, Velder::IPAuthResponse* response) {
 void answer_client(const wmi_auth_task& task, const Velder::IPAuthResponse& response) {
   VRLOG(kLogDebug, "messge_type(IP_AUTH_RESPONSE), ip(%s) rc(%d)", task.ip, response.result());  // sic
   if (reply_request(task.client_fd, Velder::WMI_AUTH_RESPONSE, &response) == -1) {
-    close(task.client_fd);
+    close_connection(task.client_fd);
   } else {
     wait_for(task.client_fd, EVENT_READ, tcp_read_socket_handler, nullptr);
   }

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <thread>
 
+#include "libvelder/LdapModule.h"
 #include "tests/unit/libvelder/FakeLdapServer.h"
 
 namespace {
@@ -75,6 +76,9 @@ class Directory {
 
 class ServerPoolTest : public testing::Test {
  protected:
+  // As every program does before it has threads: the client library sets itself up in its first session.
+  static void SetUpTestSuite() { ASSERT_EQ(prldap_install_routines(nullptr, 1), 0); }
+
   void SetUp() override {
     std::string pattern = testing::TempDir() + "poolXXXXXX";
     ASSERT_NE(mkdtemp(pattern.data()), nullptr);
