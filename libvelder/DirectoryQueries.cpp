@@ -87,9 +87,9 @@ void DirectoryQueries::list_groups(const std::vector<EntryId>& ids, std::list<Gr
 }
 
 int DirectoryQueries::user_groups(std::string_view user, std::list<GroupMeta>& groups) {
-  const auto known = find_known(user);
+  const auto known = find_known(user, true);
   if (!known) return code(kDirectoryNoSuchObject);
-  if (known->has_groups) {
+  if (known->kept_groups == KeptGroups::kAll) {
     for (const KnownUser::Group& group : known->groups) {
       groups.push_back({std::string(group.dn), std::string(group.cn)});
     }
@@ -140,20 +140,26 @@ int DirectoryQueries::users_of_group(std::string_view group, bool by_dn, GroupUs
 }
 
 int DirectoryQueries::user_info(std::string_view user, UserRow& row) {
-  const auto known = find_known(user);
+  const auto known = find_known(user, false);
   if (!known) return code(kDirectoryNoSuchObject);
   row = row_of(*known);
   return kDirectorySuccess;
 }
 
 std::shared_ptr<const KnownUser> DirectoryQueries::known_user(std::string_view user) {
-  auto known = find_known(user);
-  if (known && !known->has_groups) known.reset();
-  return known;
+  // The caller may go on with it when the snapshot is no longer in force.
+  struct Held {
+    std::shared_ptr<const SnapshotFile> file;
+    std::shared_ptr<const KeptUser> user;
+  };
+  auto known = find_known(user, true);
+  if (!known || known->kept_groups != KeptGroups::kAll) return nullptr;
+  const auto held = std::make_shared<const Held>(Held{reader_.file(), std::move(known)});
+  return {held, held->user.get()};
 }
 
 int DirectoryQueries::account(std::string_view user, UserRow& row, Credentials& credentials) {
-  const auto known = find_known(user);
+  const auto known = find_known(user, false);
   if (!known) return code(kDirectoryNoSuchObject);
   row = row_of(*known);
   reader_.credentials(known->id, credentials);
@@ -165,7 +171,7 @@ bool DirectoryQueries::knows_domain(std::string_view name) {
 }
 
 CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std::string_view password) {
-  const auto known = find_known(user);
+  const auto known = find_known(user, false);
   if (!known) {
     check_password(kNobodysPassword, password);
     return reader_.failure() ? CredentialVerdict::kCannotTell : CredentialVerdict::kUnknownUser;
@@ -184,38 +190,32 @@ CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std:
 }
 
 // Asks the memory of all threads first.
-std::shared_ptr<const KeptUser> DirectoryQueries::find_known(std::string_view name) {
+std::shared_ptr<const KeptUser> DirectoryQueries::find_known(std::string_view name, bool with_groups) {
   const std::string key = fold_text(name);
   // A DN has any number of spellings.
   const bool can_be_kept = key.size() <= kLongestKeptName && key.find('=') == std::string::npos;
-  KnownUsers& all = reader_.file().known_users();
+  KnownUsers& all = reader_.file()->known_users();
   ambiguous_ = false;
+  std::optional<EntryId> id;
   if (can_be_kept) {
-    if (auto known = all.find(key)) return known;
+    if (auto known = all.find(key)) {
+      if (!with_groups || known->kept_groups != KeptGroups::kNotAsked) return known;
+      id = known->id;
+    }
   }
-  const auto id = find_user(name);
-  auto user = id ? read_user(*id) : nullptr;
+  if (!id) id = find_user(name);
+  auto user = id ? read_user(*id, with_groups) : nullptr;
   if (user && can_be_kept) all.keep(key, user);
   return user;
 }
 
-std::shared_ptr<const KeptUser> DirectoryQueries::read_user(EntryId id) {
+std::shared_ptr<const KeptUser> DirectoryQueries::read_user(EntryId id, bool with_groups) {
   UserRow row;
   if (!reader_.user(id, row)) return nullptr;
-  std::vector<EntryId> ids;
-  reader_.groups_of_user(id, ids);
-  if (reader_.failure()) return nullptr;
-  const GroupGraph& graph = reader_.groups();
-  ids = graph.with_all_above(ids);
-
   auto user = std::make_shared<KeptUser>();
   user->id = id;
-  user->has_groups = ids.size() <= kMostKeptGroups;
-  if (!user->has_groups) ids.clear();
-  size_t bytes = row.domain_dns.size() + row.meta.uid.size() + row.meta.cn.size() + row.meta.dn.size() +
-                 row.meta.upn.size();
-  for (const EntryId group : ids) bytes += graph.names(group).dn.size() + graph.names(group).cn.size();
-  user->texts.reserve(bytes);  // from here on no text moves
+  user->texts.reserve(row.domain_dns.size() + row.meta.uid.size() + row.meta.cn.size() + row.meta.dn.size() +
+                      row.meta.upn.size());  // from here on no text moves
   const auto keep = [&](std::string_view text) {
     const size_t at = user->texts.size();
     user->texts += text;
@@ -226,11 +226,17 @@ std::shared_ptr<const KeptUser> DirectoryQueries::read_user(EntryId id) {
   user->cn = keep(row.meta.cn);
   user->dn = keep(row.meta.dn);
   user->upn = keep(row.meta.upn);
+  if (!with_groups) return user;
+
+  std::vector<EntryId> ids;
+  reader_.groups_of_user(id, ids);
+  if (reader_.failure()) return nullptr;
+  const GroupGraph& graph = reader_.groups();
+  ids = graph.with_all_above(ids);
+  user->kept_groups = ids.size() <= kMostKeptGroups ? KeptGroups::kAll : KeptGroups::kTooMany;
+  if (user->kept_groups == KeptGroups::kTooMany) return user;
   user->groups.reserve(ids.size());
-  for (const EntryId group : ids) {
-    const KnownUser::Group names = graph.names(group);
-    user->groups.push_back({keep(names.dn), keep(names.cn)});
-  }
+  for (const EntryId group : ids) user->groups.push_back(graph.names(group));
   return user;
 }
 

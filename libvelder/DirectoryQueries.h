@@ -59,8 +59,8 @@ class DirectoryQueries {
  private:
   std::optional<EntryId> only_one(std::vector<EntryId>& ids);
   std::optional<EntryId> find_user(std::string_view name);
-  std::shared_ptr<const KeptUser> find_known(std::string_view name);
-  std::shared_ptr<const KeptUser> read_user(EntryId id);
+  std::shared_ptr<const KeptUser> find_known(std::string_view name, bool with_groups);
+  std::shared_ptr<const KeptUser> read_user(EntryId id, bool with_groups);
   std::vector<EntryId> users_meant(std::string_view name);
   std::optional<EntryId> find_group(std::string_view name, bool by_cn, bool by_dn);
   void list_groups(const std::vector<EntryId>& ids, std::list<GroupMeta>& groups);

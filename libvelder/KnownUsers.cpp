@@ -52,8 +52,14 @@ void KnownUsers::keep(std::string_view name, std::shared_ptr<const KeptUser> use
   one.emplace(name, std::move(user));
   Shard& shard = shard_of(name);
   Users forgotten;
+  Users::node_type before;
   const std::lock_guard lock(shard.mutex);
-  if (shard.older.contains(name)) return;  // another thread was as quick, and it has grown old since
+  if (const auto found = shard.recent.find(name); found != shard.recent.end()) {
+    before = shard.recent.extract(found);
+    shard.recent_bytes -= bytes_of(before.key(), *before.mapped());
+  } else if (const auto old = shard.older.find(name); old != shard.older.end()) {
+    before = shard.older.extract(old);
+  }
   forgotten = add(shard, one.extract(one.begin()));
 }
 

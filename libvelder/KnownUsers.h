@@ -18,10 +18,17 @@
 
 namespace velder {
 
-// Immutable once made. The views of its base lie in `texts`.
+// What is kept of the groups of a user.
+enum class KeptGroups {
+  kNotAsked,  // a password needs none
+  kAll,
+  kTooMany,
+};
+
+// Immutable once made. The views of its base lie in `texts`, those of its groups in the snapshot.
 struct KeptUser : KnownUser {
   int64_t id = 0;
-  bool has_groups = false;  // false: they are too many to be kept
+  KeptGroups kept_groups = KeptGroups::kNotAsked;
   std::string texts;
 };
 
@@ -29,14 +36,15 @@ struct KeptUser : KnownUser {
 // a client fill the table with one user.
 class KnownUsers {
  public:
-  // Some 2,500 users with a dozen groups. When many more are asked for in turns the process takes a few times
+  // Some 9,000 users with a dozen groups. When many more are asked for in turns the process takes a few times
   // as much: each thread's heap keeps the room of what that thread once had made.
-  static constexpr size_t kMostBytes = size_t{4} << 20;
+  static constexpr size_t kMostBytes = size_t{8} << 20;
 
   explicit KnownUsers(size_t most_bytes = kMostBytes);
 
   // Null: not kept.
   std::shared_ptr<const KeptUser> find(std::string_view name);
+  // Instead of what may be kept under that name.
   void keep(std::string_view name, std::shared_ptr<const KeptUser> user);
   // All of them.
   void forget();

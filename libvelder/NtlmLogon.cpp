@@ -77,7 +77,7 @@ void find_proof(const DirectoryLease& lease, NtlmUsersFile* users_file, Account&
     }
     return;
   }
-  const bool local = !lease.servers && lease.reader != nullptr && lease.reader->file().meta().nt_hashes > 0;
+  const bool local = !lease.servers && lease.reader != nullptr && lease.reader->file()->meta().nt_hashes > 0;
   if (local && account.refusal.empty()) account.refusal = "no NT hash of this user in the directory";
   account.ask_winbind = !local;
 }

@@ -136,7 +136,7 @@ class SnapshotReader {
   static Result<std::unique_ptr<SnapshotReader>> open(std::shared_ptr<const SnapshotFile> file);
   ~SnapshotReader();
 
-  const SnapshotFile& file() const { return *file_; }
+  const std::shared_ptr<const SnapshotFile>& file() const { return file_; }
   const std::optional<Error>& failure() const { return failure_; }
 
   void users_named(std::string_view key, NameUse use, std::vector<EntryId>& ids);

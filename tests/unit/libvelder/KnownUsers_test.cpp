@@ -39,6 +39,10 @@ TEST(KnownUsersTest, WhoIsAskedForStaysAndTheOthersAreForgottenWithinTheBound) {
   EXPECT_GT(alive, (size_t{1} << 20) / 4000);
   EXPECT_EQ(table.find("user8"), nullptr);
 
+  table.keep(name_of(7), make_user(-7));
+  EXPECT_EQ(table.find(name_of(7))->id, -7) << "what is kept later counts";
+  EXPECT_TRUE(all[7].expired());
+
   table.forget();
   EXPECT_TRUE(std::all_of(all.begin(), all.end(), [](const auto& user) { return user.expired(); }));
 }
