@@ -3,7 +3,6 @@
 #include "libvelder/LdapModule.h"
 
 #include <algorithm>
-#include <cstring>
 #include <exception>
 #include <string_view>
 
@@ -244,7 +243,7 @@ int LdapModule::validate_ntlm_message(const char* client_ip, char* token, int to
     if (step == velder::NtlmLogon::Step::kRefused || out == nullptr || answer.size() > capacity) {
       return kNtlmRefused;
     }
-    memcpy(out, answer.data(), answer.size());
+    answer.copy(out, answer.size());
     out_len = static_cast<int>(answer.size());
     return step == velder::NtlmLogon::Step::kChallenge ? kNtlmChallenge : kNtlmProven;
   };

@@ -63,7 +63,7 @@ std::optional<LogLine> parse_log_line(std::string_view line) {
   line.remove_prefix(kClock);
   if (!take(line, " <")) return std::nullopt;
   const size_t level = line.find('>');
-  if (level == std::string_view::npos || level > 5) return std::nullopt;
+  if (level > 5) return std::nullopt;  // or there is none
   parsed.level = line.substr(0, level);
   line.remove_prefix(level + 1);
   uint64_t tag = 0;

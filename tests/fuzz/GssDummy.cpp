@@ -29,7 +29,9 @@ struct GssAcceptor::Credentials {};
 void GssContext::reset() {
   handle_ = nullptr;
 }
-GssContext::~GssContext() = default;
+GssContext::~GssContext() {
+  reset();
+}
 
 GssAcceptor::GssAcceptor(const Settings& settings, const std::string& workdir)
     : settings_(settings),

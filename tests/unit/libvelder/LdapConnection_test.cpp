@@ -311,7 +311,8 @@ TEST(LdapConnection, WhatNeverEndsIsCut) {
     peer.send(fake::entry(request.id, "cn=staff", {{"member;range=" + at + "-" + at, {""}}}));
     peer.send(fake::result(request.id, fake::kSearchDone, 0));
   });
-  const auto endless = [](std::function<std::string(int)> make, std::chrono::milliseconds pause = 0ms) {
+  const auto endless = [](const std::function<std::string(int)>& make,
+                          std::chrono::milliseconds pause = 0ms) {
     return fake::answering([=](Peer& peer, const Request& request) {
       while (peer.send(make(request.id))) std::this_thread::sleep_for(pause);
     });

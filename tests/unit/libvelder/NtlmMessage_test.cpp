@@ -5,10 +5,10 @@
 #include <functional>
 #include <vector>
 
+using namespace std::string_literals;
+
 namespace velder {
 namespace {
-
-using std::string_literals::operator""s;
 
 void put(std::string& message, size_t at, uint32_t value, size_t bytes) {
   for (size_t i = 0; i < bytes; ++i) message[at + i] = static_cast<char>(value >> (8 * i) & 0xff);

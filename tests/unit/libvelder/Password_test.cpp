@@ -27,12 +27,12 @@ const std::vector<std::string> kStored = {
      "ayQQ49ReDSfW+BztC1bnFn1oCi34hI3Sp0SwwECc2FsdHNhbHQ="),
     "{CRYPT}$y$j9T$abcdefgh$rWm6CS6TuHDlERZdGbQM3wFJ/QYxzwSCcTkKzAKgFf6",
     "{CRYPT}$7$BU..../....abcdefgh$bXqeMivfyVHX/JwVZYEOx19aHsuR5ys5sfsGCkXi83/",
-    "{crypt}$6$rounds=1000$saltsalt$9xCMX0hwDjyqAmto5ZnrKQFB2hMUeANUvdgAwsphBxryJrpVUR5Ex7noq."
-    "UOjXtvGDoC9ky9W.p2vA3WA.Ns01",
+    ("{crypt}$6$rounds=1000$saltsalt$9xCMX0hwDjyqAmto5ZnrKQFB2hMUeANUvdgAwsphBxryJrpVUR5Ex7noq."
+     "UOjXtvGDoC9ky9W.p2vA3WA.Ns01"),
     "{CRYPT}$5$rounds=1000$saltsalt$YTPvzZaTbghNL38ollGPtKywBjFAluqYC200cwZogO4",
     "{CRYPT}$2b$04$abcdefghijklmnopqrstuu1NniybWia/qu3HPNhj7yS3/89gG18ly",
-    "{CLEARTEXT}Sesam-\xc3\xb6"
-    "ffne dich",
+    ("{CLEARTEXT}Sesam-\xc3\xb6"
+     "ffne dich"),
     kPassword,
 };
 
