@@ -7,24 +7,32 @@
 #include <filesystem>
 #include <fstream>
 #include <list>
-#include <regex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "libvelder/LdapModule.h"
 
 // LDIF of an entry a line: DN, object class, attributes; a line may go on behind two blanks. %c and %l stand
 // for the two domains of the tests.
-inline std::string ldif_of(const std::string& entries) {
-  const std::pair<const char*, const char*> steps[] = {{"\n  \\|", "|"},
-                                                       {"%c", ",dc=corp,dc=example,dc=com"},
-                                                       {"%l", ",dc=lab,dc=example,dc=com"},
-                                                       {"\n([^|\n]+)\\|", "\n\ndn: $1\nobjectClass: "},
-                                                       {"\\|", "\n"}};
-  std::string ldif = "\n" + entries;
-  for (const auto& [from, to] : steps) ldif = std::regex_replace(ldif, std::regex(from), to);
-  return ldif.substr(2);
+inline std::string ldif_of(std::string entries) {
+  const auto replace = [](std::string& text, std::string_view from, std::string_view to) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+      text.replace(at, from.size(), to);
+    }
+  };
+  replace(entries, "\n  |", "|");
+  replace(entries, "%c", ",dc=corp,dc=example,dc=com");
+  replace(entries, "%l", ",dc=lab,dc=example,dc=com");
+  std::istringstream lines(entries);
+  std::string ldif;
+  for (std::string line; std::getline(lines, line);) {
+    line.replace(line.find('|'), 1, "\nobjectClass: ");
+    replace(line, "|", "\n");
+    ldif += "dn: " + line + "\n\n";
+  }
+  return ldif;
 }
 
 // Two domains: corp.example.com (CORP) and lab.example.com. "Strasse" is written with a sharp s once; cn and
