@@ -29,27 +29,35 @@ bool is_ascii(std::string_view text) {
   return all < 0x80;
 }
 
-using Characters = std::vector<utf8proc_int32_t>;
-
-// False for a text that is not UTF-8.
-bool decompose(std::string_view text, Characters& characters) {
-  characters.reserve(text.size() + 1);
+// Shows each character to `visit` until that gives false. True when all of the text is UTF-8 and was shown.
+template <class Visit>
+bool for_each_character(std::string_view text, Visit visit) {
   const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
   auto left = static_cast<utf8proc_ssize_t>(text.size());
   while (left > 0) {
     utf8proc_int32_t character = 0;
     const utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &character);
-    if (length <= 0) return false;
+    if (length <= 0 || !visit(character)) return false;
     bytes += length;
     left -= length;
+  }
+  return true;
+}
+
+using Characters = std::vector<utf8proc_int32_t>;
+
+// False for a text that is not UTF-8.
+bool decompose(std::string_view text, Characters& characters) {
+  characters.reserve(text.size() + 1);
+  return for_each_character(text, [&](utf8proc_int32_t character) {
     std::array<utf8proc_int32_t, kLongestDecomposition> parts;
     int boundary = 0;
     const utf8proc_ssize_t count =
         utf8proc_decompose_char(character, parts.data(), parts.size(), kFolding, &boundary);
     if (count < 0 || count > static_cast<utf8proc_ssize_t>(parts.size())) return false;
     characters.insert(characters.end(), parts.begin(), parts.begin() + count);
-  }
-  return true;
+    return true;
+  });
 }
 
 int mark_class(utf8proc_int32_t character) {
@@ -90,17 +98,7 @@ bool ascii_iequals(std::string_view left, std::string_view right) {
 }
 
 bool is_utf8(std::string_view text) {
-  if (is_ascii(text)) return true;
-  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-  auto left = static_cast<utf8proc_ssize_t>(text.size());
-  while (left > 0) {
-    utf8proc_int32_t character = 0;
-    const utf8proc_ssize_t length = utf8proc_iterate(bytes, left, &character);
-    if (length <= 0) return false;
-    bytes += length;
-    left -= length;
-  }
-  return true;
+  return is_ascii(text) || for_each_character(text, [](utf8proc_int32_t /*any*/) { return true; });
 }
 
 std::string fold_text(std::string_view text) {
