@@ -46,6 +46,11 @@ thread_local Batch t_gathered;
 
 void answer(const BindingChange& change, int result) {
   if (change.fd < 0) return;
+  if (change.exchange != nullptr) {
+    // In a thread of the pool, as soon as one is free: a look-up may wait for a server.
+    wait_for(change.fd, EVENT_WRITE, transparent_auth_handler, change.exchange);
+    return;
+  }
   VrLogContext::setCurrentThreadTag(change.fd);
   Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, whole_text(change.ip), nullptr, 0);
   int sent = 0;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "handler/HandlerInternal.h"
+#include "handler/WmiExchange.h"
 
 // A bind or unbind that was asked for.
 struct BindingChange {
@@ -13,6 +14,8 @@ struct BindingChange {
   int type;          // of the request
   std::string ip;    // as they came
   std::string user;  // empty for an unbind
+  // Instead of an answer: goes on when the change was made. `fd` is then its agent's socket.
+  wmi_auth_task* exchange = nullptr;
 };
 
 // Makes the change soon, answers it, and registers or closes its connection, if it has one: kHandedOver.

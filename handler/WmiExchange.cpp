@@ -12,23 +12,23 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "brellog/VrLog.h"
 #include "handler/BindingChanges.h"
 #include "handler/EventHandler.h"
 #include "handler/HandlerInternal.h"
-#include "wrapper/CacheWrapper.h"
 
 namespace {
 
 constexpr uint16_t kAgentPort = 5544;
-constexpr size_t kAgentTextBytes = 512;  // of a question or a reply, its NUL included
 constexpr std::string_view kFound = "tolva_wmi_ok:";
 
 enum class Step {
   kNext,       // the stage is done: run the next one
   kWaitRead,   // until the agent's socket is readable
   kWaitWrite,  // until it is writable
+  kStore,      // until the binding is stored; the exchange is out of our hands
   kDone,       // finish
 };
 
@@ -66,23 +66,32 @@ Step send_question(wmi_auth_task& task) {
   return Step::kNext;
 }
 
-// Binds the address and, for a client that waits, looks the account up.
-void use_account(const wmi_auth_task& task, const std::string& account, Velder::IPAuthResponse* response) {
+// Binds the address. A client that waits is not answered before that is done: it may ask for the address at
+// once.
+Step use_account(wmi_auth_task& task, const std::string& account) {
   VRLOG(kLogDebug, "transparent_auth_handler(): account = (%s)", account.c_str());
-  if (task.client_fd < 0) {
-    change_binding({-1, Velder::IP_USER_BIND_REQUEST, task.ip, account});
-    return;
+  BindingChange change{-1, Velder::IP_USER_BIND_REQUEST, task.ip, account};
+  const bool client_waits = task.client_fd >= 0;
+  if (client_waits) {
+    task.stage = WmiStage::kBound;
+    strncpy(task.account, account.c_str(), sizeof(task.account) - 1);
+    change.fd = task.agent_fd;
+    change.exchange = &task;
   }
-  // What the agent knows is answered even when the binding cannot be stored, but not before it is: the client
-  // may ask for the address at once.
-  [[maybe_unused]] const int bound = CacheWrapper::update_cache_item(task.ip, account);
+  change_binding(std::move(change));
+  return client_waits ? Step::kStore : Step::kDone;
+}
+
+// What the agent knows is answered even when the binding could not be stored.
+Step look_up_account(const wmi_auth_task& task, Velder::IPAuthResponse* response) {
   UserRecord record;
-  response->set_result(get_user_record(account, record));
-  if (response->result() == 0) fill_user_info(account, record, response->mutable_userinfo());
+  response->set_result(get_user_record(task.account, record));
+  if (response->result() == 0) fill_user_info(task.account, record, response->mutable_userinfo());
+  return Step::kDone;
 }
 
 // The reply must come in one piece: what one receive gives is all that is looked at.
-Step read_answer(wmi_auth_task& task, Velder::IPAuthResponse* response) {
+Step read_answer(wmi_auth_task& task) {
   VRLOG(kLogDebug, "transparent_auth_handler(): receive stage");
   std::array<char, kAgentTextBytes> text{};
   const ssize_t received = recv(task.agent_fd, text.data(), text.size() - 1, 0);
@@ -94,7 +103,7 @@ Step read_answer(wmi_auth_task& task, Velder::IPAuthResponse* response) {
   VRLOG(kLogDebug, "transparent_auth_handler(): recv content from wmi [%s]", text.data());
   std::string account;
   switch (parse_wmi_answer(text.data(), &account)) {
-    case WmiAnswer::kUser: use_account(task, account, response); break;
+    case WmiAnswer::kUser: return use_account(task, account);
     case WmiAnswer::kNobody: break;
     case WmiAnswer::kInvalid: VRLOG(kLogInfo, "Error: received invalid response from wmi daemon"); break;
   }
@@ -107,7 +116,8 @@ Step run(wmi_auth_task& task, Velder::IPAuthResponse* response) {
     switch (task.stage) {
       case WmiStage::kConnect: step = connect_agent(task); break;
       case WmiStage::kWrite: step = send_question(task); break;
-      case WmiStage::kReceive: step = read_answer(task, response); break;
+      case WmiStage::kReceive: step = read_answer(task); break;
+      case WmiStage::kBound: step = look_up_account(task, response); break;
     }
     if (step != Step::kNext) return step;
   }
@@ -166,6 +176,7 @@ void transparent_auth_handler(int fd, short /*events*/, void* arg) {
   switch (run(*task, &response)) {
     case Step::kWaitRead: wait_for(task->agent_fd, EVENT_READ, transparent_auth_handler, task); return;
     case Step::kWaitWrite: wait_for(task->agent_fd, EVENT_WRITE, transparent_auth_handler, task); return;
+    case Step::kStore: return;
     case Step::kNext:
     case Step::kDone: finish(task, response); return;
   }

@@ -3,6 +3,7 @@
 // thread waits for the agent, and nothing times out.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -11,6 +12,7 @@ enum class WmiStage : int32_t {
   kConnect = 1,  // no socket yet
   kWrite = 2,    // connecting or connected; the question is not sent
   kReceive = 3,  // the question is sent
+  kBound = 4,    // the binding was tried: the client that waits can be answered
 };
 
 // Which of the agent's sources to ask.
@@ -20,6 +22,8 @@ enum WmiScope : int32_t {
   kScopeClient = 2,
 };
 
+constexpr size_t kAgentTextBytes = 512;  // of a question or a reply, its NUL included
+
 // One exchange. Allocated with malloc and zeroed; owned and freed by transparent_auth_handler from its
 // first call on.
 struct wmi_auth_task {
@@ -28,10 +32,11 @@ struct wmi_auth_task {
   char ip[128];
   int32_t agent_fd;   // -1 until there is a socket
   int32_t client_fd;  // the connection that waits for the outcome, not registered meanwhile; -1: none
+  char account[kAgentTextBytes];  // that the address is bound to for a client that waits
 };
 
 // Runs whenever the agent's socket is ready, and directly, with -1 for both, to begin. Neither `fd` nor
-// `events` decides anything. Leaves a wait for the agent, or everything finished and freed.
+// `events` decides anything. Leaves a wait for the agent or the store, or everything finished and freed.
 void transparent_auth_handler(int fd, short events, void* arg);
 
 // The question for `scope` about `ip`, as it goes over the wire.

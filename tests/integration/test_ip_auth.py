@@ -4,6 +4,7 @@ import contextlib
 import itertools
 import os
 import re
+import select
 import signal
 import socket
 import subprocess
@@ -136,20 +137,34 @@ def test_default_mode__answers_at_once_and_asks_once_in_two_minutes(served, agen
     assert served.count_lines(f"messge_type(IP_AUTH_RESPONSE), ip({ip}) rc(0)", level="DBG") == 1
 
 
-def test_default_mode__answers_of_the_agent_that_find_a_writer_hold_up_nobody(served, agent):
+@pytest.mark.parametrize("waits", [0, 1])
+def test_answers_of_the_agent__that_find_a_writer_hold_up_nobody(daemon, agent, waits):
+    daemon.start("--process-num", "1", workers=1, files=directory.files())
     agent.answers(b"tolva_wmi_ok:alice:CORP")
-    asked = list(itertools.islice(_addresses, 40))  # more than there are threads
-    with served.connections_by_worker() as connections:
-        one, _ = connections.values()
-        with another_writer() as writer:
-            for ip in asked:
-                assert auth(one, ip).result == 0
-            until(lambda: len(agent.questions) == len(asked), "all questions")
-            assert one.user_info("alice").result == 0
-            assert one.bound_user(asked[0]) is None
-            writer.stdin.close()
-        for ip in asked:
-            wait_bound(one, ip, "CORP\\alice")
+    asked = list(itertools.islice(_addresses, 20))  # more than there are threads
+    asker, *clients = [wire.Connection() for _ in range(1 + len(asked))]
+    for client, ip in zip(clients, asked):
+        client.query(ip)  # accepted: the queue of new connections is short
+    assert asker.user_info("alice").result == 0  # from the reply cache from here on
+    with another_writer() as writer:
+        begin, slowest = time.monotonic(), 0
+        for client, ip in zip(clients, asked):
+            client.send(wire.frame(wire.IP_AUTH, IPAuthRequest(ip=ip, **{"async": waits})))
+        while (now := time.monotonic()) < begin + 1.5 or len(agent.questions) < len(asked):
+            assert asker.user_info("alice").result == 0
+            slowest = max(slowest, time.monotonic() - now)
+        answered = len(select.select([client.socket for client in clients], [], [], 0)[0])
+        assert answered == (0 if waits else len(clients))
+        assert asker.bound_user(asked[0]) is None
+        writer.stdin.close()
+        for client, ip in zip(clients, asked):
+            assert client.receive_answer(wire.IP_AUTH).userInfo.uid == ("alice" if waits else "")
+            wait_bound(client, ip, "CORP\\alice")
+    assert slowest < 0.5, f"a look-up took {slowest:.3f} s"
+    for one in (asker, *clients):
+        one.close()
+    daemon.wait_idle()
+    assert daemon.stop() == 0
 
 
 def test_agent__not_listening(served, ip):
