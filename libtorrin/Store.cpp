@@ -70,6 +70,12 @@ bool means_damage(int error) {
          error == MDB_PAGE_NOTFOUND || error == MDB_INCOMPATIBLE;
 }
 
+// The library leaves the descriptor that it writes through to whatever the process starts.
+void keep_from_programs(MDB_env* env) {
+  mdb_filehandle_t fd = -1;
+  if (mdb_env_get_fd(env, &fd) == 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
 MDB_val to_val(const AddressKey& key) {
   return {key.size(), const_cast<uint8_t*>(key.data())};  // the library only reads keys
 }
@@ -216,6 +222,7 @@ tl::expected<void, OpenError> Store::open_environment() {
   const unsigned durability = options_.durable ? MDB_NOMETASYNC : MDB_NOSYNC;
   const unsigned flags = MDB_NOSUBDIR | MDB_NOTLS | MDB_NORDAHEAD | durability;
   if (error == 0) error = mdb_env_open(env, options_.path.c_str(), flags, kFileMode);
+  if (error == 0) keep_from_programs(env);
   MDB_txn* txn = nullptr;
   MDB_dbi dbi = 0;
   if (error == 0) error = mdb_reader_check(env, nullptr);
