@@ -15,6 +15,7 @@ from harness import directory, sandbox, wire
 from harness.daemon import processes, until, write_file
 
 FAST = 200  # the first minute of the monitor in 0.3 s; from then on a death brings the next fork at once
+FILES = directory.files(**directory.SYNCHRONISED)
 
 
 def report(text):
@@ -27,7 +28,7 @@ def chance():
 
 
 def test_workers__killed_one_after_the_other(daemon, chance):
-    daemon.start("--process-num", "3", files=directory.files(), factor=FAST, workers=3)
+    daemon.start("--process-num", "3", files=FILES, factor=FAST, workers=3)
     delays = []
     time.sleep(60 / FAST)  # the first minute, in which nothing is forked
     with bind_load() as binders:
@@ -57,7 +58,7 @@ def test_workers__killed_one_after_the_other(daemon, chance):
 
 @pytest.mark.parametrize("victims", ["all", "parent first", "workers"])
 def test_everybody__killed_and_started_again(daemon, chance, victims):
-    daemon.start(files=directory.files(), factor=FAST)
+    daemon.start(files=FILES, factor=FAST)
     promised = {}
     end = time.monotonic() + SECONDS / 2
     while True:
@@ -97,7 +98,7 @@ def test_reload__worker_killed_in_the_middle(daemon, chance):
     """A snapshot is published whole or not at all, and nobody waits for the dead."""
     size = 3000
     daemon.start("--process-num", "3", workers=3, factor=FAST,
-                 files={"directory.ldif": directory.crowd(size) + directory.newcomer("round0")})
+                 files={**FILES, "directory.ldif": directory.crowd(size) + directory.newcomer("round0")})
     time.sleep(60 / FAST)
     end = time.monotonic() + SECONDS
     number = 0

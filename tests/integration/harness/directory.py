@@ -4,6 +4,7 @@ import base64
 import hashlib
 import re
 import struct
+import time
 
 CORP = "DC=corp,DC=test"
 LAB = "dc=lab,dc=test"
@@ -124,6 +125,11 @@ def crowd_group(count, padding=""):
     """The group of everybody in crowd(count, padding)."""
     members = [("member", user_dn(f"Member {number:06}{padding}")) for number in range(count)]
     return entry(group_dn("Crowd"), ("objectClass", "group"), ("cn", "Crowd"), *members)
+
+
+# For files(), where deaths are counted: the daemon takes one a signal, so a synchronisation that ends together with a
+# worker would hide the worker's death until the next one.
+SYNCHRONISED = {".LastSyncTime.ini": f"[LdapSync]\nLastSyncTime={int(time.time()) - 1}\n"}
 
 
 def files(**more):
