@@ -14,7 +14,7 @@ import subprocess
 import pytest
 
 from harness import sandbox, wire
-from harness.daemon import LONG_WAIT, PROGRAMS, processes, until
+from harness.daemon import LONG_WAIT, PROGRAMS, Daemon
 from servers import people
 from servers.samba_ad import PEOPLE_OF_NOTE, READER_PASSWORD as AD_PASSWORD, SambaDomain
 from servers.slapd import READER, READER_PASSWORD, Slapd
@@ -33,7 +33,7 @@ SYSTEMCTL = f"""#!/bin/sh
 set -e
 stop() {{
   if [ -s {sandbox.PID_FILE} ]; then kill "$(cat {sandbox.PID_FILE})"; fi
-  for pid in $(pgrep -x AuthDaemon); do while grep -qs 'State:.[^Z]' /proc/$pid/status; do sleep 0.05; done; done
+  for pid in $(pgrep -x AuthDaemon); do while grep -qs 'State:.[^Z]' /proc/$pid/task/*/status; do sleep 0.05; done; done
 }}
 start() {{
   AuthDaemon --workdir {WORK}
@@ -140,9 +140,7 @@ class Gateway:
     def tear_down(self):
         for path in pathlib.Path("/etc/quarn").glob("*.ini"):
             path.unlink()
-        for pid in processes():
-            os.kill(pid, 9)
-        until(lambda: not [pid for pid, (_, state) in processes().items() if state != "Z"], "the end of all daemons")
+        Daemon().kill_everything()
 
 
 def run_page(name, names=(), prepare=lambda: None, finish=lambda: None):
