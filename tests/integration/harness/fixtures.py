@@ -3,7 +3,7 @@
 import pytest
 
 from harness import daemon as daemon_module
-from harness import directory
+from harness import directory, wire
 from harness.agent import ScriptedAgent
 
 _shared = []  # the daemon that several tests use, when one runs
@@ -57,6 +57,13 @@ def served():
 def _nothing_left():
     yield
     _end_shared()
+
+
+@pytest.fixture
+def connection(served):
+    """To the daemon that is shared."""
+    with wire.Connection() as one:
+        yield one
 
 
 @pytest.fixture
