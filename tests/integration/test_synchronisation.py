@@ -19,17 +19,12 @@ echo descriptors: $(ls /proc/self/fd)
 echo "this goes nowhere" >&2
 exit 3
 """
-TIME_TO_SYNC = "Info: it's time to sync with ldap server...."
 FORKED = re.compile(r"^Info: fork process \[(\d+)\] to sync ldap$")
 LOG = f"{sandbox.WORKDIR}/log/LdapSync.log."
 
 
 def recorded(seconds_from_now):
     return f"[LdapSync]\nLastSyncTime={int(time.time()) + seconds_from_now}\n"
-
-
-def settings(interval):
-    return "[LDAP_Setting]\n" + ("" if interval is None else f"SyncInterval={interval}\n")
 
 
 def sync_log():
@@ -41,59 +36,43 @@ def sync_log():
     return "".join(texts)
 
 
-@pytest.mark.parametrize("verbose", [True, False])
-def test_script__arguments_output_and_signals(daemon, verbose):
-    daemon.start(*["--verbose"] * verbose, files=directory.files(**{"LdapSyncTool.sh": SCRIPT}), factor=FACTOR)
+@pytest.mark.parametrize("options", [["--verbose"], []], ids=str)
+def test_script__arguments_output_and_signals(daemon, options):
+    daemon.start(*options, files=directory.files(**{"LdapSyncTool.sh": SCRIPT}), factor=FACTOR)
     forked = daemon.wait_line(FORKED, level="INF", pid=daemon.pid)
     done = daemon.wait_line(re.compile(r"^Info: execute command: "), level="INF")
     assert done.pid == int(FORKED.match(forked.text)[1])
-    day = glob.glob(LOG + "*")[0].removeprefix(LOG)
-    assert done.text == (f"Info: execute command: {sandbox.WORKDIR}/LdapSyncTool.sh {'verbose ' * verbose}2>&1 >>"
-                         f"{LOG}{day}, return {3 << 8}")
+    assert done.text == (f"Info: execute command: {sandbox.WORKDIR}/LdapSyncTool.sh {'verbose ' * len(options)}2>&1 >>"
+                         f"{glob.glob(LOG + '*')[0]}, return {3 << 8}")
     assert seconds_between(forked, done) >= 60 / FACTOR
     daemon.wait_line(f"child receive exit signal, child process [{done.pid}] exit", level="INF")
-
-    lines = sync_log().splitlines()
-    assert lines[0] == ("arguments: 1:verbose" if verbose else "arguments: 0:")
-    masks = {name: int(mask, 16) for name, mask in (line.split(":") for line in lines[1:3])}
-    bit = {number: 1 << (number - 1) for number in (1, 2, 10, 12, 13, 15, 17)}
-    assert masks["SigBlk"] == 0
-    assert masks["SigIgn"] & (bit[10] | bit[12]) == bit[10] | bit[12]
-    assert masks["SigIgn"] & (bit[1] | bit[2] | bit[13] | bit[15] | bit[17]) == 0
-    assert lines[3] == "descriptors: 0 1 2 3"  # nothing of the daemon's; the last is the listing's own
-    assert daemon.stop() == 0
+    said, *masks, descriptors = sync_log().splitlines()
+    assert said == ("arguments: 1:verbose" if options else "arguments: 0:")
+    blocked, ignored = (int(mask.split(":")[1], 16) for mask in masks)
+    assert blocked == 0
+    assert {number for number in (1, 2, 10, 12, 13, 15, 17) if ignored >> (number - 1) & 1} == {10, 12}
+    assert descriptors == "descriptors: 0 1 2 3"  # nothing of the daemon's; the last is the listing's own
 
 
-@pytest.mark.parametrize("files, interval, runs", [
-    ({".LastSyncTime.ini": recorded(-3600)}, 86400, False),  # without settings: a day
-    ({".LastSyncTime.ini": recorded(-3600), "LdapSetting.ini": settings(61)}, 3660, False),
-    ({".LastSyncTime.ini": recorded(-3600), "LdapSetting.ini": settings(59)}, 3540, True),
-    ({".LastSyncTime.ini": recorded(+3600)}, 86400, True),  # from the future: does not count
-    ({".LastSyncTime.ini": "[LdapSync]\nLastSyncTime=yesterday\n"}, 86400, True),
-    ({}, 86400, True),
-], ids=["recent", "just not due", "just due", "future", "unreadable", "never"])
-def test_schedule__what_was_recorded_decides(daemon, files, interval, runs):
-    daemon.start("--verbose", files=directory.files(**files), factor=FACTOR)
-    if not runs:
-        last = int(files[".LastSyncTime.ini"].rpartition("=")[2])
-        daemon.wait_line(f"Skip sync, last time {last}, interval {interval}", level="DBG")
-        assert daemon.count_lines(TIME_TO_SYNC) == 0
-    else:
-        daemon.wait_line(TIME_TO_SYNC, level="DBG")
-        # The child's end wakes the monitor; its next round finds that one has just been launched.
+@pytest.mark.parametrize("ago, settings, interval, runs", [
+    (3600, None, 86400, 0),  # without settings: a day
+    (3600, "SyncInterval=61", 3660, 0),
+    (3600, "SyncInterval=59", 3540, 1),
+    (-3600, None, 86400, 1),  # from the future: does not count
+    (3600, "", None, 2),  # settings without an interval: every round
+], ids=str)
+def test_schedule__what_was_recorded_decides(daemon, ago, settings, interval, runs):
+    last = int(time.time()) - ago
+    files = directory.files(**{".LastSyncTime.ini": f"[LdapSync]\nLastSyncTime={last}\n"})
+    if settings is not None:
+        files["LdapSetting.ini"] = f"[LDAP_Setting]\n{settings}\n"
+    daemon.start("--verbose", files=files, factor=FACTOR)
+    if runs > 0:
+        daemon.wait_line(FORKED, count=runs)
+    if interval is not None:  # the child's end wakes the monitor, which finds that one has just been launched
         skipped = daemon.wait_line(re.compile(rf"^Skip sync, last time \d+, interval {interval}$"), level="DBG")
-        assert abs(int(re.search(r"time (\d+)", skipped.text)[1]) - time.time()) < 30
-        assert daemon.count_lines(TIME_TO_SYNC) == 1
-    assert daemon.stop() == 0
-
-
-def test_schedule__settings_without_an_interval_mean_every_round(daemon):
-    daemon.start("--verbose", files=directory.files(**{"LdapSetting.ini": settings(None), "LdapSyncTool.sh": SCRIPT}),
-                 factor=FACTOR)
-    daemon.wait_line(FORKED, count=2)
-    assert daemon.count_lines(re.compile("^Skip sync")) == 0
-    until(lambda: sync_log().count("arguments") >= 2, "two runs of the script")
-    assert daemon.stop() == 0
+        assert abs(int(re.search(r"time (\d+)", skipped.text)[1]) - (time.time() if runs else last)) < 30
+        assert daemon.count_lines(FORKED) == runs
 
 
 def test_script__is_not_told_to_end_with_the_daemon(daemon):
