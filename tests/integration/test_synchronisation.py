@@ -23,10 +23,6 @@ FORKED = re.compile(r"^Info: fork process \[(\d+)\] to sync ldap$")
 LOG = f"{sandbox.WORKDIR}/log/LdapSync.log."
 
 
-def recorded(seconds_from_now):
-    return f"[LdapSync]\nLastSyncTime={int(time.time()) + seconds_from_now}\n"
-
-
 def sync_log():
     texts = []
     for path in glob.glob(LOG + "*"):
