@@ -30,9 +30,8 @@ class CacheTest : public testing::Test {
     char name[] = "/tmp/torrin-test-XXXXXX";
     root_ = mkdtemp(name);
     workdir_ = root_ + "/work";
-    std::filesystem::create_directory(workdir_);
+    for (const char* folder : {"/work", "/log"}) std::filesystem::create_directory(root_ + folder);
     write_text(root_ + "/boot_id", "first-boot\n");
-    std::filesystem::create_directory(root_ + "/log");
     VrLog::setConfig("test.log", (root_ + "/log/").c_str());
     VrLog::setLogVerbose(true);
     g_test_time = 1'000'000;
@@ -50,37 +49,34 @@ class CacheTest : public testing::Test {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
-  torrin::Surroundings surroundings() const {
-    torrin::Surroundings result;
-    result.clock = [] { return g_test_time.load(); };
-    result.boot_id_file = root_ + "/boot_id";
-    result.map_bytes = map_bytes_;
-    return result;
-  }
   void settings(const std::string& lines) {
     write_text(workdir_ + "/IPUserCache.ini", "[IPUserCache]\n" + lines);
-  }
-  std::unique_ptr<torrin::BindingCache> make_cache() const {
-    return std::make_unique<torrin::BindingCache>(surroundings());
   }
   // A start of the daemon, after the clean end of the one before.
   int start() {
     cache_.reset();
-    cache_ = make_cache();
+    cache_ = std::make_unique<torrin::BindingCache>(
+        torrin::Surroundings{[] { return g_test_time.load(); }, root_ + "/boot_id", map_bytes_});
     return cache_->initialize(workdir_.c_str());
   }
   std::string file(const char* name) const { return workdir_ + "/ip_user_cache/" + name; }
 
-  int bind(const char* ip, const std::string& user) { return cache_->update(ip, user); }
+  int bind(const std::string& ip, const std::string& user) { return cache_->update(ip.c_str(), user); }
   // The user behind the address, or the result in brackets.
-  std::string lookup(const std::string& ip) { return lookup(*cache_, ip); }
-  static std::string lookup(torrin::BindingCache& cache, const std::string& ip) {
+  std::string lookup(const std::string& ip) {
     std::string user = "untouched";
     long expire = -5;
-    const int result = cache.query(ip.c_str(), user, expire);
+    const int result = cache_->query(ip.c_str(), user, expire);
     if (result == kCacheSuccess) return user;
     if (user != "untouched" || expire != -5) return "changed by a failure";
     return "<" + std::to_string(result) + ">";
+  }
+  // So many addresses, in their order.
+  static std::vector<std::string> addresses(int count) {
+    std::vector<std::string> all;
+    for (int i = 0; i < count; ++i)
+      all.push_back("10.0." + std::to_string(i / 256) + "." + std::to_string(i % 256));
+    return all;
   }
 
   // Runs `work` in a child that ends without destructors, as a daemon that was killed; gives its wait status.
@@ -92,31 +88,23 @@ class CacheTest : public testing::Test {
     return status;
   }
 
-  // Lines of a level ("ERR", "INF") written since the last call, with the given text.
-  int new_lines(const std::string& level, const std::string& text = "") {
+  // Lines of a level ("ERR", "INF") with the given text since forget_log().
+  int log_lines(const std::string& level, const std::string& text = "") const {
     int count = 0;
-    size_t seen = 0;
     for (const auto& entry : std::filesystem::directory_iterator(root_ + "/log")) {
       std::ifstream log(entry.path());
-      for (std::string line; std::getline(log, line); ++seen) {
-        if (seen < log_lines_seen_) continue;
-        if (line.find("<" + level + ">") != std::string::npos && line.find(text) != std::string::npos)
-          ++count;
-      }
+      for (std::string line; std::getline(log, line);)
+        count += line.find("<" + level + ">") != std::string::npos && line.find(text) != std::string::npos;
     }
     return count;
   }
-  void forget_log() {
-    log_lines_seen_ = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(root_ + "/log")) {
-      std::ifstream log(entry.path());
-      for (std::string line; std::getline(log, line);) ++log_lines_seen_;
-    }
+  void forget_log() const {
+    for (const auto& entry : std::filesystem::directory_iterator(root_ + "/log"))
+      std::filesystem::remove(entry.path());
   }
 
   std::string root_;
   std::string workdir_;
   size_t map_bytes_ = torrin::kMapBytes;
-  size_t log_lines_seen_ = 0;
   std::unique_ptr<torrin::BindingCache> cache_;
 };

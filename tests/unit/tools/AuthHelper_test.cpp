@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cctype>
+#include <cstring>
 #include <thread>
 
 #include "daemonbase/UniqueFd.h"
@@ -90,64 +92,41 @@ TEST(AuthHelperReply, IsOneLineWithTheValuesItWasGiven) {
 }
 
 TEST(AuthHelperReply, EscapesEveryByteThatIsNotPlain) {
-  for (int byte = 0; byte < 256; ++byte) {
+  for (int byte = 1; byte < 256; ++byte) {  // no field holds a 0
     const std::string text(1, static_cast<char>(byte));
     const std::string escaped = escape_value(text);
-    EXPECT_EQ(
-        escaped.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._@%"),
-        std::string::npos);
-    if (byte == 0) continue;  // no field holds one
+    EXPECT_TRUE(text == escaped ? isalnum(byte) || strchr("-._@", byte) : escaped.starts_with('%')) << byte;
     EXPECT_EQ(parse_helper_line(escaped, Mode::kIpUser, false).fields, Fields{text}) << byte;
   }
 }
 
 TEST(AuthHelperTokens, AndWhatBelongsToThem) {
-  for (const char* text : {"A", "YWJj", "YWI=", "YQ==", "+/+/"}) EXPECT_TRUE(is_base64(text)) << text;
-  for (const char* text : {"", "=", "==", "YQ===", "Y=Q", "YW Jj", "%41", "YQ\n"})
+  for (const char* text : {"A", "YWI=", "YQ==", "+/+/"}) EXPECT_TRUE(is_base64(text)) << text;
+  for (const char* text : {"", "==", "YQ===", "Y=Q", "YW Jj", "%41", "YQ\n"})
     EXPECT_FALSE(is_base64(text)) << text;
-
-  EXPECT_EQ(client_address({"YR", "x", "10.1.2.3"}), "10.1.2.3");
   EXPECT_EQ(client_address({"YR", "x", "2001:db8::1"}), "2001:db8::1");
-  for (const Fields& fields : {Fields{"YR", "x"}, Fields{"YR", "x", "-"}, Fields{"YR", "x", ""}}) {
+  for (const Fields& fields : {Fields{"YR", "x"}, {"YR", "x", "-"}, {"YR", "x", ""}})
     EXPECT_EQ(client_address(fields), "0.0.0.0");
-  }
-  EXPECT_EQ(without_realm("alice@EXAMPLE.ORG"), "alice");
   EXPECT_EQ(without_realm("al@home@EXAMPLE.ORG"), "al@home");
   EXPECT_EQ(without_realm("alice"), "alice");
   EXPECT_EQ(without_realm("@EXAMPLE.ORG"), "@EXAMPLE.ORG");
 }
 
-class AuthHelperReader : public ::testing::Test {
- protected:
-  void SetUp() override {
+TEST(AuthHelperReader, TakesLinesOfAnyPieces) {
+  const std::string longest(LineReader::kLongestLine, 'x');
+  const std::string text =
+      "first\n\n" + longest + "\n9 " + longest + "\n" + longest + longest + longest + "\nlast\ncut off";
+  for (const size_t piece : {size_t{1000}, size_t{65536}}) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
-    from_.reset(ends[0]);
-    to_.reset(ends[1]);
-  }
-  // Writes in pieces of this size from a thread of its own, then closes.
-  void write_in_pieces(const std::string& text, size_t piece) {
-    writer_ = std::jthread([this, text, piece] {
+    const UniqueFd from(ends[0]);
+    const std::jthread writer([&, to = UniqueFd(ends[1])] {
       for (size_t at = 0; at < text.size(); at += piece) {
         const std::string part = text.substr(at, piece);
-        ASSERT_EQ(write(to_.get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
+        ASSERT_EQ(write(to.get(), part.data(), part.size()), static_cast<ssize_t>(part.size()));
       }
-      to_.reset();
     });
-  }
-
-  UniqueFd from_, to_;
-  std::jthread writer_;
-};
-
-TEST_F(AuthHelperReader, TakesLinesOfAnyPieces) {
-  const std::string longest(LineReader::kLongestLine, 'x');
-  for (const size_t piece : {size_t{1000}, size_t{65536}}) {
-    SetUp();
-    write_in_pieces(
-        "first\n\n" + longest + "\n9 " + longest + "\n" + longest + longest + longest + "\nlast\ncut off",
-        piece);
-    LineReader reader(from_.get());
+    LineReader reader(from.get());
     for (const std::string& line : {"first"s, ""s, longest}) {
       ASSERT_EQ(reader.next(), LineReader::What::kLine);
       EXPECT_EQ(reader.line(), line);
@@ -158,7 +137,6 @@ TEST_F(AuthHelperReader, TakesLinesOfAnyPieces) {
     ASSERT_EQ(reader.next(), LineReader::What::kLine);
     EXPECT_EQ(reader.line(), "last");
     EXPECT_EQ(reader.next(), LineReader::What::kEnd);
-    writer_.join();
   }
 }
 

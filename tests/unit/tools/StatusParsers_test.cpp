@@ -16,33 +16,27 @@ namespace {
 
 using testing::ElementsAre;
 
-TEST(StatusProcess, AProcessMayHaveAnyName) {
-  const std::string rest = " S 7 812 811 0 -1 4194624 1 0 0 0 0 0 0 0 20 0 11 0 98765 1 2 3";
-  const auto stat = parse_stat("812 (a) R 1 (b) " + rest);
+TEST(StatusProcess, WhatTheKernelTellsOfAProcessWhateverItsName) {
+  const auto stat =
+      parse_stat("812 (a) R 1 (b)  S 7 812 811 0 -1 4194624 1 0 0 0 0 0 0 0 20 0 11 0 98765 1 2 3");
   ASSERT_TRUE(stat);
   EXPECT_EQ(stat->name, "a) R 1 (b");
   EXPECT_EQ(stat->state, 'S');
   EXPECT_EQ(stat->parent, 7);
   EXPECT_EQ(stat->session, 811);
   EXPECT_EQ(stat->start_ticks, 98765U);
-  for (const char* wrong : {"", "812", "812 (x", "812 )x(", "812 (x) S 1 2", "812 (x) S one 2 3"}) {
+  for (const char* wrong : {"", "812 (x", "812 )x(", "812 (x) S 1 2", "812 (x) S one 2 3"})
     EXPECT_FALSE(parse_stat(wrong)) << wrong;
-  }
-}
 
-TEST(StatusProcess, SignalsOfTheProcessAndOfItsMainThreadArePending) {
-  const std::string text =
+  const auto status = parse_status(
       "Name:\tx\nUid:\t990\t0\t0\t0\nVmRSS:\t  5120 kB\nThreads:\t11\nSigPnd:\t0000000000000200\n"
-      "ShdPnd:\t0000000000000800\nSigBlk:\t0000000000000004\nSigCgt:\t0000000000000a00\n";
-  const auto status = parse_status(text);
+      "ShdPnd:\t0000000000000800\nSigBlk:\t0000000000000004\nSigCgt:\t0000000000000a00\n");
   ASSERT_TRUE(status);
   EXPECT_EQ(status->user, 990U);
   EXPECT_EQ(status->threads, 11);
   EXPECT_EQ(status->memory_kb, 5120U);
-  EXPECT_TRUE(has_signal(status->pending, SIGUSR1));
-  EXPECT_TRUE(has_signal(status->pending, SIGUSR2));
-  EXPECT_TRUE(has_signal(status->blocked, SIGQUIT));
-  EXPECT_TRUE(has_signal(status->caught, SIGUSR1));
+  EXPECT_TRUE(has_signal(status->pending, SIGUSR1) && has_signal(status->pending, SIGUSR2));
+  EXPECT_TRUE(has_signal(status->blocked, SIGQUIT) && has_signal(status->caught, SIGUSR1));
   EXPECT_FALSE(has_signal(status->caught, SIGHUP));
   EXPECT_FALSE(parse_status("Name:\tx\nThreads:\t1\n"));
 }
@@ -81,47 +75,40 @@ TEST(StatusLog, ALineIsTakenApartFromItsBeginning) {
   EXPECT_EQ(parse_log_line("09:30:00.123 <ERR><0:1:1> cut off")->text, "cut off");
   for (const char* wrong : {"", "09:30:00.123", "09:30:00.123 <INF>", "9:30:00.1234 <INF><0:1:1> x",
                             "09:30:00.123 <INFORMATION><0:1:1> x", "09:30:00.123 <INF><0:1> x",
-                            "a 09:30:00.123 <ERR><0:1:1> x", "09:30:00.123 <INF><0:99999999999:1> x"}) {
+                            "a 09:30:00.123 <ERR><0:1:1> x", "09:30:00.123 <INF><0:99999999999:1> x"})
     EXPECT_FALSE(parse_log_line(wrong)) << wrong;
-  }
 }
 
 TEST(StatusLog, FiguresAndRunsAreWholeLinesOnly) {
-  const auto figures =
-      parse_cache_figures("reply cache statistic info: size(4096), count(7), query(20), hit(-1)");
+  const std::string text = "reply cache statistic info: size(4096), count(7), query(20), hit(-1)";
+  const auto figures = parse_cache_figures(text);
   ASSERT_TRUE(figures);
   EXPECT_EQ(figures->size, 4096);
   EXPECT_EQ(figures->count, 7);
   EXPECT_EQ(figures->queries, 20);
   EXPECT_EQ(figures->hits, -1) << "counters that went round";
-  EXPECT_FALSE(parse_cache_figures("reply cache statistic info: size(4096), count(7), query(20), hit(1) "));
-  EXPECT_FALSE(parse_cache_figures("user reply cache statistic info: size(1), count(1), query(1), hit(1)"));
+  EXPECT_FALSE(parse_cache_figures(text + " "));
+  EXPECT_FALSE(parse_cache_figures("user " + text));
   EXPECT_EQ(parse_script_run("Info: execute command: /w, return 7/x.sh 2>&1 >>/w, return 256"), 256);
   EXPECT_FALSE(parse_script_run("Info: execute command: /w/x.sh, return 1x"));
 }
 
 TEST(StatusLog, AReloadIsWhatTheMainThreadSays) {
-  struct Row {
-    const char* line;
-    ReloadWord word;
+  const std::pair<const char*, ReloadWord> rows[] = {
+      {"<INF><0:8:8> Handle single 10, reload data...", ReloadWord::kTaken},
+      {"<INF><0:8:8> Handle single 15, daemon will exit", ReloadWord::kNothing},
+      {"<INF><0:8:8> Directory: built from /w/d.ldif in 0.1 s: 1 users", ReloadWord::kDone},
+      {"<INF><0:8:8> Directory: /w/d.ldif is unchanged, 8 users, 6 groups", ReloadWord::kDone},
+      {"<INF><0:8:8> Directory: /w/LdapSetting.ini: [Domain_1] X is not known", ReloadWord::kNothing},
+      {"<ERR><0:8:8> Directory: /w/d.ldif:2: no colon in the line", ReloadWord::kFailed},
+      {"<ERR><9:8:9> Directory: a look-up at the servers failed (81)", ReloadWord::kNothing},
+      {"<INF><0:8:9> Handle single 10, reload data...", ReloadWord::kNothing},
   };
-  const Row kRows[] = {
-      {"<INF><0:8:8> Handle single 10, reload data... @<h> @@<W.cpp:1>", ReloadWord::kTaken},
-      {"<INF><0:8:8> Handle single 15, daemon will exit @<h> @@<W.cpp:1>", ReloadWord::kNothing},
-      {"<INF><0:8:8> Directory: built from /w/d.ldif in 0.1 s: 1 users @<l> @@<L.cpp:1>", ReloadWord::kDone},
-      {"<INF><0:8:8> Directory: /w/d.ldif is unchanged, 8 users, 6 groups @<l> @@<L.cpp:1>",
-       ReloadWord::kDone},
-      {"<INF><0:8:8> Directory: /w/LdapSetting.ini: [Domain_1] X is not known @<l> @@<L.cpp:1>",
-       ReloadWord::kNothing},
-      {"<ERR><0:8:8> Directory: /w/d.ldif:2: no colon in the line @<r> @@<L.cpp:1>", ReloadWord::kFailed},
-      {"<ERR><9:8:9> Directory: a look-up at the servers failed (81) @<r> @@<L.cpp:1>", ReloadWord::kNothing},
-      {"<INF><0:8:9> Handle single 10, reload data... @<h> @@<W.cpp:1>", ReloadWord::kNothing},
-  };
-  for (const Row& row : kRows) {
-    const std::string text = std::string("09:30:00.123 ") + row.line;
-    const auto line = parse_log_line(text);
+  for (const auto& [text, word] : rows) {
+    const std::string whole = std::string("09:30:00.123 ") + text + " @<f> @@<L.cpp:1>";
+    const auto line = parse_log_line(whole);
     ASSERT_TRUE(line) << text;
-    EXPECT_EQ(parse_reload(*line), row.word) << text;
+    EXPECT_EQ(parse_reload(*line), word) << text;
   }
 }
 
