@@ -50,11 +50,15 @@ struct BindResult {
 
 enum class SearchScope { kBase, kOneLevel, kSubtree };
 
-// A search that goes beyond one of these ends with code 4 (`seconds`: with 85).
+// A search that goes beyond one of the first two ends with code 4.
 struct SearchLimits {
   uint64_t max_entries = 5'000'000;
   uint64_t max_bytes = uint64_t{4} << 30;  // of DNs, attribute names and values together
-  uint32_t seconds = 0;  // for the whole search; 0: only each wait for the server is bounded
+  // Of the whole search, however many requests it takes. Ends it with code 1: the server may be a good one.
+  std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max();
+  // OperationTimeout is for each entry, not for each request: whole domains take their time. Then `until` is
+  // all that ends a server that sends one entry after the other just in time.
+  bool by_entry = false;
 };
 
 // The caller escapes what goes into `base` and `filter` (Dn.h).
@@ -83,7 +87,8 @@ struct RootDse {
 // uses.
 //
 // Nothing waits longer than the time-outs of the domain: open() ConnectTimeout for finding, connecting and
-// TLS together, every other wait for the server OperationTimeout. The descriptor is closed on exec.
+// TLS together; a bind, and each request of a search (a page, a range) with all that answers it,
+// OperationTimeout. The descriptor is closed on exec.
 class LdapConnection {
  public:
   // Connects to `url` (ldap:// or ldaps://) with protocol 3, no referrals, keep-alive; with TLS for ldaps://

@@ -14,7 +14,6 @@
 namespace velder {
 namespace {
 
-using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 // Below the 1,000 that Active Directory grants.
@@ -105,7 +104,6 @@ class Search {
   Search(LdapConnection::Session& session, const SearchRequest& request, const EntrySink& each)
       : session_(session), request_(request), each_(each) {
     paged_ = request.scope != SearchScope::kBase;
-    if (request.limits.seconds != 0) end_ = steady_clock::now() + seconds(request.limits.seconds);
   }
 
   Result<void> run() {
@@ -149,11 +147,18 @@ class Search {
     return refused && paged_ && entries_ == 0;
   }
 
-  Deadline next_deadline() const { return std::min(session_.deadline(), end_); }
+  Result<void> within_time() const {
+    if (steady_clock::now() < request_.limits.until) return {};
+    return session_.fail(kDirectoryOther, "search: not done in the time that it is given");
+  }
 
-  Result<void> within_time() {
-    if (steady_clock::now() < end_) return {};
-    return session_.fail(kDirectoryTimeout, "search: not done in the time that it is given");
+  // The next one that answers the request that was sent last.
+  Result<Message> receive(int id, std::string_view doing) {
+    if (request_.limits.by_entry) answered_by_ = session_.deadline();
+    auto message = session_.wait(id, std::min(answered_by_, request_.limits.until), doing);
+    if (message || message.error().code != kDirectoryTimeout) return message;
+    const auto in_time = within_time();
+    return in_time ? std::move(message) : tl::unexpected(in_time.error());
   }
 
   Result<int> send(const std::string& base, int scope, const std::string& filter,
@@ -165,6 +170,7 @@ class Search {
     names.push_back(nullptr);
     std::array<LDAPControl*, 2> controls{control, nullptr};
     int id = 0;
+    answered_by_ = session_.deadline();
     const int rc = ldap_search_ext(session_.ld, base.c_str(), scope, filter.c_str(),
                                    attributes.empty() ? nullptr : names.data(), 0,
                                    control != nullptr ? controls.data() : nullptr, nullptr, nullptr, 0, &id);
@@ -191,7 +197,7 @@ class Search {
     const auto id = send_page(cookie);
     if (!id) return tl::unexpected(id.error());
     for (;;) {
-      auto message = session_.wait(*id, next_deadline(), "search");
+      auto message = receive(*id, "search");
       if (!message) return tl::unexpected(message.error());
       const int type = ldap_msgtype(message->get());
       if (type == LDAP_RES_SEARCH_RESULT) return end_of_page(message->get());
@@ -330,7 +336,7 @@ class Search {
     const uint64_t before = range.next;
     bool last = false;
     for (;;) {
-      const auto message = session_.wait(*id, next_deadline(), "search for more values");
+      const auto message = receive(*id, "search for more values");
       if (!message) return tl::unexpected(message.error());
       const int type = ldap_msgtype(message->get());
       if (type == LDAP_RES_SEARCH_RESULT) {
@@ -383,7 +389,7 @@ class Search {
   LdapConnection::Session& session_;
   const SearchRequest& request_;
   const EntrySink& each_;
-  Deadline end_ = Deadline::max();
+  Deadline answered_by_;  // the request that was sent last
   bool paged_ = true;
   uint64_t entries_ = 0;
   uint64_t others_ = 0;

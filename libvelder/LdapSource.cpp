@@ -11,6 +11,8 @@
 namespace velder {
 namespace {
 
+using Time = std::chrono::steady_clock::time_point;
+
 constexpr uint64_t kProgressEvery = 500;  // entries
 
 // Of entries that come twice from one domain, beside those that another domain has as well. Beyond that the
@@ -38,8 +40,10 @@ tl::unexpected<Error> failed(int code, const std::string& text) {
 // half-way through spoils the attempt: the next one begins with the server that took its place.
 class Attempt {
  public:
-  Attempt(const Settings& settings, const SyncOptions& options)
-      : options_(options), builder_(settings, BuildOptions{.keep_passwords = false, .pass_repeats = true}) {}
+  Attempt(const Settings& settings, const SyncOptions& options, Time until)
+      : options_(options),
+        until_(until),
+        builder_(settings, BuildOptions{.keep_passwords = false, .pass_repeats = true}) {}
 
   Result<void> read(ServerPool& servers) {
     bool begun = false;
@@ -68,6 +72,8 @@ class Attempt {
     request.base = domain.base_dn;
     request.filter = domain.schema == Schema::kAd ? kAdFilter : kPosixFilter;
     request.attributes = directory_attributes();
+    request.limits.by_entry = true;
+    request.limits.until = until_;
     const size_t most_repeats = builder_.repeat_count() + entries_ + kMostRepeats;
     return connection.search(request, [&](LdifRecord& entry) -> Result<void> {
       report(domain.dns_name);
@@ -85,6 +91,7 @@ class Attempt {
   }
 
   const SyncOptions& options_;
+  const Time until_;
   SnapshotBuilder builder_;
   uint64_t entries_ = 0;
   bool spoilt_ = false;
@@ -101,6 +108,11 @@ size_t server_count(const Settings& settings) {
   size_t count = 0;
   for (const Domain& domain : settings.domains) count += domain.servers.size();
   return count;
+}
+
+tl::unexpected<Error> out_of_time(const Error& error, const Attempt& attempt) {
+  return failed(error.code, error.text + "; given up after " + std::to_string(attempt.entries()) +
+                                " entries, because SyncTimeLimit is over; the present snapshot stays");
 }
 
 Result<SyncReport> publish(const std::string& workdir, const Settings& settings, const SyncOptions& options,
@@ -176,18 +188,20 @@ std::optional<std::string> guard_objection(uint32_t shrink_guard, const std::opt
 
 Result<SyncReport> sync_from_servers(const std::string& workdir, const Settings& settings,
                                      const SyncOptions& options) {
-  const auto begin = std::chrono::steady_clock::now();
-  const auto lock = SnapshotLock::acquire(workdir);
+  const Time begin = std::chrono::steady_clock::now();
+  const Time until = options.time_limit.count() == 0 ? Time::max() : begin + options.time_limit;
+  const auto lock = SnapshotLock::acquire(workdir, until);
   if (!lock) return tl::make_unexpected(lock.error());
 
   std::list<ServerPool> pools;  // kept over the attempts: they remember who failed
   for (const Domain& domain : settings.domains) pools.emplace_back(domain, ServerPool::Probes::kNone);
   for (size_t attempts_left = server_count(settings) + 1;; --attempts_left) {
-    Attempt attempt(settings, options);
+    Attempt attempt(settings, options, until);
     Result<void> read;
     for (ServerPool& servers : pools) {
       if (read = attempt.read(servers); !read) break;
     }
+    if (!read && std::chrono::steady_clock::now() >= until) return out_of_time(read.error(), attempt);
     if (!read && attempt.spoilt() && attempts_left > 1) continue;
     if (!read) return tl::make_unexpected(read.error());
     auto report = publish(workdir, settings, options, attempt);

@@ -213,6 +213,10 @@ bool LiveSearch::may_hold(size_t number, std::string_view dns) const {
 Result<void> LiveSearch::in_time() {
   if (!patience_.may_go_on())
     return failed(kDirectoryTimeout, "the servers are slow, and too many look-ups take longer already");
+  return before_deadline();
+}
+
+Result<void> LiveSearch::before_deadline() const {
   if (std::chrono::steady_clock::now() < deadline_) return {};
   return failed(kDirectoryTimeout, "the servers took too long over one look-up, more than " +
                                        std::to_string(kMostTime.count()) + " seconds");
@@ -224,6 +228,7 @@ Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Questio
   if (auto begin = in_time(); !begin) return tl::make_unexpected(begin.error());
   request.attributes = attributes_for(question.wanted);
   request.limits.max_entries = kMostEntries;
+  request.limits.until = deadline_;
   const size_t before = found.size();
   Result<void> time;  // no time left is not the server's time-out, which would put it aside
   const auto take = [&](LdifRecord& record) -> Result<void> {
@@ -240,6 +245,7 @@ Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Questio
   });
   if (done) return true;
   const int code = done.error().code;
+  if (time && code == kDirectoryOther) time = before_deadline();
   if (!time) return tl::make_unexpected(time.error());
   if (code == kDirectorySizeLimit) return false;
   // An entry that another server holds is not in this tree either.
@@ -291,6 +297,7 @@ Result<bool> LiveSearch::finds_dns(size_t number) {
     request.scope = SearchScope::kBase;
     request.filter = equality(dn_attribute(domain(number).schema), domain(number).base_dn);
     request.attributes = {"1.1"};  // none
+    request.limits.until = deadline_;
     if (auto time = in_time(); !time) return tl::make_unexpected(time.error());
     const auto done = pools_[number]->read([&](LdapConnection& connection) {
       return connection.search(request, [&](LdifRecord&) -> Result<void> {

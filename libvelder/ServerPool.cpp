@@ -316,6 +316,8 @@ Result<void> find_a_user(LdapConnection& connection, const Domain& domain, Serve
   if (domain.schema == Schema::kAd) request.filter = all_of(request.filter + "(!(objectClass=computer))");
   request.attributes = {"1.1"};  // no attributes
   request.limits.max_entries = 1;
+  request.limits.until =
+      std::chrono::steady_clock::now() + seconds(domain.operation_timeout);  // pages are many
   const auto done = connection.search(request, [&](LdifRecord&) -> Result<void> {
     status.users_found = true;
     return {};

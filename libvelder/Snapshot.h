@@ -8,6 +8,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -218,7 +219,9 @@ class SnapshotBuilder {
 class SnapshotLock {
  public:
   // Waits for the present holder.
-  static Result<SnapshotLock> acquire(const std::string& workdir);
+  static Result<SnapshotLock> acquire(
+      const std::string& workdir,
+      std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max());
   SnapshotLock(SnapshotLock&& other) noexcept;
   SnapshotLock& operator=(SnapshotLock&&) = delete;
   ~SnapshotLock();

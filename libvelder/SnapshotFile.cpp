@@ -8,14 +8,19 @@
 #include <array>
 #include <bit>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <system_error>
+#include <thread>
 
 #include "libvelder/Fold.h"
 #include "libvelder/SnapshotInternal.h"
 
 namespace velder {
 namespace {
+
+// How often the lock is tried by who does not wait for it for ever.
+constexpr std::chrono::milliseconds kLockPause{200};
 
 constexpr char kMagic[] = "SQLite format 3";  // with its NUL the first 16 bytes
 
@@ -191,13 +196,20 @@ Result<const GroupGraph*> SnapshotFile::groups() const {
   return &*groups_;
 }
 
-Result<SnapshotLock> SnapshotLock::acquire(const std::string& workdir) {
+Result<SnapshotLock> SnapshotLock::acquire(const std::string& workdir,
+                                           std::chrono::steady_clock::time_point until) {
   const std::string path = path_in(workdir, kSnapshotLockName);
   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0600);
   if (fd < 0) return failed(path + ": the lock file cannot be opened for writing", errno);
   SnapshotLock lock(fd);
-  while (flock(fd, LOCK_EX) != 0) {
-    if (errno != EINTR) return failed(path + ": cannot be locked", errno);
+  const bool for_ever = until == std::chrono::steady_clock::time_point::max();
+  while (flock(fd, for_ever ? LOCK_EX : LOCK_EX | LOCK_NB) != 0) {
+    if (errno != EINTR && errno != EWOULDBLOCK) return failed(path + ": cannot be locked", errno);
+    if (for_ever) continue;
+    if (std::chrono::steady_clock::now() >= until)
+      return tl::unexpected(
+          Error{kDirectoryOther, path + ": another process builds a snapshot and does not come to an end"});
+    std::this_thread::sleep_for(kLockPause);
   }
   return lock;
 }
