@@ -318,6 +318,7 @@ class Loader {
       settings_.ldif_file = path_in(workdir_, section.text("LdifFile", "directory.ldif"));
       settings_.search_limit = section.number("SearchLimit", settings_.search_limit, 0, kMostEntries);
       settings_.shrink_guard = section.number("ShrinkGuard", settings_.shrink_guard, 0, 100);
+      settings_.sync_time_limit = section.number("SyncTimeLimit", settings_.sync_time_limit, 0, kMostMinutes);
       settings_.refused_password_memory =
           section.number("RefusedPasswordMemory", settings_.refused_password_memory, 0, kMostMemorySeconds);
       // The daemon's own key, which it reads without a check: a strange value must not stop the start.

@@ -38,6 +38,7 @@ struct Settings {
   std::string ldif_file;                  // complete path
   uint32_t search_limit = 1000;           // entries of one search; 0: no limit
   uint32_t shrink_guard = 20;             // percent; 100: off
+  uint32_t sync_time_limit = 120;         // minutes; 0: none
   uint32_t refused_password_memory = 60;  // seconds; 0: off
   std::vector<Domain> domains;            // by the number of the section; dns_name is unique
   std::string ntlm_user_file;             // complete path or empty

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <optional>
@@ -97,6 +98,7 @@ int sync_servers(const Options& options, const Settings& settings) {
   const auto before = velder::present_ldap_snapshot(options.workdir);
   velder::SyncOptions sync;
   sync.force = options.force;
+  sync.time_limit = std::chrono::minutes(settings.sync_time_limit);
   velder::Result<velder::SyncReport> report;
   {
     ProgressBar bar(before ? before->users + before->groups : 0);

@@ -21,9 +21,10 @@ using testing::StartsWith;
 std::string text_of(const Settings& settings) {
   std::ostringstream text;
   text << (settings.source == Source::kLdap ? "ldap " : "ldif ") << settings.ldif_file << " "
-       << settings.search_limit << " " << settings.shrink_guard << " " << settings.refused_password_memory
-       << " " << settings.ntlm_user_file << " " << settings.negotiate_keytab << " "
-       << settings.negotiate_service << " " << settings.negotiate_replay_cache;
+       << settings.search_limit << " " << settings.shrink_guard << " " << settings.sync_time_limit << " "
+       << settings.refused_password_memory << " " << settings.ntlm_user_file << " "
+       << settings.negotiate_keytab << " " << settings.negotiate_service << " "
+       << settings.negotiate_replay_cache;
   for (const Domain& one : settings.domains) {
     text << "\n" << one.section << " " << one.dns_name << " " << one.netbios_name;
     for (const std::string& url : one.servers) text << (url == one.servers.front() ? " " : ",") << url;
@@ -57,6 +58,7 @@ Source = LDAP
 LdifFile=/data/other.ldif
 SearchLimit = 0
 ShrinkGuard=100
+SyncTimeLimit=15
 RefusedPasswordMemory=5
 [Domain_10]
 DnsName=Lab.Example
@@ -84,7 +86,7 @@ ReplayCache=no
   ASSERT_TRUE(settings.has_value()) << settings.error().text;
   EXPECT_THAT(settings->warnings, IsEmpty());
   EXPECT_EQ(text_of(*settings),
-            "ldap /data/other.ldif 0 100 5 " + workdir_ + "/users " + workdir_ +
+            "ldap /data/other.ldif 0 100 15 5 " + workdir_ + "/users " + workdir_ +
                 "/http.keytab HTTP@proxy.example 0"
                 "\nDomain_2 corp.example CORP ldap://dc1.corp.example,LDAP://10.0.0.1:389 "
                 "OU=People,DC=corp,DC=example reader@corp.example " +
@@ -99,7 +101,7 @@ ReplayCache=no
 TEST_F(SettingsTest, TheSourceFollowsTheDomainSections) {
   const Result<Settings> none = load_settings(workdir_);
   ASSERT_TRUE(none.has_value()) << none.error().text;
-  EXPECT_EQ(text_of(*none), "ldif " + workdir_ + "/directory.ldif 1000 20 60    1");
+  EXPECT_EQ(text_of(*none), "ldif " + workdir_ + "/directory.ldif 1000 20 120 60    1");
   const Result<Settings> ldap = load("[Domain_1]\nDnsName=a.b\nServers=ldap://x\n");
   ASSERT_TRUE(ldap.has_value()) << ldap.error().text;
   EXPECT_EQ(ldap->source, Source::kLdap);
