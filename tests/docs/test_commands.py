@@ -14,7 +14,7 @@ import subprocess
 import pytest
 
 from harness import sandbox, wire
-from harness.daemon import LONG_WAIT, PROGRAMS, Daemon
+from harness.daemon import LONG_WAIT, PROGRAMS, Daemon, sanitizer_options, sanitizer_reports
 from servers import people
 from servers.samba_ad import PEOPLE_OF_NOTE, READER_PASSWORD as AD_PASSWORD, SambaDomain
 from servers.slapd import READER, READER_PASSWORD, Slapd
@@ -105,9 +105,9 @@ class Gateway:
     def sh(self, commands):
         for said, meant in self.names:
             commands = commands.replace(said, meant)
-        # The NTLM mechanism never gives back what a plain password cost its client, which a sanitizer would report.
-        environment = {**os.environ, "PATH": f"/root/bin:{PROGRAMS}:{os.environ['PATH']}", "LC_ALL": "C.UTF-8",
-                       "ASAN_OPTIONS": "detect_leaks=0"}
+        # Leaks are not looked for: the NTLM mechanism never gives back what a plain password cost its client.
+        environment = {**os.environ, **sanitizer_options(), "LC_ALL": "C.UTF-8",
+                       "PATH": f"/root/bin:{PROGRAMS}:{os.environ['PATH']}"}
         return subprocess.run(["bash", "-e", "-u", "-c", commands], env=environment, cwd=WORK, text=True,
                               stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                               timeout=3 * LONG_WAIT, check=False)
@@ -141,6 +141,8 @@ class Gateway:
         for path in pathlib.Path("/etc/quarn").glob("*.ini"):
             path.unlink()
         Daemon().kill_everything()
+        reports = sanitizer_reports()
+        assert not reports, reports
 
 
 def run_page(name, names=(), prepare=lambda: None, finish=lambda: None):

@@ -136,10 +136,9 @@ def seconds_between(first, second):
     return (seconds_of_day(second) - seconds_of_day(first)) % 86400
 
 
-def environment(factor):
-    """Of the daemon: shorter sleeps, and sanitizers that leave what they find where we look for it."""
-    result = dict(os.environ, SHORTSLEEP_FACTOR=str(factor), SHORTSLEEP_CLOCK=sandbox.CLOCK,
-                  LD_PRELOAD=os.environ["AUTHD_SHORTSLEEP"])
+def sanitizer_options():
+    """For the environment of a daemon: sanitizers leave what they find where sanitizer_reports() looks for it."""
+    result = {}
     own = {"ASAN": "detect_leaks=0:verify_asan_link_order=0",  # the preloaded library allocates nothing
            "UBSAN": "print_stacktrace=1",
            "TSAN": "report_signal_unsafe=0"}  # the signal handler logs, and interrupts nothing but sleep
@@ -147,6 +146,12 @@ def environment(factor):
         given = os.environ.get(f"{name}_OPTIONS", "")
         result[f"{name}_OPTIONS"] = ":".join(filter(None, [given, options, f"log_path={sandbox.REPORTS}/{name}"]))
     return result
+
+
+def environment(factor):
+    """Of the daemon: shorter sleeps."""
+    return {**os.environ, **sanitizer_options(), "SHORTSLEEP_FACTOR": str(factor), "SHORTSLEEP_CLOCK": sandbox.CLOCK,
+            "LD_PRELOAD": os.environ["AUTHD_SHORTSLEEP"]}
 
 
 class Daemon:
