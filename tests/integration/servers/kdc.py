@@ -38,12 +38,12 @@ def at(clock, *command):
 
 class Realm(ServerProcess):
     def __init__(self):
-        need_programs("krb5kdc", "kdb5_util", "kadmin.local", "ktutil", "kinit", "curl", "faketime")
+        need_programs("krb5kdc", "kdb5_util", "kadmin.local", "kinit", "curl", "faketime")
         self.folder = new_folder("kdc")
         # faketime leaves names there that the next run's process of the same number would trip over.
         if not os.path.ismount("/dev/shm") or os.listdir("/dev/shm"):
             run("mount", "-t", "tmpfs", "shm", "/dev/shm")
-        os.environ["KRB5_KDC_PROFILE"] = os.path.join(self.folder, "kdc.conf")
+        os.environ["KRB5_KDC_PROFILE"] = f"{self.folder}/kdc.conf"
         with open(os.environ["KRB5_KDC_PROFILE"], "w", encoding="ascii") as file:
             file.write(_SERVER.format(folder=self.folder, realm=REALM, port=PORT))
         put_into_etc({"krb5.conf": kerberos_client("127.0.0.1"), "hosts": f"127.0.0.1 localhost {GATEWAY} {OTHER}\n"})
@@ -52,7 +52,7 @@ class Realm(ServerProcess):
             self.admin(f'addprinc -pw "{password}" {user}')
         for host in (GATEWAY, OTHER):
             self.admin(f"addprinc -randkey HTTP/{host}")
-        super().__init__(["krb5kdc", "-n", "-P", f"{self.folder}/pid"], (PORT,), os.path.join(self.folder, "output"))
+        super().__init__(["krb5kdc", "-n", "-P", f"{self.folder}/pid"], (PORT,), f"{self.folder}/output")
 
     @staticmethod
     def admin(command):
@@ -61,19 +61,21 @@ class Realm(ServerProcess):
     @contextlib.contextmanager
     def with_clock(self, clock):
         """The realm's clock is off meanwhile, that of its users too where they say so."""
-        before = self.command
-        self.stop()
-        self.command = at(clock, *before)
-        try:
-            yield self.start()
-        finally:
+        usual = self.command
+
+        def restart(command):
             self.stop()
-            self.command = before
+            self.command = command
             self.start()
+        restart(at(clock, *usual))
+        try:
+            yield
+        finally:
+            restart(usual)
 
     def keytab(self, *hosts, fresh=False):
         """The present keys of these hosts; `fresh` ones are made, so that older keytabs are out of date."""
-        path = os.path.join(self.folder, "new.keytab")
+        path = f"{self.folder}/new.keytab"
         with contextlib.suppress(FileNotFoundError):
             os.unlink(path)
         for host in hosts:
@@ -81,19 +83,14 @@ class Realm(ServerProcess):
         with open(path, "rb") as file:
             return file.read()
 
-    def wrong_keytab(self, host):
-        """Another key of the same name and number."""
-        path = os.path.join(self.folder, "wrong.keytab")
-        number = self.admin(f"getprinc HTTP/{host}").split("vno ")[1].split(",")[0]
-        run("ktutil", input=f"addent -password -p HTTP/{host}@{REALM} -k {number} -e aes256-cts-hmac-sha1-96\nguess\n"
-                            f"wkt {path}\nquit\n")
-        with open(path, "rb") as file:
-            content = file.read()
-        os.unlink(path)
-        return content
-
     def token(self, user="alice", host=GATEWAY, **more):
         return token(self.folder, user, PASSWORDS[user], host, **more)
+
+
+def wrong_keytab(keytab):
+    """Another key of the same name and number: its last byte, which the number follows, differs."""
+    end = 6 + int.from_bytes(keytab[2:6], "big") - 5
+    return keytab[:end] + bytes([keytab[end] ^ 1]) + keytab[end + 1:]
 
 
 def client_environment(folder):

@@ -1,11 +1,10 @@
 """NTLM clients that nobody here wrote: Samba's ntlm_auth, and curl, whose messages a web server of ours hands to the
 daemon."""
 
-import base64
 import subprocess
 
 from harness import wire
-from harness.daemon import LONG_WAIT
+from harness.daemon import LONG_WAIT, log_lines
 from harness.wire import pb
 from servers.origin import Origin
 from servers.process import need_programs
@@ -17,24 +16,20 @@ HASH = "8846F7EAEE8FB117AD06BDD830B7586C"  # of "password"
 class Logon:
     """One exchange with the daemon on one connection."""
 
-    def __init__(self, connection):
-        self.connection = connection
+    def __init__(self, timeout=20):
+        self.connection = wire.Connection(timeout)
 
     def send(self, leg, token):
-        if isinstance(token, bytes):
-            token = base64.b64encode(token).decode()
-        return self.connection.ask(wire.NTLM, pb.NTLMAuthRequest(messageType=leg, clientIP=CLIENT, requestContent=token))
+        """The challenge in base64, or the proven user; None when refused."""
+        answer = self.connection.ask(wire.NTLM, pb.NTLMAuthRequest(messageType=leg, clientIP=CLIENT, requestContent=token))
+        assert (answer.result == 0) == bool(answer.responseContent), answer
+        return answer.responseContent or None
 
     def challenge(self, token):
-        """The challenge in base64, or None."""
-        answer = self.send(1, token)
-        return answer.responseContent if answer.result == 0 else None
+        return self.send(1, token)
 
     def user(self, token):
-        """The proven user, or None."""
-        answer = self.send(2, token)
-        assert (answer.result == 0) == bool(answer.responseContent), answer
-        return answer.responseContent if answer.result == 0 else None
+        return self.send(2, token)
 
 
 class SambaClient:
@@ -57,27 +52,24 @@ class SambaClient:
     def _say(self, line):
         self.process.stdin.write(line + "\n")
         self.process.stdin.flush()
-        return self.process.stdout.readline().split()
+        word, token, *_ = [*self.process.stdout.readline().split(), None, None]
+        return token if word in ("YR", "KK", "AF") else None
 
     def type1(self):
-        word, token = self._say("YR")
-        assert word == "YR"
-        return token
+        return self._say("YR")
 
     def type3(self, challenge):
-        word, *token = self._say(f"TT {challenge}")
-        return token[0] if word in ("KK", "AF") else None
+        return self._say(f"TT {challenge}")
 
-    def log_on(self, connection):
-        logon = Logon(connection)
+    def log_on(self, logon):
         challenge = logon.challenge(self.type1())
         return challenge and logon.user(self.type3(challenge))
 
 
 def log_on(user, password, domain="", *options):
     """The user whom the daemon sees, or None."""
-    with wire.Connection() as connection, SambaClient(user, password, domain, *options) as client:
-        return client.log_on(connection)
+    with SambaClient(user, password, domain, *options) as client:
+        return client.log_on(Logon())
 
 
 def log_on_with_curl(user, password):
@@ -87,12 +79,16 @@ def log_on_with_curl(user, password):
 
     def check(token, state):
         if "logon" not in state:
-            state["logon"] = Logon(wire.Connection())
+            state["logon"] = Logon()
             return False, state["logon"].challenge(token) or ""
         proven.append(state.pop("logon").user(token))
         return proven[-1] is not None, ""
 
     with Origin("NTLM", check) as origin:
-        subprocess.run(["curl", "--silent", "--ntlm", "--user", f"{user}:{password}",
+        subprocess.run(["curl", "--silent", "--output", "/dev/null", "--ntlm", "--user", f"{user}:{password}",
                         f"http://127.0.0.1:{origin.server_port}/"], timeout=LONG_WAIT, check=True)
     return proven[0] if proven else None
+
+
+def last_refusal():
+    return [line.text for line in log_lines() if line.level == "INF" and "NTLM from" in line.text][-1]

@@ -1,7 +1,9 @@
-"""A web server that wants its clients to authenticate, for curl to show how it does that."""
+"""A web server that wants its clients to authenticate, for curl to show how it does that; or lets everybody in."""
 
 import http.server
 import threading
+
+PAGE = b"the page of this server"
 
 
 class Origin(http.server.ThreadingHTTPServer):
@@ -10,9 +12,9 @@ class Origin(http.server.ThreadingHTTPServer):
 
     daemon_threads = True
 
-    def __init__(self, scheme, check):
+    def __init__(self, scheme=None, check=None, port=0):
         self.scheme, self.check, self.tokens = scheme, check, []
-        super().__init__(("127.0.0.1", 0), _Handler)
+        super().__init__(("127.0.0.1", port), _Handler)
 
     def __enter__(self):
         threading.Thread(target=self.serve_forever, args=(0.01,), daemon=True).start()
@@ -30,17 +32,18 @@ class _Handler(http.server.BaseHTTPRequestHandler):
         super().setup()
         self.state = {}
 
-    def do_GET(self):
+    def do_GET(self):  # pylint: disable=invalid-name
         word, _, token = self.headers.get("Authorization", "").partition(" ")
-        let_in, back = False, ""
+        let_in, back = self.server.scheme is None, ""
         if word == self.server.scheme and token:
             self.server.tokens.append(token)
             let_in, back = self.server.check(token, self.state)
         self.send_response(200 if let_in else 401)
         if back or not let_in:
             self.send_header("WWW-Authenticate", f"{self.server.scheme} {back}".strip())
-        self.send_header("Content-Length", "0")
+        self.send_header("Content-Length", str(len(PAGE)))
         self.end_headers()
+        self.wfile.write(PAGE)
 
     def log_message(self, *_):
         pass

@@ -16,23 +16,21 @@ NOTABLE = {
     "starfish": ("Star Fish", "sea"),
     "hash": ("# Hash + Plus = \"Quote\" <x>;", "hash"),
 }
-# cn -> how its members are given
-GROUP_CLASSES = {
-    "staff": "groupOfNames",
-    "engineers": "groupOfNames",
-    "admins": "groupOfNames",
-    "R&D (K\u00f6ln), \\Lab*": "groupOfNames",
-    "board": "groupOfUniqueNames",
-    "docker": "posixGroup",
-    "everybody": "groupOfNames",
-}
+LAB = "R&D (K\u00f6ln), \\Lab*"
 # Through the circle everybody in one of the three is in all of them.
 CIRCLE = ["admins", "engineers", "staff"]
+_GROUPS = {  # cn -> users, groups within
+    "staff": (["alice"], ["engineers"]),
+    "engineers": (["bob"], ["admins"]),
+    "admins": ([], ["staff"]),
+    LAB: (["jm\u00fcller", "back\\slash"], []),
+}
+ALL_GROUPS = sorted([*_GROUPS, "board", "docker", "everybody"], key=str.lower)
 GROUPS_OF = {
     "alice": ["admins", "board", "docker", "engineers", "staff"],
     "bob": ["admins", "engineers", "staff"],
-    "jm\u00fcller": ["R&D (K\u00f6ln), \\Lab*"],
-    "back\\slash": ["R&D (K\u00f6ln), \\Lab*"],
+    "jm\u00fcller": [LAB],
+    "back\\slash": [LAB],
     "paren(1)": ["board"],
     "star*": ["docker"],
     "starfish": [],
@@ -49,8 +47,12 @@ def group_dn(cn):
     return f"cn={rdn_value(cn)},{GROUPS}"
 
 
-def user(uid, cn, password):
+def _user(uid, cn, password):
     return entry(user_dn(uid), objectClass="inetOrgPerson", cn=cn, sn="Name", uid=uid, userPassword=password)
+
+
+def _group(cn, kind="groupOfNames", **members):
+    return entry(group_dn(cn), objectClass=kind, cn=cn, **members)
 
 
 def crowd_uid(number):
@@ -58,23 +60,14 @@ def crowd_uid(number):
 
 
 def crowd(numbers):
-    return "".join(user(uid, f"Crowd {uid}", f"pw {uid}") for uid in map(crowd_uid, numbers))
+    return "".join(_user(uid, f"Crowd {uid}", f"pw {uid}") for uid in map(crowd_uid, numbers))
 
 
 def content(crowd_numbers=range(CROWD), groups=True):
-    members = [user_dn(crowd_uid(number)) for number in crowd_numbers] or [user_dn("starfish")]
-    text = "".join(user(uid, cn, password) for uid, (cn, password) in NOTABLE.items()) + crowd(crowd_numbers)
+    text = "".join(_user(uid, *rest) for uid, rest in NOTABLE.items()) + crowd(crowd_numbers)
     if not groups:
         return text
-    return (text + entry(group_dn("staff"), objectClass="groupOfNames", cn="staff",
-                         member=[user_dn("alice"), group_dn("engineers")])
-            + entry(group_dn("engineers"), objectClass="groupOfNames", cn="engineers",
-                    member=[user_dn("bob"), group_dn("admins")])
-            + entry(group_dn("admins"), objectClass="groupOfNames", cn="admins", member=group_dn("staff"))
-            + entry(group_dn("R&D (K\u00f6ln), \\Lab*"), objectClass="groupOfNames", cn="R&D (K\u00f6ln), \\Lab*",
-                    member=[user_dn("jm\u00fcller"), user_dn("back\\slash")])
-            + entry(group_dn("board"), objectClass="groupOfUniqueNames", cn="board",
-                    uniqueMember=[user_dn("alice"), user_dn("paren(1)")])
-            + entry(group_dn("docker"), objectClass="posixGroup", cn="docker", gidNumber="100",
-                    memberUid=["alice", "star*"])
-            + entry(group_dn("everybody"), objectClass="groupOfNames", cn="everybody", member=members))
+    text += "".join(_group(cn, member=[*map(user_dn, users), *map(group_dn, within)]) for cn, (users, within) in _GROUPS.items())
+    return (text + _group("board", "groupOfUniqueNames", uniqueMember=[user_dn("alice"), user_dn("paren(1)")])
+            + _group("docker", "posixGroup", gidNumber="100", memberUid=["alice", "star*"])
+            + _group("everybody", member=[user_dn(crowd_uid(number)) for number in crowd_numbers]))

@@ -7,7 +7,6 @@ import shutil
 import signal
 import socket
 import subprocess
-import time
 
 import pytest
 
@@ -19,33 +18,21 @@ REALM = "CORP.TEST"
 START_WAIT = 60  # seconds; a domain controller on a busy machine takes ten
 
 
-def required():
-    return os.environ.get("CI", "").lower() not in ("", "0", "false", "no")
-
-
 def cannot_run(reason):
     """Skips the calling test by name; where CI is set this is a failure."""
-    if required():
-        pytest.fail(reason)
-    pytest.skip(reason)
+    (pytest.fail if os.environ.get("CI", "").lower() not in ("", "0", "false", "no") else pytest.skip)(reason)
 
 
 def need_programs(*names):
     # Daemons lie where an ordinary user's PATH does not look.
     os.environ["PATH"] = os.pathsep.join([os.environ["PATH"], "/usr/sbin", "/sbin"])
-    missing = [name for name in names if not shutil.which(name)]
-    if missing:
+    if missing := [name for name in names if not shutil.which(name)]:
         cannot_run(f"not installed: {', '.join(missing)}")
 
 
-def make_room():
-    """Once a run."""
+def new_folder(name):
     if not os.path.ismount(ROOM):
         run("mount", "-t", "tmpfs", "-o", "mode=755,size=4g", "servers", ROOM)
-
-
-def new_folder(name):
-    make_room()
     path = os.path.join(ROOM, name)
     shutil.rmtree(path, ignore_errors=True)
     os.makedirs(path, 0o755)
@@ -62,10 +49,9 @@ def run(*command, **options):
 def put_into_etc(files):
     """Name -> text, into the private /etc."""
     for name, text in files.items():
-        path = f"/etc/{name}"
-        if os.path.lexists(path):
-            os.unlink(path)  # may be a link to somewhere else
-        with open(path, "w", encoding="ascii") as file:
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(f"/etc/{name}")  # may be a link to somewhere else
+        with open(f"/etc/{name}", "w", encoding="ascii") as file:
             file.write(text)
 
 
@@ -76,53 +62,49 @@ def kerberos_client(kdc):
             f"[domain_realm]\n.corp.test = {REALM}\n")
 
 
-def port_open(port, host="127.0.0.1"):
-    with socket.socket() as probe:
-        probe.settimeout(5)
-        return probe.connect_ex((host, port)) == 0
-
-
 def thread_states(session):
     """The states of all threads of all processes of a session."""
     states = set()
-    for process in os.listdir("/proc"):
-        fields = stat_fields(process) if process.isdigit() else None
-        if fields and int(fields[4]) == session:
+    for process in filter(str.isdigit, os.listdir("/proc")):
+        if (fields := stat_fields(process)) and int(fields[4]) == session:
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-                for thread in os.listdir(f"/proc/{process}/task"):
-                    states.add((stat_fields(f"{process}/task/{thread}") or ["", "?"])[1])
+                states |= {(stat_fields(f"{process}/task/{thread}") or "??")[1] for thread in os.listdir(f"/proc/{process}/task")}
     return states
 
 
 class ServerProcess:
     """`command` stays in the foreground and listens on all `ports`. Its output goes to `log`."""
 
-    def __init__(self, command, ports, log, environment=None, host="127.0.0.1"):
-        self.command, self.ports, self.log, self.environment, self.host = command, ports, log, environment, host
+    def __init__(self, command, ports, log, host="127.0.0.1"):
+        self.command, self.ports, self.log, self.host = command, ports, log, host
         self.process = None
 
     def __enter__(self):
         return self.start()
 
     def __exit__(self, *_):
-        self.kill()
+        self._end(signal.SIGKILL)
 
     def start(self):
         with open(self.log, "ab") as log:
             self.process = subprocess.Popen(self.command, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-                                            env=self.environment, start_new_session=True)
-        def listening():
+                                            start_new_session=True)
+        def ready():
             assert self.process.poll() is None, f"{self.command[0]} has ended:\n{self.output()[-3000:]}"
-            return all(port_open(port, self.host) for port in self.ports)
-        until(listening, lambda: f"{self.command[0]} to listen:\n{self.output()[-3000:]}", START_WAIT)
+            return self.is_ready()
+        until(ready, lambda: f"{self.command[0]} to serve:\n{self.output()[-3000:]}", START_WAIT)
         return self
+
+    def is_ready(self):
+        with contextlib.suppress(ConnectionRefusedError):
+            for port in self.ports:
+                socket.create_connection((self.host, port), 5).close()
+            return True
+        return False
 
     def stop(self):
         """The orderly end."""
         self._end(signal.SIGTERM)
-
-    def kill(self):
-        self._end(signal.SIGKILL)
 
     def _end(self, number):
         if self.process is None:
@@ -154,11 +136,3 @@ class ServerProcess:
     def output(self):
         with open(self.log, encoding="utf-8", errors="replace") as file:
             return file.read()
-
-
-class Stopwatch:
-    def __init__(self):
-        self.begin = time.monotonic()
-
-    def seconds(self):
-        return time.monotonic() - self.begin

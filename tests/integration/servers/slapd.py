@@ -4,23 +4,20 @@ It limits ordinary searches to 500 entries and pages as Active Directory does, l
 passwords, keeps memberOf, shows the directory to the reading account only, and writes every operation to its log.
 """
 
+import functools
 import itertools
-import os
 import re
-import subprocess
 
 from harness.directory import ldif_line
-from servers.certificates import authority
 from servers.process import ServerProcess, need_programs, new_folder, run
 
 SUFFIX = "dc=corp,dc=test"
 PEOPLE, GROUPS = f"ou=people,{SUFFIX}", f"ou=groups,{SUFFIX}"
 READER, READER_PASSWORD = f"cn=reader,{SUFFIX}", "may read"
 ADMIN, ADMIN_PASSWORD = f"cn=admin,{SUFFIX}", "may write"
-SIZE_LIMIT = 500
 LOCKED_AFTER = 3
 
-_CONFIGURATION = """
+_CONFIGURATION = f"""
 include /etc/ldap/schema/core.schema
 include /etc/ldap/schema/cosine.schema
 include /etc/ldap/schema/nis.schema
@@ -29,31 +26,32 @@ modulepath /usr/lib/ldap
 moduleload back_mdb
 moduleload memberof
 moduleload ppolicy
-pidfile {folder}/pid
-TLSCACertificateFile {ca}
-TLSCertificateFile {certificate}
-TLSCertificateKeyFile {key}
-sizelimit size.soft={limit} size.hard={limit} size.prtotal=unlimited
+pidfile {{folder}}/pid
+TLSCACertificateFile {{ca}}
+TLSCertificateFile {{folder}}/tls.pem
+TLSCertificateKeyFile {{folder}}/tls.key
+sizelimit size.soft=500 size.hard=500 size.prtotal=unlimited
 threads 4
 tool-threads 2
 database mdb
 maxsize 2147483648
 envflags nosync
-suffix "{suffix}"
-rootdn "{admin}"
-rootpw "{admin_password}"
-directory {folder}/db
+suffix "{SUFFIX}"
+rootdn "{ADMIN}"
+rootpw "{ADMIN_PASSWORD}"
+directory {{folder}}/db
 index objectClass,uid,cn,member,uniqueMember,memberUid eq
 overlay memberof
 memberof-group-oc groupOfNames
 overlay ppolicy
-ppolicy_default "cn=lockout,{suffix}"
+ppolicy_default "cn=lockout,{SUFFIX}"
 ppolicy_use_lockout
 access to attrs=userPassword by anonymous auth by * none
 access to dn.base="" by * read
-access to * by dn.exact="{reader}" read by * none
+access to * by dn.exact="{READER}" read by * none
 """
 
+_KEY = ("-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes")
 _numbers = itertools.count()
 
 
@@ -83,30 +81,40 @@ def skeleton():
                     pwdLockoutDuration="0", pwdFailureCountInterval="0"))
 
 
-class Slapd(ServerProcess):
-    """`content` is the LDIF of the directory below the skeleton; `names` what its certificate says."""
+@functools.cache
+def authority(name):
+    """The folder of a certification authority, made at its first use."""
+    folder = new_folder(f"ca_{name}")
+    run("openssl", "req", "-x509", *_KEY, "-days", "30", "-subj", f"/CN=Test Authority {name}",
+        "-addext", "basicConstraints=critical,CA:TRUE", "-addext", "keyUsage=critical,keyCertSign,cRLSign",
+        "-keyout", f"{folder}/ca.key", "-out", f"{folder}/ca.pem")
+    return folder
 
-    def __init__(self, content, names="IP:127.0.0.1", authority_name="trusted", days=30):
+
+class Slapd(ServerProcess):
+    """`content` is the LDIF of the directory below the skeleton; `names` what its certificate says, which with less
+    than no `days` has expired."""
+
+    def __init__(self, content, names="IP:127.0.0.1", issuer="trusted", days=30):
         need_programs("slapd", "slapadd", "ldapmodify", "openssl")
         number = next(_numbers)
         self.folder = new_folder(f"slapd{number}")
-        self.port, self.tls_port = 3890 + number, 6360 + number
-        self.url, self.tls_url = f"ldap://127.0.0.1:{self.port}", f"ldaps://127.0.0.1:{self.tls_port}"
-        issuer = authority(authority_name)
-        self.ca = issuer.certificate
-        certificate, key = issuer.issue(names, days)
-        self.configuration = os.path.join(self.folder, "slapd.conf")
+        self.port, tls_port = 3890 + number, 6360 + number
+        self.url, self.tls_url = f"ldap://127.0.0.1:{self.port}", f"ldaps://127.0.0.1:{tls_port}"
+        self.configuration, self.ca, tls = f"{self.folder}/slapd.conf", f"{authority(issuer)}/ca.pem", f"{self.folder}/tls"
+        run("openssl", "req", *_KEY, "-subj", "/CN=server", "-addext", f"subjectAltName={names}",
+            "-keyout", f"{tls}.key", "-out", f"{tls}.csr")
+        run("openssl", "x509", "-req", "-in", f"{tls}.csr", "-copy_extensions", "copy", "-CA", self.ca,
+            "-CAkey", f"{authority(issuer)}/ca.key", "-CAcreateserial", "-days", str(days), "-out", f"{tls}.pem")
         with open(self.configuration, "w", encoding="utf-8") as file:
-            file.write(_CONFIGURATION.format(
-                folder=self.folder, ca=self.ca, certificate=certificate, key=key, limit=SIZE_LIMIT, suffix=SUFFIX,
-                admin=ADMIN, admin_password=ADMIN_PASSWORD, reader=READER))
+            file.write(_CONFIGURATION.format(folder=self.folder, ca=self.ca))
         super().__init__(["slapd", "-f", self.configuration, "-d", "stats", "-h", f"{self.url}/ {self.tls_url}/"],
-                         (self.port, self.tls_port), os.path.join(self.folder, "log"))
+                         (self.port, tls_port), f"{self.folder}/log")
         self.fill(content)
 
     def fill(self, content):
         """Replaces the whole directory; not while the server runs."""
-        new_folder(os.path.join(self.folder, "db"))
+        new_folder(f"{self.folder}/db")
         run("slapadd", "-q", "-f", self.configuration, input=skeleton() + content)
 
     def refill(self, content):
@@ -118,16 +126,8 @@ class Slapd(ServerProcess):
         """Over the wire, as the administrator; entries without a changetype are added."""
         run("ldapmodify", "-a", "-x", "-H", self.url, "-D", ADMIN, "-w", ADMIN_PASSWORD, input=ldif)
 
-    def set_password(self, dn, password):
-        self.change(f"{ldif_line('dn', dn)}changetype: modify\nreplace: userPassword\n"
-                    f"{ldif_line('userPassword', password)}")
-
-    def operational(self, dn, attribute):
-        """The values of an operational attribute, as the administrator sees them."""
-        found = subprocess.run(["ldapsearch", "-x", "-LLL", "-o", "ldif-wrap=no", "-H", self.url, "-D", ADMIN,
-                                "-w", ADMIN_PASSWORD, "-s", "base", "-b", dn, attribute],
-                               capture_output=True, text=True, check=True).stdout
-        return [line.partition(": ")[2] for line in found.splitlines() if line.startswith(f"{attribute}: ")]
+    def remove(self, dn):
+        self.change(ldif_line("dn", dn) + "changetype: delete\n")
 
     # What the server's log tells. A line of a request stands there before its answer goes out.
 

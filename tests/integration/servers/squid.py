@@ -1,16 +1,14 @@
 """A Squid of the tests' own on the loopback, with our helper behind it, a web server behind that, and curl in front."""
 
 import contextlib
-import http.server
 import shutil
 import subprocess
-import threading
 
 from harness.daemon import LONG_WAIT, program, until
+from servers.origin import PAGE
 from servers.process import ServerProcess, need_programs, new_folder, run
 
-ORIGIN = ("127.0.0.1", 8080)
-PAGE = b"the page behind the proxy"
+ORIGIN_PORT = 8080
 
 _BASE = """
 visible_hostname gateway.corp.test
@@ -46,12 +44,11 @@ class Squid(ServerProcess):
         super().__init__(["squid", "-N", "-f", path], ports, f"{self.folder}/out")
 
     def fetch(self, port, *options, source="127.0.0.1", host="127.0.0.1", environment=None):
-        """(status of the proxy, client and user in its log) of a page fetched by curl."""
+        """(status of the proxy, user in its log) of a page fetched by curl."""
         before = len(self._log())
-        done = subprocess.run(["curl", "-sS", "-o", "-", "-w", "%{http_code}", "--noproxy", "none.invalid", "--interface", source,
-                               "-x", f"http://{host}:{port}", *options, "http://%s:%d/" % ORIGIN],
-                              capture_output=True, timeout=LONG_WAIT, check=False, env=environment)
-        assert done.returncode == 0, done.stderr
+        done = subprocess.run(["curl", "-sS", "-w", "%{http_code}", "--noproxy", "none.invalid", "--interface", source,
+                               "-x", f"http://{host}:{port}", *options, f"http://127.0.0.1:{ORIGIN_PORT}/"],
+                              capture_output=True, timeout=LONG_WAIT, check=True, env=environment)
         status = int(done.stdout[-3:])
         assert (status == 200) == (done.stdout[:-3] == PAGE)
         lines = until(lambda: [line for line in self._log()[before:] if line.split()[1] == str(status)], "a line in the access log")
@@ -67,26 +64,3 @@ class Squid(ServerProcess):
     def cache_log(self):
         with open(f"{self.folder}/cache.log", encoding="utf-8", errors="replace") as file:
             return file.read()
-
-
-class _Page(http.server.BaseHTTPRequestHandler):
-    def do_GET(self):  # pylint: disable=invalid-name
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(PAGE)))
-        self.end_headers()
-        self.wfile.write(PAGE)
-
-    def log_message(self, *_):
-        pass
-
-
-@contextlib.contextmanager
-def origin():
-    """The web server that everybody wants to reach."""
-    server = http.server.ThreadingHTTPServer(ORIGIN, _Page)
-    threading.Thread(target=server.serve_forever, daemon=True).start()
-    try:
-        yield
-    finally:
-        server.shutdown()
-        server.server_close()

@@ -8,7 +8,6 @@ import re
 import resource
 import sqlite3
 import subprocess
-import time
 from collections import namedtuple
 
 from harness import sandbox, wire
@@ -18,8 +17,9 @@ from harness.wire import pb
 SNAPSHOT = f"{sandbox.WORKDIR}/directory.db"
 EXAMPLES = pathlib.Path(__file__).resolve().parents[3] / "examples"
 PASSWORD_FILE = "reader.password"
+_ACCOUNT = {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": []}
 
-Outcome = namedtuple("Outcome", "status output errors seconds")
+Outcome = namedtuple("Outcome", "status output errors")
 
 
 def settings(servers, reader, base=None, search_limit=0, general=(), **keys):
@@ -32,70 +32,64 @@ def settings(servers, reader, base=None, search_limit=0, general=(), **keys):
     return "\n".join(lines + [f"{key}={value}" for key, value in domain.items()]) + "\n"
 
 
-def place(text, password, mode=0o600, account=True, **more):
+def place(text, password, mode=0o600, **more):
     """An empty working directory with these settings and the reading account's password."""
-    sandbox.clean(account)
+    sandbox.clean(True)
     put(text, password, mode, **more)
 
 
 def put(text, password, mode=0o600, **more):
-    write_file("LdapSetting.ini", text)
-    write_file(PASSWORD_FILE, password + "\n")
-    os.chmod(f"{sandbox.WORKDIR}/{PASSWORD_FILE}", mode)
-    for name, content in more.items():
+    for name, content in {"LdapSetting.ini": text, PASSWORD_FILE: password + "\n", **more}.items():
         write_file(name, content)
+    os.chmod(f"{sandbox.WORKDIR}/{PASSWORD_FILE}", mode)
 
 
 def place_script():
     write_file("LdapSyncTool.sh", (EXAMPLES / "workdir/LdapSyncTool.sh").read_bytes())
 
 
+def run_script(*arguments, as_root=True):
+    return subprocess.run([f"{sandbox.WORKDIR}/LdapSyncTool.sh", *arguments], capture_output=True, text=True, check=False,
+                          env={**os.environ, "AUTH_PROGRAM_DIR": PROGRAMS}, **({} if as_root else _ACCOUNT))
+
+
 def start_sync(*options, as_root=False, **more):
-    identity = {} if as_root else {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": []}
+    more = {"stderr": subprocess.PIPE, **({} if as_root else _ACCOUNT), **more}
     return subprocess.Popen([program("ldap_sync"), "--workdir", sandbox.WORKDIR, *options], text=True,
-                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            **{"stderr": subprocess.PIPE, **identity, **more})
+                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, **more)
 
 
-def finish(process, begin=None):
+def finish(process):
     output, errors = process.communicate(timeout=600)
-    return Outcome(process.returncode, output, errors, time.monotonic() - begin if begin else 0)
+    return Outcome(process.returncode, output, errors)
 
 
 def ldap_sync(*options, **more):
-    begin = time.monotonic()
-    return finish(start_sync(*options, **more), begin)
+    return finish(start_sync(*options, **more))
+
+
+def good_sync(*options, **more):
+    done = ldap_sync(*options, **more)
+    assert (done.status, done.errors, len(done.output.splitlines())) == (0, "", 1), done
+    return done.output
+
+
+def refused_sync(*words):
+    """One line says why, and nothing is left of it."""
+    done = ldap_sync()
+    assert (done.status, done.output, len(done.errors.splitlines())) == (1, "", 1), done
+    assert all(re.search(word, done.errors) for word in words), (words, done.errors)
+    assert leftovers() == []
+
+
+def limit(what, size):
+    return {"preexec_fn": lambda: resource.setrlimit(what, (size, size))}
 
 
 def sanitized(name):
     """Whether the program carries a sanitizer, which takes memory of its own."""
     libraries = subprocess.run(["ldd", program(name)], capture_output=True, text=True, check=True).stdout
     return "libasan" in libraries or "libtsan" in libraries
-
-
-def measure(process):
-    """Waits for the end of a process; (seconds, peak memory in MB). What the system tells afterwards would count
-    the process that started it, too."""
-    begin, peak = time.monotonic(), 0
-    while process.poll() is None:
-        with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-            with open(f"/proc/{process.pid}/status", encoding="ascii") as file:
-                peak = max([peak] + [int(line.split()[1]) for line in file if line.startswith("VmHWM:")])
-        time.sleep(0.005)
-    return time.monotonic() - begin, peak / 1024
-
-
-def good_sync(*options, **more):
-    done = ldap_sync(*options, **more)
-    assert (done.status, done.errors) == (0, ""), done
-    assert len(done.output.splitlines()) == 1, done
-    return done
-
-
-def run_script(*arguments, as_root=True):
-    identity = {} if as_root else {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": []}
-    return subprocess.run([f"{sandbox.WORKDIR}/LdapSyncTool.sh", *arguments], capture_output=True, text=True, check=False,
-                          env={**os.environ, "AUTH_PROGRAM_DIR": PROGRAMS}, **identity)
 
 
 def snapshot():
@@ -118,10 +112,6 @@ def leftovers():
                   if name.startswith("directory.db") and name not in ("directory.db", "directory.db.lock"))
 
 
-def limit_file_size(size):
-    return lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (size, size))
-
-
 def expect_live_as_stored(daemon, answers):
     """Question -> answer, of the servers before the first snapshot and of the snapshot then: all the same."""
     live = answers()
@@ -132,46 +122,37 @@ def expect_live_as_stored(daemon, answers):
     assert {name: (live[name], stored[name]) for name in live if live[name] != stored[name]} == {}
 
 
-class Questions:
-    """What a client asks on one connection; short forms of the answers."""
-
-    def __init__(self, timeout=20):
-        self.connection = wire.Connection(timeout)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.connection.close()
+class Questions(wire.Connection):
+    """Short forms of the answers: what was asked for, or the result code."""
 
     def user(self, name):
-        """(domain, uid, cn, dn, upn), or the result code."""
-        answer = self.connection.user_info(name)
+        """(domain, uid, cn, dn, upn)"""
+        answer = self.user_info(name)
         info = answer.userInfo
         return (info.domain_dns, info.uid, info.cn, info.dn, info.upn) if answer.result == 0 else answer.result
 
     def users(self, name, whole=0):
-        answer = self.connection.user_search(name, whole)
+        answer = self.user_search(name, whole)
         return [one.uid for one in answer.userList] if answer.result == 0 else answer.result
 
-    def groups(self, name, whole=0):
-        answer = self.connection.ask(wire.GROUP_SEARCH, pb.GroupSearchRequest(name=name, fullmatch=whole))
+    def _groups(self, kind, request):
+        answer = self.ask(kind, request)
         return [one.cn for one in answer.groupList] if answer.result == 0 else answer.result
+
+    def groups(self, name, whole=0):
+        return self._groups(wire.GROUP_SEARCH, pb.GroupSearchRequest(name=name, fullmatch=whole))
 
     def groups_of(self, user):
-        answer = self.connection.ask(wire.USER_GROUPS, pb.UserGroupQueryRequest(user_ln=user))
-        return [one.cn for one in answer.groupList] if answer.result == 0 else answer.result
+        return self._groups(wire.USER_GROUPS, pb.UserGroupQueryRequest(user_ln=user))
 
     def groups_in(self, group, whole=1):
-        answer = self.connection.ask(wire.GROUP_GROUPS, pb.GroupSearchRequest(name=group, fullmatch=whole))
-        return [one.cn for one in answer.groupList] if answer.result == 0 else answer.result
+        return self._groups(wire.GROUP_GROUPS, pb.GroupSearchRequest(name=group, fullmatch=whole))
 
     def members(self, *groups, by_dn=0):
-        answer = self.connection.ask(wire.ALL_USERS, pb.AllUserQueryRequest(grouplist=groups, isDN=by_dn))
-        if answer.result != 0:
-            return answer.result
-        return {one.group_dn: list(one.userlist) for one in answer.groupuserlist}
+        """DN of the group -> its users."""
+        answer = self.ask(wire.ALL_USERS, pb.AllUserQueryRequest(grouplist=groups, isDN=by_dn))
+        return {one.group_dn: sorted(one.userlist) for one in answer.groupuserlist} if answer.result == 0 else answer.result
 
     def validate(self, user, password):
         """True, False, or another result code."""
-        return {0: True, -1: False}.get(code := self.connection.validate(user, password), code)
+        return {0: True, -1: False}.get(code := super().validate(user, password), code)
