@@ -2,7 +2,6 @@
 
 import contextlib
 import os
-import pty
 import random
 import re
 import resource
@@ -12,11 +11,12 @@ import time
 import pytest
 
 from harness import sandbox
-from harness.daemon import until
+from harness.daemon import program, until
 from servers import people, workdir
+from servers.process import run
 from servers.ranged import RangedServer
 from servers.relay import Relay
-from servers.slapd import READER, READER_PASSWORD, Slapd
+from servers.slapd import PEOPLE, READER, READER_PASSWORD, SUFFIX, Slapd
 from servers.workdir import Questions
 
 SHORT = {"ConnectTimeout": 1, "OperationTimeout": 1}
@@ -54,6 +54,8 @@ CHECKS = {
     "another's certificate": ({"server": {"names": "DNS:elsewhere.corp.test"}}, "TLS no",
                               "is not for the name 127.0.0.1 but for DNS:elsewhere"),
     "expired": ({"server": {"days": -1}}, "TLS no", "certificate has expired"),
+    "no authority": ({"server": {}, "CACertFile": ""}, "TLS no", "the system trusts"),
+    "plain port": ({"servers": ["ldaps://127.0.0.1:3890"]}, "connected yes.*TLS no", "no TLS: "),
     "unknown host": ({"servers": ["ldap://nowhere.invalid"]}, "resolved no.*connected no", "nowhere.invalid"),
     "wrong base": ({"base": "dc=elsewhere,dc=test"}, "bound yes.*base found no", "(?i)no such object|nothing there"),
     "silent": ({"stall_after": 0, **SHORT}, "connected yes.*bound no", "(?i)time"),
@@ -75,7 +77,7 @@ def test_check__says_per_server_what_works(slapd, case):
             relay = stack.enter_context(Relay(slapd.port))
             setattr(relay, trick, change.pop(trick))
             servers = [relay.url]
-        workdir.place(settings(*servers, CACertFile=slapd.ca, **change), password, mode)
+        workdir.place(settings(*servers, **{"CACertFile": slapd.ca, **change}), password, mode)
         before = sorted(os.listdir(sandbox.WORKDIR))
         done = workdir.ldap_sync("--check")
     assert done.status == (1 if complaint else 0), done
@@ -152,80 +154,67 @@ def test_script__brings_changes_to_the_workers(daemon, slapd, as_root):
         slapd.remove(people.user_dn("c07777"))
 
 
-LAB, READS_LAB = "DC=lab,DC=test", "CN=reader,DC=lab,DC=test"
-LAB_ALICE = f"CN=Alice of the Lab,{LAB}"
+# A tree whose names have no dc, and a part of it that is a domain of its own, so that its entries come twice.
+ALICE_THE_RAT = "CN=Alice,OU=Rats,O=Lab"
+LAB = {
+    "O=Lab": {"objectClass": ["organization"]}, "OU=Rats,O=Lab": {"objectClass": ["organizationalUnit"]},
+    "OU=Empty,O=Lab": {"objectClass": ["organizationalUnit"]},
+    ALICE_THE_RAT: {"objectClass": ["user"], "cn": ["Alice"], "sAMAccountName": ["alice"], "password": ["in the lab"]},
+    **{f"CN={cn},O=Lab": {"objectClass": ["user"], "cn": [cn], "sAMAccountName": [uid], "password": ["in the lab"]}
+       for cn, uid in (("Bob", "bob"), ("Lena", "lena"), ("Twin", "twin"), ("Twin 2", "twin"))},
+    "CN=Lab Rats,O=Lab": {"objectClass": ["group"], "cn": ["Lab Rats"], "member": [ALICE_THE_RAT, people.user_dn("bob")]},
+    "CN=Unix,OU=Rats,O=Lab": {"objectClass": ["group"], "cn": ["Unix"], "memberUid": ["alice", "twin"]}}
+WHO = ["alice", "bob", "lena", "LENA@LAB", "CORP\\alice", "corp.test\\alice", "RATS\\alice", "alice@rats.test", ALICE_THE_RAT,
+       "LAB\\alice", "CORP\\bob", "LAB\\bob", "LAB\\twin", "CN=Twin 2, O=Lab", "CN=Unix,OU=Rats,O=Lab", "WRONG\\alice",
+       "alice@other.test", "jo\u0308rg", "j\u006du\u0308ller", "", "*", "ali*", "alice)(uid=*", people.user_dn("jm\u00fcller").upper(),
+       f"CN=Alice Adams , {PEOPLE}", SUFFIX, READER]
 
 
-def test_two_domains__all_or_nothing(daemon, slapd):
-    """The same uid in both; what one domain has is never published without the other."""
-    entries = {LAB: {"objectClass": ["top", "domain"]},
-               LAB_ALICE: {"objectClass": ["top", "user"], "cn": ["Alice of the Lab"], "sAMAccountName": ["alice"],
-                           "password": ["in the lab"]},
-               f"CN=Lab Rats,{LAB}": {"objectClass": ["group"], "cn": ["Lab Rats"],
-                                      "member": [LAB_ALICE, people.user_dn("bob")]}}
-    with RangedServer(LAB, entries, (READS_LAB, READER_PASSWORD)) as lab:
-        second = workdir.settings([lab.url], READS_LAB, DnsName="lab.test").partition("[Domain_1]")[2]
-        workdir.place(f"{settings(slapd.url)}[Domain_2]{second}", READER_PASSWORD)
-        workdir.good_sync()
+def test_three_domains__live_and_from_the_snapshot(daemon, slapd):
+    with RangedServer("O=Lab", LAB, ("CN=reader,O=Lab", READER_PASSWORD)) as lab:
+        def all_three(rats):
+            return settings(slapd.url) + "".join(
+                workdir.settings([lab.url], "CN=reader,O=Lab", base=base, DnsName=name).partition("[Domain_1]")[2].join(
+                    [f"[Domain_{number}]", ""]) for number, base, name in ((2, "O=Lab", "lab.test"), (3, rats, "rats.test")))
+        workdir.place(all_three("OU=Rats,O=Lab"), READER_PASSWORD)
+        daemon.start("--verbose", "--disable-reply-cache", keep=True)
+
+        def answers():
+            with Questions() as ask:
+                domains = {name: ask.user(name)[0] for name in WHO if ask.user(name) != 32}
+                assert (domains["LAB\\bob"], domains["lena"], domains["RATS\\alice"]) == ("lab.test", "lab.test", "rats.test")
+                assert not {"alice", "bob", "LAB\\twin", "LAB\\alice", ""} & set(domains)  # two have the name, or nobody
+                assert ask.groups_of("CORP\\bob") == sorted([*people.GROUPS_OF["bob"], "Lab Rats"], key=str.lower)
+                assert ask.members("Lab Rats", "Unix") == {"CN=Lab Rats,O=Lab": ["alice@rats.test", "bob@corp.test"],
+                                                           "CN=Unix,OU=Rats,O=Lab": ["alice@rats.test"]}
+                right = [ask.validate(name, "in the lab") for name in ("RATS\\alice", ALICE_THE_RAT, "CORP\\alice", "alice")]
+                assert (right, ask.validate("alice@corp.test", "correct horse")) == ([True, True, False, False], True)
+                return {
+                    **{("user", name): ask.user(name) for name in WHO},
+                    **{("groups of", name): ask.groups_of(name) for name in WHO},
+                    **{("find", name, whole): (ask.users(name, whole), ask.groups(name, whole), ask.groups_in(name, whole))
+                       for name in ["star", "*", "(", "c00017", "R&D", "ENGINEERS", "staff", "nobody", "d"] for whole in (0, 1)},
+                    "by dn": ask.members(people.group_dn("board"), people.group_dn(people.LAB), f"cn=nobody,{SUFFIX}", by_dn=1),
+                    "by cn": ask.members("docker", "nobody", "STAFF", "*"),
+                    "of nobody": ask.members("*", "nobody")}
+
+        workdir.expect_live_as_stored(daemon, answers)
+        # What one domain has is never published without the others; one that is empty is lost in the crowd of the others.
         old = workdir.snapshot()
-        daemon.start("--disable-reply-cache", keep=True)
+        workdir.put(all_three("OU=Empty,O=Lab"), READER_PASSWORD)
+        workdir.refused_sync("domain rats.test: the servers gave no users at all")
+        lab.close()
+        workdir.refused_sync(lab.url)
+        assert workdir.snapshot() == old
         with Questions() as ask:
-            assert ask.user("alice") == 32
-            assert ask.user("LAB\\alice")[0] == ask.user("alice@lab.test")[0] == "lab.test"
-            assert ask.user("CORP\\alice")[0] == "corp.test"
-            assert ask.groups_of("bob") == sorted([*people.GROUPS_OF["bob"], "Lab Rats"], key=str.lower)
-            assert ask.validate("LAB\\alice", "in the lab") is True and ask.validate("CORP\\alice", "in the lab") is False
-            assert ask.validate("alice@corp.test", "correct horse") is True and ask.validate("alice", "in the lab") is False
-            lab.close()
-            workdir.refused_sync(lab.url)
-            assert workdir.snapshot() == old
-            assert ask.validate("LAB\\alice", "in the lab") is False
-            assert ask.validate("CORP\\alice", "correct horse") is True
-
-
-@pytest.mark.parametrize("synchronised", [True, False], ids=["snapshot", "live"])
-def test_tree_without_dc__has_the_domain_of_its_section(daemon, synchronised):
-    """Beside it a part of the same tree as a domain of its own, so that entries come twice."""
-    alice = "CN=Alice,OU=Rats,O=Lab"
-    entries = {"O=Lab": {"objectClass": ["organization"]}, "OU=Rats,O=Lab": {"objectClass": ["organizationalUnit"]},
-               "OU=Empty,O=Lab": {"objectClass": ["organizationalUnit"]},
-               "CN=Bob,O=Lab": {"objectClass": ["user"], "cn": ["Bob"], "sAMAccountName": ["bob"]},
-               alice: {"objectClass": ["user"], "cn": ["Alice"], "sAMAccountName": ["alice"], "password": ["in the lab"]},
-               "CN=Unix Rats,OU=Rats,O=Lab": {"objectClass": ["group"], "cn": ["Unix Rats"], "memberUid": ["alice"]}}
-    with RangedServer("O=Lab", entries, ("CN=reader,O=Lab", READER_PASSWORD)) as lab:
-        def both(base):
-            whole, part = (workdir.settings([lab.url], "CN=reader,O=Lab", base=base, DnsName=name)
-                           for base, name in (("O=Lab", "corp.test"), (base, "rats.test")))
-            return f"{whole}[Domain_2]{part.partition('[Domain_1]')[2]}"
-        workdir.place(both("OU=Rats,O=Lab"), READER_PASSWORD)
-        if synchronised:
-            workdir.good_sync()
-        daemon.start("--disable-reply-cache", keep=True)
-        with Questions() as ask:
-            for name in ("alice", "RATS\\alice", "alice@rats.test", alice):
-                assert ask.user(name)[:2] == ("rats.test", "alice"), name
-                assert ask.validate(name, "in the lab") is True, name
-            assert ask.user("CORP\\bob")[0] == "corp.test" and ask.user("CORP\\alice") == 32
-            assert ask.groups_of("alice") == ["Unix Rats"]
-            assert list(ask.members("Unix Rats").values()) == [["alice@rats.test"]]
-        if synchronised:  # a domain that has become empty is lost in the crowd of the others
-            workdir.put(both("OU=Empty,O=Lab"), READER_PASSWORD)
-            workdir.refused_sync("domain rats.test: the servers gave no users at all")
+            assert ask.validate("RATS\\alice", "in the lab") is False and ask.validate("CORP\\alice", "correct horse") is True
 
 
 def test_terminal__shows_how_far_it_is(slapd):
-    """A bar that ends with the run; nothing of it where nobody looks."""
+    """A bar that is gone at the end."""
     place_with_snapshot(slapd)
-    own, other = pty.openpty()
-    process = workdir.start_sync(stderr=other)
-    os.close(other)
-    shown = b""
-    with contextlib.suppress(OSError):  # the end of the terminal
-        while piece := os.read(own, 65536):
-            shown += piece
-    os.close(own)
-    assert workdir.finish(process).status == 0
-    assert re.search(rb"\[#*\.*\] \d+ entries, reading corp.test", shown) and shown.endswith(b"\r\x1b[K"), shown
+    shown = run("script", "-qec", f"{program('ldap_sync')} --workdir {sandbox.WORKDIR}", "/dev/null")
+    assert re.search(r"\[#*\.*\] \d+ entries, reading corp.test.*\n\x1b\[Kldap_sync: \d+ users", shown, re.DOTALL), shown
 
 
 # What must never cost the snapshot.
