@@ -223,45 +223,6 @@ def test_watch__fits_the_terminal_and_leaves_it_as_it_was(well, end):
     os.close(terminal)
 
 
-# Directory servers.
-
-@pytest.fixture(scope="module", name="slapd")
-def fixture_slapd():
-    with Slapd(people.content()) as server:
-        yield server
-
-
-def place(slapd, *servers, **more):
-    workdir.place(workdir.settings([slapd.url, *servers], READER, Schema="rfc2307bis", ConnectTimeout=1, **more),
-                  READER_PASSWORD)
-    workdir.place_script()
-
-
-def refused_binds(slapd):
-    with open(f"{slapd.folder}/log", encoding="utf-8", errors="replace") as file:
-        return len(re.findall("RESULT tag=97 err=49", file.read()))
-
-
-def test_status__each_directory_server_and_few_binds_however_often(daemon, slapd):
-    place(slapd, "ldap://127.0.0.1:9")
-    workdir.good_sync()
-    daemon.start(keep=True)
-    code, report = status()
-    assert code == WRONG and report["snapshot"]["source"] == "ldap"
-    assert {one["url"]: one["works"] for one in report["servers"]} == {slapd.url: True, "ldap://127.0.0.1:9": False}
-    assert len(report["problems"]) == 1 and problems(report, "127.0.0.1:9.*refused")
-    assert status("--no-servers")[1]["servers"] == []
-
-    with open(f"{sandbox.WORKDIR}/{workdir.PASSWORD_FILE}", "w", encoding="ascii") as file:
-        file.write("may not\n")
-    binds = refused_binds(slapd)
-    with subprocess.Popen([program("authctl"), "status", "--watch", "0.1", "--json"], stdout=subprocess.PIPE) as piped:
-        for _ in range(5):
-            assert problems(json.loads(piped.stdout.readline()), "reading account.*wrong user or password")
-        piped.kill()
-    assert refused_binds(slapd) == binds + 1
-
-
 # check-config.
 
 def check(*arguments, **more):
@@ -317,14 +278,50 @@ def test_check_config__all_problems_in_one_run():
     assert authctl("check-config")[0] == authctl("status", "--watch", "never")[0] == USAGE
 
 
-def test_check_config__servers_and_their_files(slapd):
+# Directory servers.
+
+@pytest.fixture(scope="module", name="slapd")
+def fixture_slapd():
+    with Slapd(people.content()) as server:
+        yield server
+
+
+def place(slapd, *servers, **more):
+    workdir.place(workdir.settings([slapd.url, *servers], READER, Schema="rfc2307bis", ConnectTimeout=1, **more),
+                  READER_PASSWORD)
+    workdir.place_script()
+
+
+def refused_binds(slapd):
+    with open(f"{slapd.folder}/log", encoding="utf-8", errors="replace") as file:
+        return len(re.findall("RESULT tag=97 err=49", file.read()))
+
+
+def test_servers__each_is_tried_and_few_binds_are_refused_however_often(daemon, slapd):
     place(slapd, "ldap://127.0.0.1:9")
     assert [one[:3] for one in check()] == [("error", "LdapSetting.ini", 6)]
     assert check("--no-servers") == []
+    workdir.good_sync()
+    daemon.start(keep=True)
+    code, report = status()
+    assert code == WRONG and report["snapshot"]["source"] == "ldap"
+    assert {one["url"]: one["works"] for one in report["servers"]} == {slapd.url: True, "ldap://127.0.0.1:9": False}
+    assert len(report["problems"]) == 1 and problems(report, "127.0.0.1:9.*refused")
+    assert status("--no-servers")[1]["servers"] == []
+
+    with open(f"{sandbox.WORKDIR}/{workdir.PASSWORD_FILE}", "w", encoding="ascii") as file:
+        file.write("may not\n")
+    binds = refused_binds(slapd)
+    with subprocess.Popen([program("authctl"), "status", "--watch", "0.1", "--json"], stdout=subprocess.PIPE) as piped:
+        for _ in range(5):
+            assert problems(json.loads(piped.stdout.readline()), "reading account.*wrong user or password")
+        piped.kill()
+    assert refused_binds(slapd) == binds + 1
+
+
+def test_servers__files_that_belong_to_them(slapd):
     place(slapd, CACertFile="ca.pem")
     os.chmod(f"{sandbox.WORKDIR}/{workdir.PASSWORD_FILE}", 0o644)
     write_file("ca.pem", "no certificate")
     texts = sorted(one[3] for one in check())
     assert len(texts) == 2 and "chmod 600" in texts[0] and "holds no certificate" in texts[1]
-
-
