@@ -3,8 +3,7 @@
 import socket
 
 import pytest
-from Velder_pb2 import (AllUserQueryRequest, GroupSearchRequest, IPAuthRequest, IPUserBindRequest, NTLMAuthRequest,
-                        UserInfoQueryRequest, UserSearchRequest)
+from Velder_pb2 import AllUserQueryRequest, IPAuthRequest, IPUserBindRequest, UserInfoQueryRequest, UserSearchRequest
 
 from harness import directory, wire
 from harness.daemon import until
@@ -34,26 +33,25 @@ def expect_refused(daemon, request_bytes, level, text):
     *[(header(0, number), "ERR", f"Error: unknown message type ({number})") for number in (1, 25, 27)],
     (header(wire.LARGEST_BODY + 1, wire.USER_INFO), "INF", TOO_BIG),
     (header(2**31 - 1, wire.USER_INFO) + b"x" * 50_000, "INF", TOO_BIG),
+    (wire.frame(wire.IP_AUTH, IPAuthRequest(scope=1).SerializePartialToString()), "ERR",
+     "Error: fail to parse IP_AUTH_REQUEST message"),
+    (wire.frame(wire.NTLM, b"\x0a\x7fabc"), "ERR", "Error: invalid NTLM_AUTH_REQUEST type 1 message"),
+    *[(wire.frame(number, b""), "ERR", f"Error: fail to parse ({number}) message")
+      for number in range(0, 28, 2) if number not in (wire.IP_AUTH, wire.NTLM)],
+    (wire.frame(wire.USER_INFO, b"\x0a\x7fabc"), "ERR", f"Error: fail to parse ({wire.USER_INFO}) message"),
 ], ids=lambda value: value if isinstance(value, str) and len(value) > 3 else "")
-def test_request__bad_header_closes(served, request_bytes, level, text):
+def test_request__that_cannot_be_used_closes(served, request_bytes, level, text):
     expect_refused(served, request_bytes, level, text)
 
 
-@pytest.mark.parametrize("message_type, incomplete", [
-    (wire.USER_SEARCH, UserSearchRequest(name="a")), (wire.GROUP_SEARCH, GroupSearchRequest(fullmatch=1)),
-    (wire.VALIDATE, UserInfoQueryRequest(user_ln="alice")), (wire.IP_BIND, IPUserBindRequest(ip=UNKNOWN)),
-    (wire.IP_AUTH, IPAuthRequest(scope=1)), (wire.GROUP_GROUPS, GroupSearchRequest(name="a")),
-    (wire.ALL_USERS, AllUserQueryRequest(grouplist=["Staff"])),
-    (wire.NTLM, NTLMAuthRequest(clientIP=UNKNOWN, requestContent="TlRMTVNTUAAB")),
-    (wire.USER_GROUPS, None), (wire.IP_QUERY, None), (wire.USER_INFO, None), (wire.IP_UNBIND, None),
-    (wire.EXPORT, None), (wire.NEGOTIATE, None),
-], ids=lambda value: str(value) if isinstance(value, int) else "")
-def test_request__body_that_cannot_be_used_closes(served, message_type, incomplete):
-    text = {wire.IP_AUTH: "Error: fail to parse IP_AUTH_REQUEST message",
-            wire.NTLM: "Error: invalid NTLM_AUTH_REQUEST type 1 message",
-            }.get(message_type, f"Error: fail to parse ({message_type}) message")
-    for body in (incomplete.SerializePartialToString() if incomplete else b"", b"\x0a\x7fabc"):
-        expect_refused(served, wire.frame(message_type, body), "ERR", text)
+def test_request__may_come_byte_by_byte(served):
+    more_needed = "Info: need more data to continue"
+    before = served.count_lines(more_needed)
+    with wire.Connection() as connection:
+        for number, byte in enumerate(ASK_ALICE):
+            until(lambda: served.count_lines(more_needed) >= before + number, "the daemon to take what came before")
+            connection.send(bytes([byte]))
+        assert connection.receive_answer(wire.USER_INFO).userInfo.cn == "Alice Adams"
 
 
 def test_request__body_reaches_to_the_end_of_what_came(served):
