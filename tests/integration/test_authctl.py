@@ -20,15 +20,13 @@ PASSWORD = directory.PASSWORDS["alice"]
     (["validate", "alice"], "\n", OTHER, ""),
     (["validate", "alice"], "", USAGE, ""),
     (["validate", "alice", "secret"], "", USAGE, ""),  # never from the arguments
-    (["ntlm"], "!!!\n", OTHER, ""),
-    (["bind", "10.7.2", "CORP\\alice"], "", OTHER, ""),
     (["bind", "10.7.2.1"], "", USAGE, ""),
     (["export", "relative.csv"], "", OTHER, ""),
     (["ip-auth", "10.7.2.1", "--wait"], "", OTHER, ""),  # no agent
     (["user-groups", "nobody", "--json"], "", OTHER, '{"result":32,"groupList":[]}\n'),
     (["--json", "all-users", "labrats"], "", OK, '{"result":0,"groupuserlist":[{"group_dn":'
                                                  f'"{directory.LABRATS_DN}","userlist":["rat@lab.test"]}}]}}\n'),
-    ([], "", USAGE, ""),
+    ([], "", USAGE, ""), (["dance"], "", USAGE, ""),
     (["user-info", "alice", "--timeout", "soon"], "", USAGE, ""),
     (["user-info", "alice", "--server", "127.0.0.1:1101"], "", NO_ANSWER, ""),
     (["user-info", "alice", "--server", "no.such.host.invalid"], "", NO_ANSWER, ""),

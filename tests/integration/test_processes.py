@@ -84,8 +84,6 @@ def test_reload__one_worker_takes_the_new_directory(daemon, number):
         assert other.user_info("newman").result == 32
         assert other.user_info("alice").userInfo.cn == "Alice Adams"
         assert daemon.count_lines(LOADED, pid=daemon.pid) == daemon.count_lines(LOADED, pid=untold) == 0
-    daemon.wait_line(re.compile(r"^reply cache statistic info: size\(\d+\), count\(\d+\), query\(\d+\), hit\(\d+\)$"),
-                     level="INF", pid=told)
 
 
 def test_signals__just_before_a_sleep_are_not_lost(daemon, monkeypatch):
