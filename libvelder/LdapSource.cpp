@@ -189,9 +189,13 @@ std::optional<std::string> guard_objection(uint32_t shrink_guard, const std::opt
 Result<SyncReport> sync_from_servers(const std::string& workdir, const Settings& settings,
                                      const SyncOptions& options) {
   const Time begin = std::chrono::steady_clock::now();
-  const Time until = options.time_limit.count() == 0 ? Time::max() : begin + options.time_limit;
-  const auto lock = SnapshotLock::acquire(workdir, until);
+  const auto end_of_wait = [&] {
+    const bool limited = options.time_limit.count() != 0;
+    return limited ? std::chrono::steady_clock::now() + options.time_limit : Time::max();
+  };
+  const auto lock = SnapshotLock::acquire(workdir, end_of_wait());
   if (!lock) return tl::make_unexpected(lock.error());
+  const Time until = end_of_wait();
 
   std::list<ServerPool> pools;  // kept over the attempts: they remember who failed
   for (const Domain& domain : settings.domains) pools.emplace_back(domain, ServerPool::Probes::kNone);

@@ -30,7 +30,7 @@ struct SyncProgress {
 
 struct SyncOptions {
   bool force = false;  // publish even what the guard would refuse
-  // For everything but the writing of the snapshot, the wait for another process included; 0: no limit.
+  // For the wait for another process, and again for the reading; 0: no limit.
   std::chrono::milliseconds time_limit{0};
   std::function<void(const SyncProgress&)> progress;  // called once a page at most; may be empty
 };
