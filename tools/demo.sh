@@ -66,13 +66,14 @@ recorded_session() {
   read -r pid _ 2>/dev/null <"$state" && [ -n "$pid" ] && our_pids "$pid"
 }
 
-# Every zombie counts as gone: its parent may be a container's first process that reaps nobody.
+# A zombie counts as gone: its parent may be a container's first process that reaps nobody. Not while another of its
+# threads lives, which keeps the port.
 still_there() {
-  local process pid started condition
+  local process pid started
   for process in "$@"; do
     pid=${process%:*} started=${process#*:}
-    condition=$(stat_field "$pid" 3) || continue
-    if [ "$(start_time_of "$pid")" = "$started" ] && [ "$condition" != Z ]; then say "$pid"; fi
+    [ "$(start_time_of "$pid")" = "$started" ] || continue
+    if grep -qs '^State:.[^Z]' "/proc/$pid/task/"*/status; then say "$pid"; fi
   done
 }
 
