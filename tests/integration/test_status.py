@@ -109,7 +109,7 @@ def test_status__figures_of_the_reply_cache_errors_and_script_come_from_the_log(
 
 def test_status__looking_changes_nothing(well):
     assert authctl("bind", "10.1.1.2", "CORP\\alice")[0] == 0
-    until(lambda: os.path.exists(f"{os.path.dirname(STORE)}/bindings.compact.mdb"), "the copy that the maintenance makes")
+    until(lambda: os.path.exists(f"{os.path.dirname(STORE)}/bindings.compact.mdb"), "the copy of the maintenance")
     before = everything_below(sandbox.WORKDIR, "/etc/quarn")
     assert STORE in before
     for user in (None, NOBODY, sandbox.ACCOUNT_ID):
