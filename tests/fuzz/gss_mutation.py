@@ -25,44 +25,51 @@ def run(*command, **more):
         sys.exit(f"{' '.join(command)}: {done.stdout}{done.stderr}")
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 def start_realm(folder):
     """The KDC's process; the environment points to it afterwards, with a ticket in the cache."""
-    port = free_port()
-    os.environ.update(KRB5_CONFIG=f"{folder}/krb5.conf", KRB5_KDC_PROFILE=f"{folder}/kdc.conf",
-                      KRB5CCNAME=f"FILE:{folder}/cache")
-    with open(f"{folder}/krb5.conf", "w", encoding="ascii") as file:
-        file.write(f"[libdefaults]\ndefault_realm = {REALM}\ndns_lookup_kdc = false\ndns_lookup_realm = false\n"
-                   f"dns_canonicalize_hostname = false\nrdns = false\n[realms]\n{REALM} = {{\nkdc = 127.0.0.1:{port}\n}}\n"
-                   f"[domain_realm]\n{HOST} = {REALM}\n")
-    with open(f"{folder}/kdc.conf", "w", encoding="ascii") as file:
-        file.write(f"[kdcdefaults]\nkdc_listen = 127.0.0.1:{port}\nkdc_tcp_listen = 127.0.0.1:{port}\n[realms]\n{REALM} = {{\n"
-                   f"database_name = {folder}/principal\nkey_stash_file = {folder}/stash\nacl_file = {folder}/acl\n"
-                   f"max_life = 24h\n}}\n[logging]\nkdc = FILE:{folder}/log\n")
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        address = f"127.0.0.1:{probe.getsockname()[1]}"
+    os.environ.update(KRB5_CONFIG=f"{folder}/conf", KRB5_KDC_PROFILE=f"{folder}/conf", KRB5CCNAME=f"FILE:{folder}/cache")
+    with open(f"{folder}/conf", "w", encoding="ascii") as file:  # of the clients and of the KDC
+        file.write(f"""[libdefaults]
+default_realm = {REALM}
+dns_lookup_kdc = false
+dns_canonicalize_hostname = false
+rdns = false
+[kdcdefaults]
+kdc_listen = {address}
+kdc_tcp_listen = {address}
+[realms]
+{REALM} = {{
+kdc = {address}
+database_name = {folder}/principal
+key_stash_file = {folder}/stash
+acl_file = {folder}/acl
+max_life = 24h
+}}
+[domain_realm]
+{HOST} = {REALM}
+[logging]
+kdc = FILE:{folder}/log
+""")
     run("kdb5_util", "create", "-s", "-r", REALM, "-P", "master")
     for command in ("addprinc -pw password alice", f"addprinc -randkey HTTP/{HOST}", f"ktadd -k {folder}/keytab HTTP/{HOST}"):
         run("kadmin.local", "-r", REALM, "-q", command)
     kdc = subprocess.Popen(["krb5kdc", "-n", "-P", f"{folder}/pid"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     deadline = time.monotonic() + 30
-    while socket.socket().connect_ex(("127.0.0.1", port)) != 0:
+    while subprocess.run(["kinit", "-l", "20h", "alice"], input=b"password\n", capture_output=True, check=False).returncode:
         if kdc.poll() is not None or time.monotonic() > deadline:
             sys.exit("the KDC did not start")
         time.sleep(0.05)
-    run("kinit", "-l", "20h", "alice", input="password\n")
     return kdc
 
 
 def main():
     parser = argparse.ArgumentParser(description="Mutated messages into the NTLM and Kerberos mechanisms.")
     parser.add_argument("program")
-    parser.add_argument("--count", type=int, default=1_000_000)
-    parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--jobs", type=int, default=1)
+    for name, default in (("--count", 1_000_000), ("--seed", 1), ("--jobs", 1)):
+        parser.add_argument(name, type=int, default=default)
     options = parser.parse_args()
     os.environ["PATH"] += ":/usr/sbin:/sbin"
     if not all(map(shutil.which, ("krb5kdc", "kdb5_util", "kadmin.local", "kinit"))):

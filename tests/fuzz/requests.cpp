@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <map>
+#include <memory>
 
 #include "Fuzz.h"
 #include "event/Event.h"
@@ -30,15 +31,14 @@ std::map<int, event> g_registered;
 std::string_view g_agent_answer;
 bool g_agent_there = false;
 
-// A socket whose other end takes everything and gives what it is told.
-int peer_of(int fd) {
+// Two ends, the first with a number apart from what the libraries open.
+std::array<int, 2> make_pair() {
   std::array<int, 2> ends{};
   require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0,
           "there are sockets");
-  if (fd < 0) fd = fcntl(ends[0], F_DUPFD_CLOEXEC, 100);  // apart from what the libraries open
-  require(dup3(ends[0], fd, O_CLOEXEC) == fd || ends[0] == fd, "and descriptors");
+  const int apart = fcntl(ends[0], F_DUPFD_CLOEXEC, 100);
   close(ends[0]);
-  return ends[1];
+  return {apart, ends[1]};
 }
 
 }  // namespace
@@ -56,7 +56,9 @@ extern "C" int __wrap_connect(int fd, const sockaddr* /*address*/, socklen_t /*l
     errno = ECONNREFUSED;
     return -1;
   }
-  const int agent = peer_of(fd);
+  const auto [here, agent] = make_pair();
+  require(dup3(here, fd, O_CLOEXEC) == fd, "and descriptors");
+  close(here);
   require(send(agent, g_agent_answer.data(), g_agent_answer.size(), MSG_NOSIGNAL) >= 0 || errno == EAGAIN,
           "the agent answers");
   shutdown(agent, SHUT_WR);
@@ -72,11 +74,6 @@ namespace {
 class Client {
  public:
   Client() {
-    std::array<int, 2> ends{};
-    require(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) == 0,
-            "there are sockets");
-    served_ = ends[0];
-    own_ = ends[1];
     event ev;
     event_set(&ev, served_, EVENT_READ, tcp_read_socket_handler, nullptr);
     g_registered.emplace(served_, ev);
@@ -97,9 +94,11 @@ class Client {
 
  private:
   void run() {
+    std::array<char, 65536> buffer;
     for (bool worked = true; worked;) {
       worked = false;
-      drain();
+      while (recv(own_, buffer.data(), buffer.size(), 0) > 0) {
+      }
       for (const auto& [fd, ev] : std::map(g_registered)) {
         pollfd ready{fd, ev.events, 0};
         if (poll(&ready, 1, 0) != 1) continue;
@@ -109,14 +108,9 @@ class Client {
       }
     }
   }
-  void drain() const {
-    std::array<char, 65536> buffer;
-    while (recv(own_, buffer.data(), buffer.size(), 0) > 0) {
-    }
-  }
-
-  int served_ = -1;
-  int own_ = -1;
+  const std::array<int, 2> ends_ = make_pair();
+  const int served_ = ends_[0];
+  const int own_ = ends_[1];
 };
 
 // Both libraries on a working directory of their own, in which alone exports may land.
@@ -149,21 +143,21 @@ void take_agent(Input& input) {
 
 // Names that lead somewhere, and whatever the input holds.
 std::string some_text(Input& input) {
-  static constexpr std::array<const char*, 12> kKnown = {"",
-                                                         "^",
-                                                         "a",
-                                                         "CORP\\jmueller",
-                                                         "jmueller@corp.example.com",
-                                                         "10.1.2.3",
-                                                         "::1",
-                                                         "Proxy_guest_user",
-                                                         "TlRMTVNTUAABAAAAB4IIogAAAAAAAAAAAAAAAAAAAAA=",
-                                                         "DC=corp,DC=example,DC=com",
-                                                         "/x.csv",
-                                                         "jmueller"};
+  static constexpr const char* kKnown[] = {"",
+                                           "^",
+                                           "a",
+                                           "CORP\\jmueller",
+                                           "jmueller@corp.example.com",
+                                           "10.1.2.3",
+                                           "::1",
+                                           "Proxy_guest_user",
+                                           "TlRMTVNTUAABAAAAB4IIogAAAAAAAAAAAAAAAAAAAAA=",
+                                           "DC=corp,DC=example,DC=com",
+                                           "/x.csv",
+                                           "jmueller"};
   const uint8_t kind = input.byte();
-  if (kind < kKnown.size()) return kKnown[kind];
-  return std::string(input.take(kind - kKnown.size()));
+  if (kind < std::size(kKnown)) return kKnown[kind];
+  return std::string(input.take(kind - std::size(kKnown)));
 }
 
 void fill(google::protobuf::Message& message, Input& input) {
@@ -189,30 +183,26 @@ std::string frame_of(int type, std::string_view body) {
   return std::string(reinterpret_cast<const char*>(&header), sizeof header).append(body);
 }
 
-template <class Request>
-std::string body(Input& input) {
-  Request request;
-  fill(request, input);
-  return request.SerializePartialAsString();
-}
-
+// By type: the kinds of request have the even ones.
 std::string body_of(int type, Input& input) {
-  switch (type) {
-    case Velder::USER_SEARCH_REQUEST: return body<Velder::UserSearchRequest>(input);
-    case Velder::GROUP_SEARCH_REQUEST:
-    case Velder::GROUP_GROUP_QUERY_REQUEST: return body<Velder::GroupSearchRequest>(input);
-    case Velder::USER_GROUP_QUERY_REQUEST: return body<Velder::UserGroupQueryRequest>(input);
-    case Velder::IP_USER_QUERY_REQUEST: return body<Velder::IPUserQueryRequest>(input);
-    case Velder::USER_VALIDATE_REQUEST: return body<Velder::UserValidateRequest>(input);
-    case Velder::USER_INFO_QUERY_REQUEST: return body<Velder::UserInfoQueryRequest>(input);
-    case Velder::IP_USER_BIND_REQUEST: return body<Velder::IPUserBindRequest>(input);
-    case Velder::WMI_AUTH_REQUEST: return body<Velder::IPAuthRequest>(input);
-    case Velder::NTLM_AUTH_REQUEST: return body<Velder::NTLMAuthRequest>(input);
-    case Velder::IP_USER_UNBIND_REQUEST: return body<Velder::IPUserUnBindRequest>(input);
-    case Velder::IP_USER_CACHE_EXPORT_REQUEST: return body<Velder::IPUserCacheExportRequest>(input);
-    case Velder::All_USERS_QUERY_REQUEST: return body<Velder::AllUserQueryRequest>(input);
-    default: return body<Velder::NEGOAuthRequest>(input);
-  }
+  static const std::array<const google::protobuf::Message*, 14> kKinds = {
+      &Velder::UserSearchRequest::default_instance(),
+      &Velder::GroupSearchRequest::default_instance(),
+      &Velder::UserGroupQueryRequest::default_instance(),
+      &Velder::IPUserQueryRequest::default_instance(),
+      &Velder::UserValidateRequest::default_instance(),
+      &Velder::UserInfoQueryRequest::default_instance(),
+      &Velder::IPUserBindRequest::default_instance(),
+      &Velder::IPAuthRequest::default_instance(),
+      &Velder::NTLMAuthRequest::default_instance(),
+      &Velder::IPUserUnBindRequest::default_instance(),
+      &Velder::IPUserCacheExportRequest::default_instance(),
+      &Velder::GroupSearchRequest::default_instance(),
+      &Velder::AllUserQueryRequest::default_instance(),
+      &Velder::NEGOAuthRequest::default_instance()};
+  const std::unique_ptr<google::protobuf::Message> request(kKinds.at(static_cast<size_t>(type / 2))->New());
+  fill(*request, input);
+  return request->SerializePartialAsString();
 }
 
 }  // namespace

@@ -132,15 +132,12 @@ FUZZ_TARGET(client_answer) {
   Input input(bytes);
   const uint8_t kind = input.byte();
   velder_client::FrameReader reader(1 << 16);
-  while (!input.empty()) {
-    const auto progress = reader.feed(input.piece());
-    if (!progress) return;
-    if (*progress == velder_client::FrameReader::Progress::kComplete) break;
+  auto progress = reader.feed("");
+  while (progress && *progress != velder_client::FrameReader::Progress::kComplete) {
+    if (input.empty()) return;
+    progress = reader.feed(input.piece());
   }
-  if (reader.empty() || !reader.feed("") ||
-      reader.feed("").value() != velder_client::FrameReader::Progress::kComplete) {
-    return;
-  }
+  if (!progress) return;
   Velder::UserSearchResponse users;
   Velder::AllUserQueryResponse groups;
   std::ostringstream out;
