@@ -2,6 +2,7 @@
 mirror that this machine uses, and a fresh overlay of it for every test."""
 
 import glob
+import json
 import os
 import pathlib
 import re
@@ -9,7 +10,7 @@ import shutil
 import subprocess
 import time
 
-PACKAGES = pathlib.Path(os.environ["AUTHD_PACKAGES"])
+PACKAGES = pathlib.Path(os.environ.get("AUTHD_PACKAGES", ""))
 ROOTS = PACKAGES / "roots"
 LONG_WAIT = 60
 STANDALONE = ["systemd-standalone-sysusers", "systemd-standalone-tmpfiles"]
@@ -17,10 +18,14 @@ ENVIRONMENT = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL": "C.UTF-8", "DE
                "HOME": "/root", "TERM": "dumb"}
 
 
-def run(*command, **options):
-    done = subprocess.run(command, text=True, capture_output=True, timeout=900, check=False, **options)
-    assert done.returncode == 0, f"{command}: {done.returncode}\n{done.stdout}\n{done.stderr}"
-    return done.stdout
+def call(*command, check=True, **options):
+    done = subprocess.run(command, text=True, capture_output=True, timeout=900, check=False, stdin=subprocess.DEVNULL, **options)
+    assert not check or done.returncode == 0, f"{command}: {done.returncode}\n{done.stdout}\n{done.stderr}"
+    return done
+
+
+def run(*command):
+    return call(*command).stdout
 
 
 def package(name):
@@ -31,37 +36,20 @@ def package(name):
 
 def dependencies(name):
     """The first alternative of each, without what a test chooses for itself."""
-    wanted = []
-    for clause in run("dpkg-deb", "--field", package(name), "Depends").split(","):
-        first = re.split(r"[ (|]", clause.strip())[0]
-        if first not in ("systemd", "quarn-authd"):
-            wanted.append(first)
-    return wanted
-
-
-def mirror():
-    """(address, suite) of the archive that this machine installs from."""
-    text = run("apt-get", "indextargets", "--format", "$(SITE) $(RELEASE) $(COMPONENT)", "Created-By: Packages")
-    site, suite, _ = next(line.split() for line in text.splitlines() if re.fullmatch(r"\S+ [a-z]+ main", line))
-    return site, suite
-
-
-def apt_sources():
-    return [path for path in glob.glob("/etc/apt/sources.list") + glob.glob("/etc/apt/sources.list.d/*")
-            if os.path.isfile(path)]
+    clauses = run("dpkg-deb", "--field", package(name), "Depends").split(",")
+    return {re.split(r"[ (|]", clause.strip())[0] for clause in clauses} - {"systemd", "quarn-authd"}
 
 
 def in_chroot(root, *command, check=True):
-    done = subprocess.run(["chroot", root, *command], env=ENVIRONMENT, text=True, capture_output=True, timeout=900,
-                          check=False, stdin=subprocess.DEVNULL)
-    assert not check or done.returncode == 0, f"{command}: {done.returncode}\n{done.stdout}\n{done.stderr}"
-    return done
+    return call("chroot", root, *command, check=check, env=ENVIRONMENT)
 
 
 def bootstrap(place):
-    site, suite = mirror()
+    """From the archive that this machine installs from."""
+    text = run("apt-get", "indextargets", "--format", "$(SITE) $(RELEASE) $(COMPONENT)", "Created-By: Packages")
+    site, suite, _ = next(line.split() for line in text.splitlines() if re.fullmatch(r"\S+ [a-z]+ main", line))
     run("debootstrap", "--variant=minbase", suite, str(place), site)
-    for path in apt_sources():
+    for path in filter(os.path.isfile, [*glob.glob("/etc/apt/sources.list*"), *glob.glob("/etc/apt/sources.list.d/*")]):
         shutil.copy(path, f"{place}{path}")
     shutil.copy("/etc/resolv.conf", f"{place}/etc/resolv.conf")
     in_chroot(place, "apt-get", "update")
@@ -91,11 +79,11 @@ def make_root(place, make, packages):
 
 def make_roots():
     """`plain` has no systemd but its two tools that work alone; `systemd` can be booted."""
-    ours = sorted({*dependencies("quarn-authd"), *dependencies("quarn-authhelper"), "gss-ntlmssp"})
+    ours = [*dependencies("quarn-authd"), *dependencies("quarn-authhelper"), "gss-ntlmssp"]
     make_root(ROOTS / "minimal", bootstrap, [])
-    copy = lambda draft: run("cp", "--archive", str(ROOTS / "minimal"), str(draft))  # noqa: E731
-    make_root(ROOTS / "plain", copy, [*ours, *STANDALONE, "logrotate", "bash-completion"])
-    make_root(ROOTS / "systemd", copy, [*ours, "systemd", "systemd-sysv", "dbus", "iproute2"])
+    for name, more in (("plain", [*STANDALONE, "logrotate", "bash-completion"]),
+                       ("systemd", ["systemd", "systemd-sysv", "dbus", "iproute2"])):
+        make_root(ROOTS / name, lambda draft: run("cp", "--archive", str(ROOTS / "minimal"), str(draft)), {*ours, *more})
 
 
 class Root:
@@ -108,10 +96,6 @@ class Root:
         run("mount", "-t", "overlay", "overlay", "-o",
             f"lowerdir={lower},upperdir={scratch}/upper,workdir={scratch}/work", str(self.path))
 
-    def mkdir(self, name):
-        (self.path / name).mkdir(parents=True, exist_ok=True)
-        return self.path / name
-
     def mount_system(self):
         run("mount", "-t", "proc", "proc", str(self.path / "proc"))
         run("mount", "--rbind", "/dev", str(self.path / "dev"))
@@ -120,8 +104,8 @@ class Root:
     def __call__(self, *command, check=True):
         return in_chroot(self.path, *command, check=check)
 
-    def shell(self, text, check=True):
-        return self("sh", "-c", text, check=check).stdout.strip()
+    def shell(self, text):
+        return self("sh", "-c", text).stdout.strip()
 
     def read(self, name):
         return (self.path / name.lstrip("/")).read_text()
@@ -132,10 +116,6 @@ class Root:
     def exists(self, name):
         return os.path.lexists(f"{self.path}/{name.lstrip('/')}")
 
-    def owner(self, name):
-        """`user:group mode`, as the root knows them."""
-        return self("stat", "-c", "%U:%G %a", name).stdout.strip()
-
 
 def until(condition, what, timeout=LONG_WAIT):
     deadline = time.monotonic() + timeout
@@ -143,6 +123,20 @@ def until(condition, what, timeout=LONG_WAIT):
         assert time.monotonic() < deadline, f"did not happen within {timeout} s: {what() if callable(what) else what}"
         time.sleep(0.1)
     return value
+
+
+def install(machine, path):
+    """On a root or a booted machine; edited settings stay, as they do when nobody can be asked."""
+    shutil.copy(path, f"{machine.path}/root/package.deb")
+    machine("dpkg", "--install", "--force-confdef", "--force-confold", "/root/package.deb")
+
+
+def answer(machine, *question):
+    """The daemon's answer to authctl as a record."""
+    def asked():
+        done = machine("authctl", "--json", "--timeout", "5", *question, check=False)
+        return json.loads(done.stdout) if done.stdout else None
+    return until(asked, f"an answer to {question}")
 
 
 def next_version(scratch):

@@ -5,12 +5,13 @@ import os
 import signal
 import subprocess
 
-from bare_root import ENVIRONMENT, run, until
+from bare_root import ENVIRONMENT, call, run, until
 
 
 class Machine:
     def __init__(self, root, name="gateway"):
         self.root = root
+        self.path = root.path
         self.name = name
         self.container = None
         self.leader = None
@@ -62,16 +63,12 @@ class Machine:
         return self.console.read()[-4000:].decode(errors="replace")
 
     def __call__(self, *command, check=True):
-        done = subprocess.run(["nsenter", f"--target={self.leader}", "--all", "--", *command], env=ENVIRONMENT, text=True,
-                              capture_output=True, timeout=300, check=False, stdin=subprocess.DEVNULL)
-        assert not check or done.returncode == 0, f"{command}: {done.returncode}\n{done.stdout}\n{done.stderr}"
-        return done
+        return call("nsenter", f"--target={self.leader}", "--all", "--", *command, check=check, env=ENVIRONMENT)
 
     def main_pid(self):
         return int(self("systemctl", "show", "--value", "--property=MainPID", "quarn-authd").stdout)
 
     def state(self):
         """Such as "active", "running", "success"."""
-        shown = self("systemctl", "show", "--property=ActiveState,SubState,Result", "quarn-authd").stdout
-        values = dict(line.split("=", 1) for line in shown.split())
-        return [values["ActiveState"], values["SubState"], values["Result"]]
+        return [self("systemctl", "show", "--value", f"--property={name}", "quarn-authd").stdout.strip()
+                for name in ("ActiveState", "SubState", "Result")]

@@ -1,13 +1,10 @@
 """The package on a machine that systemd runs: service, restart, reload, the filter of addresses."""
 
-import json
-import os
 import resource
 import socket
-import subprocess
 
 import pytest
-from bare_root import ROOTS, Root, next_version, package, until
+from bare_root import ROOTS, Root, answer, install, next_version, package, run, until
 from machine import Machine
 
 WORK = "/var/lib/quarn-authd"
@@ -16,22 +13,8 @@ OURS, THEIRS = "192.0.2.1", "192.0.2.2"
 
 @pytest.fixture
 def machine(scratch):
-    subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
     with Machine(Root(ROOTS / "systemd", scratch)) as made:
         yield made
-
-
-def install(machine, path):
-    target = f"{machine.root.path}/root/package.deb"
-    subprocess.run(["cp", path, target], check=True)
-    return machine("dpkg", "--install", "--force-confdef", "--force-confold", "/root/package.deb")
-
-
-def answer(machine, *question):
-    def asked():
-        done = machine("authctl", "--json", "--timeout", "5", *question, check=False)
-        return json.loads(done.stdout) if done.stdout else None
-    return until(asked, lambda: f"an answer to {question}; {machine.state()}")
 
 
 def log(machine):
@@ -97,9 +80,8 @@ def test_a_life_as_a_service(machine, scratch):
 
 def connects(machine, address):
     """Whether a connection to the daemon, from here, gets an answer."""
-    machine_end = (address, 1100)
     try:
-        with socket.create_connection(machine_end, timeout=2) as connection:
+        with socket.create_connection((address, 1100), timeout=2) as connection:
             connection.settimeout(5)
             connection.sendall(bytes([5, 0, 0, 0, 6, 0, 0, 0, 10, 3]) + b"::1")
             return len(connection.recv(100)) > 8
@@ -110,18 +92,18 @@ def connects(machine, address):
 def test_only_the_machine_itself_reaches_the_port_until_others_are_allowed(machine):
     install(machine, package("quarn-authd"))
     until(lambda: running(machine), machine.state)
-    subprocess.run(["ip", "addr", "add", f"{OURS}/24", "dev", f"ve-{machine.name}"], check=True)
-    subprocess.run(["ip", "link", "set", f"ve-{machine.name}", "up"], check=True)
+    run("ip", "addr", "add", f"{OURS}/24", "dev", f"ve-{machine.name}")
+    run("ip", "link", "set", f"ve-{machine.name}", "up")
     machine("ip", "addr", "add", f"{THEIRS}/24", "dev", "host0")
     machine("ip", "link", "set", "host0", "up")
-    until(lambda: os.system(f"ping -c 1 -W 1 {THEIRS} >/dev/null 2>&1") == 0 or True, "the link")
     assert answer(machine, "ip-query", "::1")["result"] == 1
     warned = machine("journalctl", "--no-pager", "--grep=BPF|firewall", check=False).stdout
     if "not supported" in warned or "firewalling is not" in warned:
         pytest.skip("this kernel cannot filter addresses for a unit")
     assert not connects(machine, THEIRS)
 
-    folder = machine.root.mkdir("etc/systemd/system/quarn-authd.service.d")
+    folder = machine.path / "etc/systemd/system/quarn-authd.service.d"
+    folder.mkdir(parents=True, exist_ok=True)
     (folder / "proxies.conf").write_text(f"[Service]\nIPAddressAllow={OURS}\n")
     machine("systemctl", "daemon-reload")
     machine("systemctl", "restart", "quarn-authd")
