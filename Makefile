@@ -73,7 +73,7 @@ coverage: ## Runs all tests and tells which lines of ours none of them reached, 
 	@find build/coverage -name '*.gcno' | sed 's/gcno$$/gcda/' | while read -r file; do : >"$$file" && chmod 666 "$$file"; done
 	@AUTHD_COVERAGE=1 GCOV_ERROR_FILE=/dev/null $(TEST) build/coverage; failed=$$?; sh tests/coverage/report.sh build/coverage; exit $$failed
 
-chaos: ## Makes the daemon's surroundings fail for CHAOS_SECONDS in each test (default 30), a million requests
+chaos: ## Makes the daemon's surroundings fail for CHAOS_SECONDS in each test (default 30)
 	@$(INSTALL) build test
 	@$(CONFIGURE) build -DBUILD_TESTS=ON
 	@$(COMPILE) build

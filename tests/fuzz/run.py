@@ -26,7 +26,6 @@ LARGEST_CORPUS_FILE = 300
 LIMITS = [f"-max_len={LONGEST}", "-timeout=20", "-rss_limit_mb=3000", "-malloc_limit_mb=1000"]
 # Blocks that were given back are kept for a while; of 256 MB each page would have to be cleared again and again.
 SANITIZER = ":".join(filter(None, [os.environ.get("ASAN_OPTIONS"), "quarantine_size_mb=16"]))
-COLUMNS = "{:<14} {:>12} {:>8} {:>8} {:>9}  {}"
 
 
 def libfuzzer(program, target, *arguments):
@@ -38,11 +37,6 @@ def libfuzzer(program, target, *arguments):
     return done.returncode, done.stderr
 
 
-def last(pattern, text):
-    found = re.findall(pattern, text)
-    return found[-1] if found else "-"
-
-
 def run(program, target, work):
     grown, findings = work / "grown" / target, work / "findings"
     for folder in (grown, findings):
@@ -52,32 +46,28 @@ def run(program, target, work):
     status, text = libfuzzer(program, target, f"-max_total_time={seconds}", "-print_final_stats=1",
                              f"-artifact_prefix={findings}/{target}-", *([f"-dict={dictionary}"] if dictionary.exists() else []),
                              grown, HERE / "corpus" / target)
-    verdict = "none" if status == 0 else last(r"does not hold: .*|SUMMARY: .*", text)
-    print(COLUMNS.format(target, last(r"number_of_executed_units: (\d+)", text), last(r"average_exec_per_sec: +(\d+)", text),
-                         last(r"cov: (\d+)", text), last(r"corp: (\d+)", text), verdict), flush=True)
+    facts = re.findall(r"DONE +(cov: \d+).*(corp: \d+)|(executed_units: \d+)|(does not hold: .*|SUMMARY: .*)", text)
+    print(target, "good" if status == 0 else "FAILED", *filter(None, sum(facts, ())), flush=True)
     if status != 0:
         (findings / f"{target}.log").write_text(text, encoding="utf-8")
     return status == 0
 
 
 def merge(program, target, work):
-    small = [path for path in (work / "grown" / target).glob("*") if path.stat().st_size <= LARGEST_CORPUS_FILE]
     with tempfile.TemporaryDirectory() as folder:
-        for path in small:
-            shutil.copy(path, folder)
+        for path in (work / "grown" / target).glob("*"):
+            if path.stat().st_size <= LARGEST_CORPUS_FILE:
+                shutil.copy(path, folder)
         status, text = libfuzzer(program, target, "-set_cover_merge=1", "-use_counters=0", HERE / "corpus" / target, folder)
     print(target, "merged" if status == 0 else text[-2000:])
     return status == 0
 
 
 def main():
-    arguments = sys.argv[1:]
-    work_at = merge if arguments[0] == "--merge" else run
-    program, *targets = [argument for argument in arguments if argument != "--merge"]
+    work_at = merge if sys.argv[1] == "--merge" else run
+    program, *targets = [argument for argument in sys.argv[1:] if argument != "--merge"]
     program = pathlib.Path(program).resolve()
     targets = targets or sorted(path.name for path in (HERE / "corpus").iterdir())
-    if work_at is run:
-        print(COLUMNS.format("target", "executions", "exec/s", "coverage", "inputs", "finding"))
     targets.sort(key=lambda target: target not in SLOW)  # the longest first, else the last ones run alone
     with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
         good = list(pool.map(lambda target: work_at(program, target, program.parents[1]), targets))

@@ -18,18 +18,22 @@ TEST_F(BindingExportTest, LiveBindingsComeSortedByAddressQuotedWhereNeeded) {
   ASSERT_EQ(start(), 0);
   bind("10.0.0.3", "expired");
   g_test_time += 60;
-  const std::string users[][2] = {{"DOM\\ann", "DOM\\ann"}, {" \xff;=1 ", " \xff;=1 "},
-                                  {"a,b", "\"a,b\""},       {"\"", "\"\"\"\""},
-                                  {"a\r\nb", "\"a\r\nb\""}, {std::string("\0x", 2), std::string("\0x", 2)}};
+  const std::string users[][2] = {{"DOM\\ann", "DOM\\ann"},
+                                  {" \xff;=1 ", " \xff;=1 "},
+                                  {"a,b", "\"a,b\""},
+                                  {"\"", "\"\"\"\""},
+                                  {"a\rb", "\"a\rb\""},
+                                  {"a\nb", "\"a\nb\""},
+                                  {std::string("\0x", 2), std::string("\0x", 2)}};
   bind("2001:db8::1", "last");
   std::string expected(torrin::kExportHeader);
   const auto all = addresses(4500);  // several chunks
   for (size_t i = 0; i < all.size(); ++i) {
-    const auto& [user, field] = users[i % 6];
+    const auto& [user, field] = users[i % std::size(users)];
     bind(all[i], user);
     expected.append(all[i]).append(",").append(field).append(",1000120\r\n");
   }
-  const mode_t before = umask(0);
+  const mode_t before = umask(077);
   ASSERT_TRUE(cache_->export_to(out_ + "/list.csv"));
   umask(before);
   EXPECT_EQ(read_text(out_ + "/list.csv"), expected + "2001:db8::1,last,1000120\r\n");

@@ -74,6 +74,11 @@ TEST(AuthctlFormat, EveryMessageHasAJsonFormOnOneLine) {
   EXPECT_EQ(to_json(answer),
             R"({"result":0,"expire_at":5,"userInfo":{"user_ln":"CORP\\al","domain_dns":"","uid":"\\xffl",)"
             R"("cn":"x\u001b[2J\n\u009b2J","dn":"山","upn":"u","groupList":[{"cn":"\\xc3","dn":"d"}]}})");
+  Velder::AllUserQueryResponse users;
+  users.set_result(0);
+  users.add_groupuserlist()->set_group_dn("g");
+  users.mutable_groupuserlist(0)->add_userlist("\xFE");
+  EXPECT_EQ(to_json(users), R"({"result":0,"groupuserlist":[{"group_dn":"g","userlist":["\\xfe"]}]})");
   EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
