@@ -74,6 +74,10 @@ TEST_F(BindingCacheTest, AnyRowOfCallsDoesWhatAMapOfBindingsWould) {
       ASSERT_EQ(expire, found->second.expiry) << turn;
     }
   }
+  g_test_time = -120;  // a clock that was never set
+  bind("::1", "u");
+  g_test_time = 1'000'000;
+  EXPECT_EQ(lookup("::1"), "<1>") << "not bound for ever";
   EXPECT_EQ(lookup("nowhere"), "<-1>");
   EXPECT_EQ(cache_->update(nullptr, "u"), -1);
   EXPECT_EQ(log_lines("ERR"), 0);
