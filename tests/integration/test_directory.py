@@ -114,13 +114,11 @@ def test_validate__proves_or_refuses(connection, user, password, right):
 
 
 def test_validate__no_password_reaches_the_log(connection):
-    secret = "hunter2-in-no-log"
-    assert connection.validate("alice", PASSWORDS["alice"]) == 0
-    assert connection.validate("alice", secret) == connection.validate("nobody", secret) == -1
-    connection.send(wire.frame(wire.VALIDATE, b"\x12\x11" + secret.encode()))  # and no user
+    secrets = "hunter2-in-no-log", PASSWORDS["alice"]
+    assert [connection.validate("alice", secret) for secret in secrets] == [-1, 0]
+    connection.send(wire.frame(wire.VALIDATE, b"\x12\x11" + secrets[0].encode()))  # and no user
     connection.expect_closed()
-    assert "alice" in log_text()
-    assert not [password for password in (secret, PASSWORDS["alice"]) if password in log_text()]
+    assert "alice" in log_text() and not [secret for secret in secrets if secret in log_text()]
 
 
 def test_slow_look_up__holds_up_nobody_else(daemon):

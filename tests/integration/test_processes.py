@@ -1,4 +1,5 @@
-"""Workers and monitor: deaths, re-forks, reloads, signals that come at the worst moment, the end."""
+"""The life of the processes: deaths, re-forks, reloads, signals that come at the worst moment, the end; what the log
+says of it."""
 
 import contextlib
 import os
@@ -10,7 +11,8 @@ import time
 import pytest
 
 from harness import directory, sandbox, wire
-from harness.daemon import core_files, log_lines, processes, seconds_between, stat_fields, until, write_file
+from harness.daemon import (LONGEST_LINE, core_files, log_lines, log_text, processes, seconds_between, stat_fields,
+                            until, write_file)
 
 STARTED = "child_worker_start() start running..."
 LOADED = "child_worker_start() load cache"
@@ -98,17 +100,31 @@ def test_signals__just_before_a_sleep_are_not_lost(daemon, monkeypatch):
     assert time.monotonic() - begin < 15
 
 
-@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT, signal.SIGHUP])
-def test_end__parent_takes_the_workers_along(daemon, number):
-    daemon.start("--verbose", files=directory.files())
-    workers = daemon.workers()
+@pytest.mark.parametrize("number, options, levels", [
+    (signal.SIGTERM, ["--verbose"], {"INF", "DBG"}), (signal.SIGINT, [], {"INF"}), (signal.SIGHUP, [], {"INF"}),
+], ids=["TERM", "INT", "HUP"])
+def test_life__from_start_to_end_is_told(daemon, number, options, levels):
+    daemon.start(*options, files=directory.files())
+    with daemon.connections_by_worker() as connections:
+        assert all(connection.user_info("alice").result == 0 for connection in connections.values())
+    pids = {daemon.pid, *connections}
     assert daemon.stop(number) == 0
     assert not processes() and not os.path.exists(sandbox.PID_FILE)
-    assert daemon.count_lines(f"Handle single {int(number)}, daemon will exit", level="INF", pid=daemon.pid) == 1
-    for worker in workers:
-        daemon.wait_line("child_worker_start() finish running...", level="DBG", pid=worker)
-    texts = [line.text for line in log_lines() if line.pid == daemon.pid and line.level == "INF"]
-    assert texts.index("Receive exit signal, daemon will exit...") < texts.index("Daemon exit")
+    lines = log_lines()  # which looks at the layout of each
+    start = "**************** Authentication Daemon Start ****************"
+    # What was logged before the level was known is there in any case.
+    in_order = ["boot parameter: ldap_sync_interval (1440)", "boot parameter: process number (2), thread number (10)",
+                start, "Info: start authentication daemon...", "LdapWrapper::initialize() (rc=0)",
+                "CacheWrapper::initialize() (rc=0)", f"Handle single {int(number)}, daemon will exit",
+                "Receive exit signal, daemon will exit...", "Daemon exit"]
+    assert [line.text for line in lines if line.text in in_order and line.pid not in connections] == in_order
+    begun = lines.index(daemon.wait_line(start))
+    assert ({line.level for line in lines[begun:]}, {line.pid for line in lines[begun:]}) == (levels, pids)
+    if options:
+        assert {line.pid for line in lines if line.text == "child_worker_start() finish running..."} == set(connections)
+        served = [line for line in lines if line.text.startswith("messge_type(10), user(alice)")]
+        # Under the connection's number, from the file of the request's family.
+        assert [line.tag > 2 and line.file == "DirectoryRequests.cpp" for line in served] == [True] * 2
 
 
 def test_end__under_load_is_orderly(daemon):
@@ -138,3 +154,19 @@ def test_end__under_load_is_orderly(daemon):
         thread.join()
     assert not processes() and not core_files()
     assert daemon.count_lines(re.compile("."), level="ERR") == 0
+
+
+def test_lines__hostile_text_makes_no_lines_of_its_own(daemon):
+    daemon.start("--verbose", files=directory.files())
+    forged = "x\n23:59:59.999 <INF><0:1:1> Daemon exit @<main> @@<AuthDaemon.cpp:1>\r\n"
+    with wire.Connection() as connection:
+        connection.bind("10.9.2.1", forged)
+        connection.user_info("tab\there" + forged)
+        connection.user_info("y" * 20_000)
+    lines = log_lines()
+    assert all(line.text != "Daemon exit" for line in lines)
+    bound, = [line for line in lines if line.text.startswith("IP_USER_BIND_REQUEST, ")]
+    assert "Daemon exit" in bound.text and bound.function != "main"
+    assert any("tab here" in line.text for line in lines)
+    # An over-long line is cut, not split.
+    assert max(len(text) + 1 for text in log_text().split("\n")) == LONGEST_LINE
