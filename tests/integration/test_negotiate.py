@@ -3,12 +3,12 @@
 import base64
 import os
 import re
-import subprocess
 
 import pytest
 
 from harness import sandbox, wire
-from harness.daemon import log_lines, program, write_file
+from harness.authctl import OK, OTHER as REFUSED, USAGE, authctl
+from harness.daemon import log_lines, write_file
 from harness.directory import files
 from harness.wire import pb
 from servers import kdc
@@ -64,22 +64,17 @@ def test_ticket__proves_its_user_once(daemon, realm):
     assert os.stat(f"{sandbox.WORKDIR}/negotiate.rcache").st_mode & 0o777 == 0o600
 
 
-def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm):
+def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm, monkeypatch):
     start(daemon, realm.keytab(GATEWAY))
-
-    def authctl(*arguments, given=""):
-        done = subprocess.run([program("authctl"), "negotiate", *arguments], input=given, capture_output=True, text=True,
-                              check=False, env=kdc.client_environment(realm.folder))
-        return done.returncode, done.stdout, done.stderr
+    monkeypatch.setenv("KRB5CCNAME", kdc.client_environment(realm.folder)["KRB5CCNAME"])
     token = realm.token()
-    code, out, errors = authctl("--service", f"HTTP@{GATEWAY}")
-    assert (code, errors) == (0, "") and "principal:  alice@CORP.TEST" in out
-    assert authctl("-", given=token + "\n")[0] == 0
-    assert authctl(token)[0] == 1, "it was shown before"
-    code, out, errors = authctl("--service", f"HTTP@{OTHER}")
-    assert code == 1 and "principal" in out and "not accepted" in errors
-    code, out, errors = authctl("--service", "HTTP@nowhere.corp.test")
-    assert (code, out) == (2, "") and "nowhere.corp.test" in errors
+    code, out, errors = authctl("negotiate", "--service", f"HTTP@{GATEWAY}")
+    assert (code, errors) == (OK, "") and "principal:  alice@CORP.TEST" in out
+    assert [authctl("negotiate", "-", given=token + "\n")[0], authctl("negotiate", token)[0]] == [OK, REFUSED], "shown before"
+    code, out, errors = authctl("negotiate", "--service", f"HTTP@{OTHER}")
+    assert code == REFUSED and "principal" in out and "not accepted" in errors
+    code, out, errors = authctl("negotiate", "--service", "HTTP@nowhere.corp.test")
+    assert (code, out) == (USAGE, "") and "nowhere.corp.test" in errors
 
 
 def test_refused_tickets__each_with_its_reason(daemon, realm):

@@ -4,10 +4,11 @@ import collections
 import concurrent.futures
 import os
 import re
-import subprocess
+from pathlib import Path
 
 from harness import directory
-from harness.daemon import LONG_WAIT, log_text, program
+from harness.authctl import OK, OTHER, USAGE, authctl
+from harness.daemon import log_text
 from servers import ntlm, workdir
 from servers.ntlm import HASH, Logon, SambaClient, last_refusal
 
@@ -55,28 +56,23 @@ def test_challenge__is_for_one_exchange_on_one_connection(daemon):
         assert second.connection.query("192.0.2.254").result == 1
 
 
-def authctl(*arguments, given):
+def test_authctl__logs_on_as_a_client(daemon, monkeypatch):
     # The mechanism never gives back what a plain password cost its client, which a sanitizer would report.
-    done = subprocess.run([program("authctl"), *arguments], input=given, capture_output=True, text=True, timeout=LONG_WAIT,
-                          check=False, env=dict(os.environ, ASAN_OPTIONS="detect_leaks=0"))
-    return done.returncode, done.stdout, done.stderr
-
-
-def test_authctl__logs_on_as_a_client(daemon):
+    monkeypatch.setenv("ASAN_OPTIONS", "detect_leaks=0")
     start(daemon)
-    assert authctl("ntlm", "CORP\\alice", given="password\n") == (0, "CORP\\alice\n", "")
+    assert authctl("ntlm", "CORP\\alice", given="password\n") == (OK, "CORP\\alice\n", "")
     code, out, errors = authctl("--json", "ntlm", "alice", "--client-ip", "192.0.2.9", given="Password")
-    assert (code, out) == (1, '{"result":-1,"responseContent":""}\n') and "not accepted" in errors
+    assert (code, out) == (OTHER, '{"result":-1,"responseContent":""}\n') and "not accepted" in errors
     assert "from 192.0.2.9 refused: alice: wrong password" in last_refusal()
-    assert authctl("ntlm", "alice", given="")[0] == authctl("ntlm", "", given="x\n")[0] == 2
+    assert authctl("ntlm", "alice")[0] == authctl("ntlm", "", given="x\n")[0] == USAGE
 
 
 def worker_figures(daemon):
     """Per worker: memory in MB, which says nothing under a sanitizer, and open descriptors."""
     figures, judged = {}, not workdir.sanitized("AuthDaemon")
     for pid in daemon.workers():
-        with open(f"/proc/{pid}/statm", encoding="ascii") as file:
-            figures[pid] = (int(file.read().split()[1]) * 4 / 1024 * judged, len(daemon.descriptors(pid)))
+        pages = int(Path(f"/proc/{pid}/statm").read_text("ascii").split()[1])
+        figures[pid] = (pages * 4 / 1024 * judged, len(daemon.descriptors(pid)))
     return figures
 
 

@@ -56,6 +56,10 @@ def login(user, password=None):
     return ["--proxy-basic", "-U", f"{user}:{directory.PASSWORDS[user] if password is None else password}"]
 
 
+def ntlm(user, password="password"):
+    return ["--proxy-ntlm", "-U", f"{user}:{password}"]
+
+
 @pytest.fixture(scope="module")
 def realm():
     with Realm() as one:
@@ -65,17 +69,16 @@ def realm():
 @pytest.fixture(scope="module")
 def gateway(tmp_path_factory, realm):
     """A daemon and a Squid; (daemon, squid)."""
-    groups = tmp_path_factory.mktemp("groups")
-    for folder in (groups, groups.parent):
-        folder.chmod(0o755)
-    (groups / "list").write_text("no such group\n\u00dcber G\u00e4ste\nstaff\n", encoding="utf-8")
+    groups = tmp_path_factory.mktemp("groups") / "list"
+    groups.write_text("no such group\n\u00dcber G\u00e4ste\nstaff\n", encoding="utf-8")
+    run("chmod", "755", groups.parent, groups.parent.parent)
     daemon = Daemon()
     try:
         daemon.start("--verbose", files={
             "directory.ldif": directory.ldif() + _NTLM_USERS, "http.keytab": realm.keytab(GATEWAY),
             "LdapSetting.ini": "[Negotiate]\nKeytab=http.keytab\n"})
         with (Origin(port=ORIGIN_PORT),
-              Squid(_CONFIGURATION.replace("{groups}", f"{groups}/list"), range(LOGIN, ADDRESS_GROUP + 1)) as squid):
+              Squid(_CONFIGURATION.replace("{groups}", str(groups)), range(LOGIN, ADDRESS_GROUP + 1)) as squid):
             yield daemon, squid
     finally:
         daemon.kill_everything()
@@ -86,28 +89,18 @@ def squid(gateway):
     return gateway[1]
 
 
-def test_basic__login_and_group(squid):
-    assert squid.fetch(LOGIN) == (407, "-")
-    for user in ("alice", "dave"):  # letters beyond ASCII in the second one's password
-        assert squid.fetch(LOGIN, *login(user)) == (200, user)
-    for user, password in [("alice", "guessed"), ("alice", ""), ("bob", None)]:  # the last one is disabled
-        assert squid.fetch(LOGIN, *login(user, password))[0] == 407
-    assert squid.fetch(GROUP, *login("alice")) == (200, "alice")
-    assert squid.fetch(GROUP, *login("rat"))[0] in (403, 407)
-
-
-def ntlm(user, password="password"):
-    return ["--proxy-ntlm", "-U", f"{user}:{password}"]
-
-
-def test_ntlm__with_the_hashes_of_the_directory(gateway):
+def test_passwords__basic_and_ntlm(gateway):
     daemon, squid = gateway
-    for user in ("nora", "CORP\\NORA"):
-        assert squid.fetch(LOGIN, *ntlm(user)) == (200, "CORP\\nora")
-    for user, password in [("nora", "guessed"), ("oscar", "password")]:
-        assert squid.fetch(LOGIN, *ntlm(user, password))[0] == 407
+    assert squid.fetch(LOGIN) == (407, "-")
+    for options, user in [(login("alice"), "alice"), (login("dave"), "dave"),  # letters beyond ASCII in the password
+                          (ntlm("nora"), "CORP\\nora"), (ntlm("CORP\\NORA"), "CORP\\nora")]:
+        assert squid.fetch(LOGIN, *options) == (200, user)
+    for options in [login("alice", "guessed"), login("alice", ""), login("bob"), ntlm("nora", "guessed"), ntlm("oscar")]:
+        assert squid.fetch(LOGIN, *options)[0] == 407
     # The client's address came along with key_extras.
     daemon.wait_line(re.compile("NTLM from 127.0.0.1 refused: .*oscar"))
+    assert squid.fetch(GROUP, *login("alice")) == (200, "alice")
+    assert squid.fetch(GROUP, *login("rat"))[0] in (403, 407)
 
 
 def test_negotiate__with_a_ticket(realm, squid):
@@ -127,10 +120,9 @@ def test_negotiate__with_a_ticket(realm, squid):
 def test_address__of_a_bound_user(squid):
     with wire.Connection() as connection:
         assert connection.bind("127.0.0.7", "CORP\\alice") == connection.bind("127.0.0.8", "rat@lab.test") == 0
-        assert squid.fetch(ADDRESS, source="127.0.0.7") == (200, "CORP\\alice")
-        assert squid.fetch(ADDRESS, source="127.0.0.9")[0] == 403
-        assert squid.fetch(ADDRESS_GROUP, source="127.0.0.7") == (200, "CORP\\alice")
-        assert squid.fetch(ADDRESS_GROUP, source="127.0.0.8")[0] == 403
+        for port, source, status in [(ADDRESS, 7, 200), (ADDRESS, 9, 403), (ADDRESS_GROUP, 7, 200), (ADDRESS_GROUP, 8, 403)]:
+            got = squid.fetch(port, source=f"127.0.0.{source}")
+            assert got == (200, "CORP\\alice") if status == 200 else got[0] == 403
         assert connection.unbind("127.0.0.7") == connection.unbind("127.0.0.8") == 0
         assert squid.fetch(ADDRESS, source="127.0.0.7")[0] == 403
 

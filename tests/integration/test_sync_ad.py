@@ -2,6 +2,7 @@
 names; and the ranges in which big groups arrive elsewhere."""
 
 import re
+from pathlib import Path
 
 import pytest
 
@@ -27,8 +28,8 @@ def domain():
 
 def place(domain, servers=None, reader=READER, password=READER_PASSWORD, **more):
     more = {"CACertFile": "ca.pem", "OperationTimeout": 5, **more}
-    with open(domain.ca, "rb") as file:
-        workdir.place(workdir.settings(servers or [domain.tls_url], reader, **more), password, **{"ca.pem": file.read()})
+    workdir.place(workdir.settings(servers or [domain.tls_url], reader, **more), password,
+                  **{"ca.pem": Path(domain.ca).read_bytes()})
 
 
 @pytest.mark.parametrize("change, said", [

@@ -7,6 +7,7 @@ import re
 import resource
 import signal
 import time
+from pathlib import Path
 
 import pytest
 
@@ -124,11 +125,10 @@ def test_schedule__from_an_empty_folder_to_a_snapshot(daemon, slapd, monkeypatch
         daemon.wait_line(re.compile("Directory: snapshot of the servers"), count=2)  # not: "no snapshot"
         with slapd.frozen():
             expect_everybody(ask)
-    with open(f"{sandbox.WORKDIR}/.LastSyncTime.ini", encoding="ascii") as file:
-        assert before <= int(file.read().partition("LastSyncTime=")[2]) <= time.time()
-    [log] = os.listdir(f"{sandbox.WORKDIR}/log")
-    with open(f"{sandbox.WORKDIR}/log/{log}", encoding="utf-8") as file:
-        assert re.search(rf"ldap_sync: {EVERYBODY} users, {len(people.ALL_GROUPS)} groups", file.read())
+    work = Path(sandbox.WORKDIR)
+    assert before <= int((work / ".LastSyncTime.ini").read_text("ascii").partition("LastSyncTime=")[2]) <= time.time()
+    [log] = work.glob("log/*")
+    assert f"ldap_sync: {EVERYBODY} users, {len(people.ALL_GROUPS)} groups" in log.read_text("utf-8")
     assert daemon.stop() == 0
 
 

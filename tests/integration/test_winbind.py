@@ -1,6 +1,7 @@
 """A gateway that is a member of the domain: NTLM through winbind, Negotiate with the domain controller's tickets."""
 
 import time
+from pathlib import Path
 
 import pytest
 
@@ -30,9 +31,8 @@ def member(domain):
 
 def start(daemon, domain, may_ask=True, more="", workers=2, **files):
     winbind.let_daemon_ask(may_ask)
-    with open(domain.ca, "rb") as file:
-        workdir.place(workdir.settings([domain.tls_url], READER, CACertFile="ca.pem", OperationTimeout=5) + more, READER_PASSWORD,
-                      **{"ca.pem": file.read(), **files})
+    workdir.place(workdir.settings([domain.tls_url], READER, CACertFile="ca.pem", OperationTimeout=5) + more, READER_PASSWORD,
+                  **{"ca.pem": Path(domain.ca).read_bytes(), **files})
     workdir.good_sync()
     daemon.start("--process-num", str(workers), keep=True, workers=workers)
 
@@ -64,11 +64,8 @@ def test_without_the_right_or_winbind__the_log_says_which(daemon, domain, member
     assert ntlm.log_on("alice", ALICES, "CORP") is None and "group winbindd_priv" in last_refusal()
     daemon.kill_everything()
     start(daemon, domain)
-    member.stop()
-    try:
+    with member.stopped():
         assert ntlm.log_on("alice", ALICES, "CORP") is None and "winbind is not reachable" in last_refusal()
-    finally:
-        member.start()
     assert ntlm.log_on("alice", ALICES, "CORP") == "CORP\\alice"
 
 

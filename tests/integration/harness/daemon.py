@@ -2,15 +2,16 @@
 leaves behind becomes our child, its exit status ours to collect."""
 
 import contextlib
+import datetime
 import glob
 import os
 import re
 import resource
-import shutil
 import signal
 import subprocess
 import time
 from collections import namedtuple
+from pathlib import Path
 
 from harness import sandbox, wire
 
@@ -18,10 +19,9 @@ PROGRAMS = os.environ["AUTHD_PROGRAMS"]
 IDLE_SOCKETS = 3
 LONG_WAIT = 30  # seconds after which something that should happen has not
 
-LogLine = namedtuple("LogLine", "time level tag pid tid text function file line")
 _LOG_LINE = re.compile(r"(?P<time>\d\d:\d\d:\d\d\.\d{3}) <(?P<level>ERR|INF|TRANS|DBG|MOR)>"
-                       r"<(?P<tag>\d+):(?P<pid>\d+):(?P<tid>\d+)> (?P<text>.*) @<(?P<function>[^>]*)> "
-                       r"@@<(?P<file>[\w.]+):(?P<line>\d+)>")
+                       r"<(?P<tag>\d+):(?P<pid>\d+):\d+> (?P<text>.*) @<(?P<function>[^>]*)> @@<(?P<file>[\w.]+):\d+>")
+LogLine = namedtuple("LogLine", _LOG_LINE.groupindex)
 LONGEST_LINE = 4095  # with its line end; a longer one has lost its end
 
 
@@ -43,8 +43,7 @@ def program(name):
 def stat_fields(pid):
     """Fields of /proc/PID/stat from the state on (index 0), or None; `comm` first."""
     try:
-        with open(f"/proc/{pid}/stat", encoding="utf-8") as file:
-            text = file.read()
+        text = Path(f"/proc/{pid}/stat").read_text("utf-8")
     except (FileNotFoundError, ProcessLookupError):
         return None
     comm, _, rest = text.partition("(")[2].rpartition(")")
@@ -72,38 +71,23 @@ def has_event_loop(pid):
 
 def collect(pid, timeout=LONG_WAIT):
     """The wait status of one of our children."""
-    def ended():
-        done, status = os.waitpid(pid, os.WNOHANG)
-        return (status,) if done else None
-    return until(ended, lambda: f"the end of process {pid}\n{describe(pid)}", timeout)[0]
+    return until(lambda: (ended := os.waitpid(pid, os.WNOHANG))[0] and ended, f"the end of process {pid}", timeout)[1]
 
 
-def describe(pid):
-    """What a process that hangs is at."""
-    with contextlib.suppress(OSError):
-        with open(f"/proc/{pid}/wchan", encoding="ascii") as wait, open(f"/proc/{pid}/status", encoding="utf-8") as status:
-            masks = [line.strip() for line in status if line.startswith(("State", "PPid", "Sig", "Shd"))]
-            own = [line.text for line in log_lines() if line.pid == pid][-12:]
-            return f"waits in {wait.read()}, {masks}, said last: {own}"
-    return "it is gone"
+def log_paths():
+    return sorted(glob.glob(f"{sandbox.LOG_DIR}/AuthDaemon.log.*"))
 
 
 def log_text():
-    text = ""
-    for path in sorted(glob.glob(f"{sandbox.LOG_DIR}/AuthDaemon.log.*")):
-        with open(path, encoding="utf-8", errors="surrogateescape") as file:
-            text += file.read()
-    return text
+    return "".join(Path(path).read_text("utf-8", "surrogateescape") for path in log_paths())
 
 
 def log_line(data):
-    text = data.decode(errors="surrogateescape")
-    if len(data) + 1 == LONGEST_LINE:
-        text += " @<cut> @@<cut:0>"
+    text = data.decode(errors="surrogateescape") + " @<cut> @@<cut:0>" * (len(data) + 1 == LONGEST_LINE)
     match = _LOG_LINE.fullmatch(text)
     assert match, f"log line of another layout: {text!r}"
-    fields = match.groupdict()
-    return LogLine(**{**fields, **{number: int(fields[number]) for number in ("tag", "pid", "tid", "line")}})
+    line = LogLine(**match.groupdict())
+    return line._replace(tag=int(line.tag), pid=int(line.pid))
 
 
 _read_before = {}  # path -> (inode, bytes, lines): tests look often, and logs are long
@@ -112,7 +96,7 @@ _read_before = {}  # path -> (inode, bytes, lines): tests look often, and logs a
 def log_lines():
     """All complete lines; a line in any other layout is a failure."""
     lines = []
-    for path in sorted(glob.glob(f"{sandbox.LOG_DIR}/AuthDaemon.log.*")):
+    for path in log_paths():
         with open(path, "rb") as file:
             status = os.fstat(file.fileno())
             inode, size, known = _read_before.get(path, (None, 0, []))
@@ -127,13 +111,9 @@ def log_lines():
     return lines
 
 
-def seconds_of_day(line):
-    hours, minutes, seconds = line.time.split(":")
-    return int(hours) * 3600 + int(minutes) * 60 + float(seconds)
-
-
 def seconds_between(first, second):
-    return (seconds_of_day(second) - seconds_of_day(first)) % 86400
+    begin, end = (datetime.datetime.strptime(line.time, "%H:%M:%S.%f") for line in (first, second))
+    return (end - begin).total_seconds() % 86400
 
 
 def sanitizer_options():
@@ -169,13 +149,9 @@ class Daemon:
             sandbox.clean(account)
         for name, content in (files or {}).items():
             write_file(name, content, account=account)
-        binary = program("AuthDaemon")
-        arguments = [binary, "--workdir", workdir or sandbox.WORKDIR, *options]
+        arguments = [program("AuthDaemon"), "--workdir", workdir or sandbox.WORKDIR, *options]
         known = set(processes())
-        if open_files is not None:
-            limits = lambda: resource.setrlimit(resource.RLIMIT_NOFILE, open_files)  # noqa: E731
-        else:
-            limits = None
+        limits = open_files and (lambda: resource.setrlimit(resource.RLIMIT_NOFILE, open_files))
         foreground = subprocess.run(arguments, env=environment(factor), stdin=subprocess.DEVNULL,
                                     capture_output=True, timeout=LONG_WAIT, check=False, preexec_fn=limits, pass_fds=inherit)
         assert (foreground.returncode, foreground.stdout, foreground.stderr) == (0, b"", b"")
@@ -266,35 +242,25 @@ class Daemon:
         """Until no worker has a connection: the listening socket and the event loop's own pair are left."""
         until(lambda: set(self.sockets().values()) == {IDLE_SOCKETS}, lambda: f"idle workers, not {self.sockets()}")
 
-    # Talking to one of its workers.
-
     def worker_of(self, connection):
         """The worker that serves the connection, which has carried a request already."""
-        port = connection.socket.getsockname()[1]
-        with open("/proc/net/tcp", encoding="ascii") as file:
-            for row in (line.split() for line in file.readlines()[1:]):
-                if row[1].endswith(f":{wire.ADDRESS[1]:04X}") and row[2].endswith(f":{port:04X}"):
-                    inode = f"socket:[{row[9]}]"
-        return next(pid for pid in self.workers() if inode in self.descriptors(pid).values())
+        ends = f":{wire.ADDRESS[1]:04X}", f":{connection.socket.getsockname()[1]:04X}"
+        rows = map(str.split, Path("/proc/net/tcp").read_text("ascii").splitlines())
+        [inode] = [row[9] for row in rows if row[1].endswith(ends[0]) and row[2].endswith(ends[1])]
+        return next(pid for pid in self.workers() if f"socket:[{inode}]" in self.descriptors(pid).values())
 
     @contextlib.contextmanager
     def connections_by_worker(self, workers=None):
         """worker -> one connection that it serves, for all workers."""
-        wanted = set(workers or self.workers())
-        by_worker, all_of_them = {}, []
-        deadline = time.monotonic() + LONG_WAIT
-        try:
-            while wanted - set(by_worker):
-                assert time.monotonic() < deadline, f"{wanted - set(by_worker)} took no connection"
-                all_of_them.append(connection := wire.Connection())
+        wanted, by_worker = set(workers or self.workers()), {}
+        with contextlib.ExitStack() as stack:
+            def complete():
+                connection = stack.enter_context(wire.Connection())
                 connection.query("192.0.2.254")
-                worker = self.worker_of(connection)
-                if worker in wanted:
-                    by_worker.setdefault(worker, connection)
-            yield by_worker
-        finally:
-            for connection in all_of_them:
-                connection.close()
+                by_worker.setdefault(self.worker_of(connection), connection)
+                return wanted <= set(by_worker)
+            until(complete, lambda: f"connections to {wanted - set(by_worker)}")
+            yield {worker: by_worker[worker] for worker in wanted}
 
 
 def matches(line, text, level, pid):
@@ -305,8 +271,7 @@ def matches(line, text, level, pid):
 def write_file(name, content, account=True, folder=sandbox.WORKDIR):
     """Puts a file into the working directory the way an administrator would: complete, then renamed."""
     path = os.path.join(folder, name)
-    with open(path + ".new", "wb") as file:
-        file.write(content if isinstance(content, bytes) else content.encode())
+    Path(path + ".new").write_bytes(content if isinstance(content, bytes) else content.encode())
     owner = sandbox.ACCOUNT_ID if account else 0
     os.chown(path + ".new", owner, owner)
     os.chmod(path + ".new", 0o755 if name.endswith(".sh") else 0o640)
@@ -316,12 +281,11 @@ def write_file(name, content, account=True, folder=sandbox.WORKDIR):
 def sanitizer_reports():
     texts = []
     for path in glob.glob(f"{sandbox.REPORTS}/*"):
-        with open(path, encoding="utf-8", errors="replace") as file:
-            texts.append(file.read())
+        texts.append(Path(path).read_text("utf-8", "replace"))
         os.unlink(path)
     return "\n".join(texts)
 
 
 def core_files():
-    found = [path for path in glob.glob(f"{sandbox.WORKDIR}/core*") + glob.glob("/core*") if os.path.isfile(path)]
-    return found + [path for path in shutil.os.listdir(sandbox.REPORTS) if "core" in path]
+    return [path for path in glob.glob(f"{sandbox.WORKDIR}/core*") + glob.glob("/core*") + glob.glob(f"{sandbox.REPORTS}/*core*")
+            if os.path.isfile(path)]

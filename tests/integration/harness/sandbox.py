@@ -4,6 +4,7 @@ import os
 import shutil
 import struct
 import subprocess
+from pathlib import Path
 
 LOG_DIR = "/var/brel/log"
 PID_FILE = "/etc/quarn/pids/auth_daemon.pid"
@@ -26,25 +27,26 @@ class Impossible(Exception):
     """This machine does not let us build the sandbox."""
 
 
-def _run(*command):
-    done = subprocess.run(command, capture_output=True, text=True, check=False)
+def run(*command, **options):
+    done = subprocess.run(command, capture_output=True, text=True, check=False, **options)
     if done.returncode != 0:
-        raise Impossible(f"{' '.join(command)}: {done.stderr.strip()}")
+        raise Impossible(f"{' '.join(map(str, command))}: {done.stdout[-1000:]}{done.stderr[-1000:]}")
+    return done.stdout
 
 
 def build():
     """Once a run, inside the new namespaces."""
-    _run("ip", "link", "set", "lo", "up")
-    _run("mount", "-t", "tmpfs", "-o", "mode=755", "layers", _LAYERS)
+    run("ip", "link", "set", "lo", "up")
+    run("mount", "-t", "tmpfs", "-o", "mode=755", "layers", _LAYERS)
     for folder in ("/etc", "/var"):
         upper, work = (f"{_LAYERS}{folder}_{part}" for part in ("upper", "work"))
         os.mkdir(upper, 0o755)
         os.mkdir(work, 0o755)
-        _run("mount", "-t", "overlay", "overlay",
+        run("mount", "-t", "overlay", "overlay",
              f"-olowerdir={folder},upperdir={upper},workdir={work}", folder)
     for folder in ("/var/brel", "/etc/quarn"):
         os.makedirs(folder, 0o755, exist_ok=True)
-        _run("mount", "-t", "tmpfs", "-o", "mode=755,size=1g", "quarn", folder)
+        run("mount", "-t", "tmpfs", "-o", "mode=755,size=1g", "quarn", folder)
 
 
 def clean(account):
@@ -55,7 +57,7 @@ def clean(account):
     for (path, name), line in lines.items():
         set_line(path, name, line if account else "")
     while _small_disks:
-        _run("umount", _small_disks.pop())
+        run("umount", _small_disks.pop())
     for folder in ("/var/brel", "/etc/quarn"):
         for entry in os.scandir(folder):
             shutil.rmtree(entry.path)
@@ -69,17 +71,15 @@ def clean(account):
 
 def set_line(path, name, line):
     """The line of that account or group; none when it is empty."""
-    with open(path, encoding="utf-8") as file:
-        lines = [old for old in file.read().splitlines() if not old.startswith(name + ":")]
-    with open(path, "w", encoding="utf-8") as file:
-        file.write("\n".join(lines + [line] * bool(line)) + "\n")
+    lines = [old for old in Path(path).read_text("utf-8").splitlines() if not old.startswith(name + ":")]
+    Path(path).write_text("\n".join(lines + [line] * bool(line)) + "\n", "utf-8")
 
 
 def mount_small_disk(folder, size, account=True):
     """A tmpfs that fills up soon; clean() takes it away."""
     os.makedirs(folder, 0o755, exist_ok=True)
     owner = ACCOUNT_ID if account else 0
-    _run("mount", "-t", "tmpfs", "-o", f"size={size},uid={owner},gid={owner},mode=755", "small", folder)
+    run("mount", "-t", "tmpfs", "-o", f"size={size},uid={owner},gid={owner},mode=755", "small", folder)
     _small_disks.append(folder)
 
 

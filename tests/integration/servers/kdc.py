@@ -4,6 +4,7 @@ import base64
 import contextlib
 import os
 import subprocess
+from pathlib import Path
 
 from harness import sandbox
 from harness.daemon import LONG_WAIT
@@ -44,8 +45,7 @@ class Realm(ServerProcess):
         if not os.path.ismount("/dev/shm") or os.listdir("/dev/shm"):
             run("mount", "-t", "tmpfs", "shm", "/dev/shm")
         os.environ["KRB5_KDC_PROFILE"] = f"{self.folder}/kdc.conf"
-        with open(os.environ["KRB5_KDC_PROFILE"], "w", encoding="ascii") as file:
-            file.write(_SERVER.format(folder=self.folder, realm=REALM, port=PORT))
+        Path(os.environ["KRB5_KDC_PROFILE"]).write_text(_SERVER.format(folder=self.folder, realm=REALM, port=PORT), "utf-8")
         put_into_etc({"krb5.conf": kerberos_client("127.0.0.1"), "hosts": f"127.0.0.1 localhost {GATEWAY} {OTHER}\n"})
         run("kdb5_util", "create", "-s", "-r", REALM, "-P", "master")
         for user, password in PASSWORDS.items():
@@ -63,15 +63,14 @@ class Realm(ServerProcess):
         """The realm's clock is off meanwhile, that of its users too where they say so."""
         usual = self.command
 
-        def restart(command):
-            self.stop()
-            self.command = command
+        with self.stopped():
+            self.command = at(clock, *usual)
             self.start()
-        restart(at(clock, *usual))
-        try:
-            yield
-        finally:
-            restart(usual)
+            try:
+                yield
+            finally:
+                self.stop()
+                self.command = usual
 
     def keytab(self, *hosts, fresh=False):
         """The present keys of these hosts; `fresh` ones are made, so that older keytabs are out of date."""
@@ -80,8 +79,7 @@ class Realm(ServerProcess):
             os.unlink(path)
         for host in hosts:
             self.admin(f"ktadd -k {path} {'' if fresh else '-norandkey'} HTTP/{host}")
-        with open(path, "rb") as file:
-            return file.read()
+        return Path(path).read_bytes()
 
     def token(self, user="alice", host=GATEWAY, **more):
         return token(self.folder, user, PASSWORDS[user], host, **more)

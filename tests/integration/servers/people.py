@@ -67,7 +67,8 @@ def content(crowd_numbers=range(CROWD), groups=True):
     text = "".join(_user(uid, *rest) for uid, rest in NOTABLE.items()) + crowd(crowd_numbers)
     if not groups:
         return text
-    text += "".join(_group(cn, member=[*map(user_dn, users), *map(group_dn, within)]) for cn, (users, within) in _GROUPS.items())
+    text += "".join(_group(cn, member=[*map(user_dn, users), *map(group_dn, within)])
+                    for cn, (users, within) in _GROUPS.items())
     return (text + _group("board", "groupOfUniqueNames", uniqueMember=[user_dn("alice"), user_dn("paren(1)")])
             + _group("docker", "posixGroup", gidNumber="100", memberUid=["alice", "star*"])
             + _group("everybody", member=[user_dn(crowd_uid(number)) for number in crowd_numbers]))

@@ -7,11 +7,12 @@ import shutil
 import signal
 import socket
 import subprocess
+from pathlib import Path
 
 import pytest
 
 from harness.daemon import stat_fields, until
-from harness import sandbox
+from harness.sandbox import run
 
 ROOM = "/mnt"  # exists on every Debian machine; covered by a RAM disk in our mount namespace only
 REALM = "CORP.TEST"
@@ -39,20 +40,12 @@ def new_folder(name):
     return path
 
 
-def run(*command, **options):
-    done = subprocess.run(command, capture_output=True, text=True, check=False, **options)
-    if done.returncode != 0:
-        raise sandbox.Impossible(f"{' '.join(command)}: {done.stdout[-1000:]}{done.stderr[-1000:]}")
-    return done.stdout
-
-
 def put_into_etc(files):
     """Name -> text, into the private /etc."""
     for name, text in files.items():
         with contextlib.suppress(FileNotFoundError):
             os.unlink(f"/etc/{name}")  # may be a link to somewhere else
-        with open(f"/etc/{name}", "w", encoding="ascii") as file:
-            file.write(text)
+        Path(f"/etc/{name}").write_text(text, "utf-8")
 
 
 def kerberos_client(kdc):
@@ -68,7 +61,8 @@ def thread_states(session):
     for process in filter(str.isdigit, os.listdir("/proc")):
         if (fields := stat_fields(process)) and int(fields[4]) == session:
             with contextlib.suppress(FileNotFoundError, ProcessLookupError):
-                states |= {(stat_fields(f"{process}/task/{thread}") or "??")[1] for thread in os.listdir(f"/proc/{process}/task")}
+                threads = os.listdir(f"/proc/{process}/task")
+                states |= {fields[1] for thread in threads if (fields := stat_fields(f"{process}/task/{thread}"))}
     return states
 
 
@@ -121,6 +115,14 @@ class ServerProcess:
         self.process = None
 
     @contextlib.contextmanager
+    def stopped(self):
+        self.stop()
+        try:
+            yield
+        finally:
+            self.start()
+
+    @contextlib.contextmanager
     def frozen(self):
         """The system still accepts connections for it, and nobody ever answers."""
         pid = self.process.pid
@@ -134,5 +136,4 @@ class ServerProcess:
             os.killpg(pid, signal.SIGCONT)
 
     def output(self):
-        with open(self.log, encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return Path(self.log).read_text("utf-8", "replace")

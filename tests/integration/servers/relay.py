@@ -1,5 +1,6 @@
 """A TCP relay before a server, for the misfortunes that a real server cannot be told to have."""
 
+import contextlib
 import select
 import socket
 
@@ -12,19 +13,26 @@ class Relay(Listener):
     `cut_after`    every connection is closed after that many bytes of answers
     `stall_after`  ... is held open and silent instead
     `garbage`      these bytes are the answer to every connection's first bytes
+    `hang_up_to`   connections up to that number are closed at their next question
     """
 
     def __init__(self, target):
         super().__init__()
         self.target = target
+        self.hang_up_to = 0
         self.answered = 0  # bytes, of all connections
-        self.honest()
-
-    def honest(self):
         self.cut_after = self.stall_after = self.garbage = None
+
+    @contextlib.contextmanager
+    def tricked(self, **tricks):
+        """From the next connection on; those that there are end."""
+        vars(self).update(tricks)
+        self.drop()
+        yield
+        vars(self).update(dict.fromkeys(tricks))
         self.drop()
 
-    def serve(self, client, _number):
+    def serve(self, client, number):
         if self.garbage is not None:
             client.recv(4096)
             client.sendall(self.garbage)
@@ -36,6 +44,8 @@ class Relay(Listener):
                     if not (data := ready.recv(65536)):
                         return None
                     if ready is client:
+                        if number <= self.hang_up_to:
+                            return None
                         server.sendall(data)
                         continue
                     answered += len(data)

@@ -4,6 +4,7 @@ for each build directory; later runs start from a copy."""
 import glob
 import hashlib
 import os
+from pathlib import Path
 
 from harness import sandbox
 from harness.daemon import PROGRAMS
@@ -124,12 +125,10 @@ class SambaDomain(ServerProcess):
             os.makedirs(f"{self.folder}/{folder}", 0o755, exist_ok=True)
         text = _CONFIGURATION.format(folder=self.folder, address=ADDRESS, services=services)
         text += "".join(f"{name} = {self.folder}/{folder}\n" for name, folder in _FOLDERS.items())
-        with open(self.configuration, "w", encoding="ascii") as file:
-            file.write(text)
+        Path(self.configuration).write_text(text, "utf-8")
 
     def _make_domain(self):
-        with open(__file__, "rb") as file:
-            recipe = hashlib.sha256(file.read()).hexdigest()[:16]
+        recipe = hashlib.sha256(Path(__file__).read_bytes()).hexdigest()[:16]
         stem = f"{os.path.dirname(PROGRAMS)}/test-domain-"
         copy = f"{stem}{recipe}.tar"
         if os.path.exists(copy):
@@ -161,8 +160,7 @@ class SambaDomain(ServerProcess):
         """The keys of the gateway's service."""
         path = new_folder("keytab") + "/http"
         self.tool("domain", "exportkeytab", path, f"--principal=HTTP/{GATEWAY}")
-        with open(path, "rb") as file:
-            return file.read()
+        return Path(path).read_bytes()
 
     def _ldb(self, program, *arguments, **options):
         """On the database files; the server, if it runs, notices changes."""

@@ -7,6 +7,7 @@ passwords, keeps memberOf, shows the directory to the reading account only, and 
 import functools
 import itertools
 import re
+from pathlib import Path
 
 from harness.directory import ldif_line
 from servers.process import ServerProcess, need_programs, new_folder, run
@@ -106,8 +107,7 @@ class Slapd(ServerProcess):
             "-keyout", f"{tls}.key", "-out", f"{tls}.csr")
         run("openssl", "x509", "-req", "-in", f"{tls}.csr", "-copy_extensions", "copy", "-CA", self.ca,
             "-CAkey", f"{authority(issuer)}/ca.key", "-CAcreateserial", "-days", str(days), "-out", f"{tls}.pem")
-        with open(self.configuration, "w", encoding="utf-8") as file:
-            file.write(_CONFIGURATION.format(folder=self.folder, ca=self.ca))
+        Path(self.configuration).write_text(_CONFIGURATION.format(folder=self.folder, ca=self.ca), "utf-8")
         super().__init__(["slapd", "-f", self.configuration, "-d", "stats", "-h", f"{self.url}/ {self.tls_url}/"],
                          (self.port, tls_port), f"{self.folder}/log")
         self.fill(content)

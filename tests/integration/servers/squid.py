@@ -1,8 +1,8 @@
 """A Squid of the tests' own on the loopback, with our helper behind it, a web server behind that, and curl in front."""
 
-import contextlib
 import shutil
 import subprocess
+from pathlib import Path
 
 from harness.daemon import LONG_WAIT, program, until
 from servers.origin import PAGE
@@ -35,10 +35,8 @@ class Squid(ServerProcess):
         # Squid's own account has to reach the program, wherever it was built.
         helper = shutil.copy(program("authhelper"), self.folder)
         path = f"{self.folder}/squid.conf"
-        with open(path, "w", encoding="utf-8") as file:
-            file.write(_BASE.format(folder=self.folder))
-            file.writelines(f"http_port 127.0.0.1:{port} name=port{port}\n" for port in ports)
-            file.write(text.replace("{helper}", helper))
+        listening = "".join(f"http_port 127.0.0.1:{port} name=port{port}\n" for port in ports)
+        Path(path).write_text(_BASE.format(folder=self.folder) + listening + text.replace("{helper}", helper), "utf-8")
         run("chown", "-R", "proxy:", self.folder)
         run("mount", "-t", "tmpfs", "shm", "/dev/shm")  # what a killed one leaves there is nobody else's
         super().__init__(["squid", "-N", "-f", path], ports, f"{self.folder}/out")
@@ -57,10 +55,8 @@ class Squid(ServerProcess):
         return status, user
 
     def _log(self):
-        with contextlib.suppress(FileNotFoundError), open(f"{self.folder}/access.log", encoding="utf-8") as file:
-            return file.read().splitlines()
-        return []
+        log = Path(f"{self.folder}/access.log")
+        return log.read_text("utf-8").splitlines() if log.exists() else []
 
     def cache_log(self):
-        with open(f"{self.folder}/cache.log", encoding="utf-8", errors="replace") as file:
-            return file.read()
+        return Path(f"{self.folder}/cache.log").read_text("utf-8", "replace")

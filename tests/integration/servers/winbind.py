@@ -3,6 +3,7 @@
 import grp
 import os
 import subprocess
+from pathlib import Path
 
 from harness import sandbox
 from servers.process import ServerProcess, need_programs, new_folder, run
@@ -38,8 +39,7 @@ class Winbind(ServerProcess):
         os.chmod(privileged, 0o750)
         os.chown(privileged, 0, grp.getgrnam(GROUP).gr_gid)
         configuration = f"{folder}/smb.conf"
-        with open(configuration, "w", encoding="ascii") as file:
-            file.write(_CONFIGURATION.format(folder=folder, state=STATE))
+        Path(configuration).write_text(_CONFIGURATION.format(folder=folder, state=STATE), "utf-8")
         run("net", "ads", "join", "-U", "Administrator%Adm1n.Pass", f"--configfile={configuration}", "--no-dns-updates")
         super().__init__(["winbindd", "--foreground", "--no-process-group", f"--configfile={configuration}"], (),
                          f"{folder}/output")

@@ -3,19 +3,19 @@ client is told about everybody."""
 
 import contextlib
 import os
-import pathlib
 import re
 import resource
 import sqlite3
 import subprocess
 from collections import namedtuple
+from pathlib import Path
 
 from harness import sandbox, wire
 from harness.daemon import PROGRAMS, program, write_file
 from harness.wire import pb
 
 SNAPSHOT = f"{sandbox.WORKDIR}/directory.db"
-EXAMPLES = pathlib.Path(__file__).resolve().parents[3] / "examples"
+EXAMPLES = Path(__file__).resolve().parents[3] / "examples"
 PASSWORD_FILE = "reader.password"
 _ACCOUNT = {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": []}
 
@@ -94,8 +94,7 @@ def sanitized(name):
 
 def snapshot():
     """What identifies the snapshot in use, and its bytes."""
-    with open(SNAPSHOT, "rb") as file:
-        return os.fstat(file.fileno()).st_ino, file.read()
+    return os.stat(SNAPSHOT).st_ino, Path(SNAPSHOT).read_bytes()
 
 
 def stored_users():
