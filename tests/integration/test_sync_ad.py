@@ -10,14 +10,14 @@ from harness.daemon import log_text
 from servers import workdir
 from servers.ranged import MOST_VALUES, RangedServer
 from servers.relay import Relay
-from servers.samba_ad import (CROWD, LOCKED_AFTER, PEOPLE_OF_NOTE, READER, READER_PASSWORD, SUFFIX, USERS, SambaDomain, group_dn,
-                              user_dn)
+from servers.samba_ad import (CROWD, LOCKED_AFTER, PEOPLE_OF_NOTE, READER, READER_PASSWORD, SUFFIX, USERS, SambaDomain,
+                              group_dn, user_dn)
 from servers.workdir import Questions
 
 CIRCLE = ["Inner", "Middle", "Outer"]
 LAB = "R&D (K\u00f6ln), \\Lab*"
-OWN_GROUPS = {"alice": CIRCLE, "jm\u00fcller": CIRCLE, "paren(1)": CIRCLE, "back": [LAB], "star": [LAB], "pia": ["Primary Crew"],
-              "m01501": ["Crowd"]}
+OWN_GROUPS = {"alice": CIRCLE, "jm\u00fcller": CIRCLE, "paren(1)": CIRCLE, "back": [LAB], "star": [LAB],
+              "pia": ["Primary Crew"], "m01501": ["Crowd"]}
 
 
 @pytest.fixture(scope="module")

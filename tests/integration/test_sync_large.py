@@ -29,7 +29,7 @@ def members(number):
 
 def content():
     for number in range(USERS):
-        yield entry(f"uid={uid(number)},{PEOPLE}", objectClass="inetOrgPerson", uid=uid(number), cn=f"User {number:06}", sn="Name")
+        yield entry(f"uid={uid(number)},{PEOPLE}", objectClass="inetOrgPerson", uid=uid(number), cn=uid(number), sn="Name")
     for number in range(GROUP_COUNT):
         nested = [f"cn={group(number + 1)},{GROUPS}"] if number % 10 < 9 else []  # in chains of ten
         yield entry(f"cn={group(number)},{GROUPS}", objectClass="groupOfNames", cn=group(number),
@@ -47,9 +47,9 @@ def test_everything__in_reasonable_time_and_memory(daemon):
     assert f"{USERS} users, {GROUP_COUNT} groups, {USERS * 5 + GROUP_COUNT // 10 * 9} memberships" in told
     daemon.start(keep=True)
     with Questions(timeout=60) as ask:
-        for number in (0, 12, USERS - 1):
-            direct = {which for which in range(GROUP_COUNT) if number in members(which)}
-            above = {which for one in direct for which in range(one - one % 10, one + 1)}
-            assert ask.groups_of(uid(number)) == sorted(map(group, above)), number
+        direct = {number for number in range(GROUP_COUNT) if 12 in members(number)}
+        above = {group(which) for one in direct for which in range(one - one % 10, one + 1)}
+        assert ask.groups_of(uid(12)) == sorted(above)
         last = GROUP_COUNT - 1
-        assert ask.members(group(last)) == {f"cn={group(last)},{GROUPS}": sorted(f"{uid(one)}@corp.test" for one in members(last))}
+        expected = sorted(f"{uid(one)}@corp.test" for one in members(last))
+        assert ask.members(group(last)) == {f"cn={group(last)},{GROUPS}": expected}

@@ -166,7 +166,7 @@ LAB = {
     "CN=Unix,OU=Rats,O=Lab": {"objectClass": ["group"], "cn": ["Unix"], "memberUid": ["alice", "twin"]}}
 WHO = ["alice", "bob", "lena", "LENA@LAB", "CORP\\alice", "corp.test\\alice", "RATS\\alice", "alice@rats.test", ALICE_THE_RAT,
        "LAB\\alice", "CORP\\bob", "LAB\\bob", "LAB\\twin", "CN=Twin 2, O=Lab", "CN=Unix,OU=Rats,O=Lab", "WRONG\\alice",
-       "alice@other.test", "jo\u0308rg", "j\u006du\u0308ller", "", "*", "ali*", "alice)(uid=*", people.user_dn("jm\u00fcller").upper(),
+       "alice@other.test", "jmu\u0308ller", "", "*", "ali*", "alice)(uid=*", people.user_dn("jm\u00fcller").upper(),
        f"CN=Alice Adams , {PEOPLE}", SUFFIX, READER]
 
 
@@ -174,8 +174,8 @@ def test_three_domains__live_and_from_the_snapshot(daemon, slapd):
     with RangedServer("O=Lab", LAB, ("CN=reader,O=Lab", READER_PASSWORD)) as lab:
         def all_three(rats):
             return settings(slapd.url) + "".join(
-                workdir.settings([lab.url], "CN=reader,O=Lab", base=base, DnsName=name).partition("[Domain_1]")[2].join(
-                    [f"[Domain_{number}]", ""]) for number, base, name in ((2, "O=Lab", "lab.test"), (3, rats, "rats.test")))
+                workdir.domain(number, [lab.url], "CN=reader,O=Lab", base, DnsName=name)
+                for number, base, name in ((2, "O=Lab", "lab.test"), (3, rats, "rats.test")))
         workdir.place(all_three("OU=Rats,O=Lab"), READER_PASSWORD)
         daemon.start("--verbose", "--disable-reply-cache", keep=True)
 
@@ -193,8 +193,8 @@ def test_three_domains__live_and_from_the_snapshot(daemon, slapd):
                     **{("user", name): ask.user(name) for name in WHO},
                     **{("groups of", name): ask.groups_of(name) for name in WHO},
                     **{("find", name, whole): (ask.users(name, whole), ask.groups(name, whole), ask.groups_in(name, whole))
-                       for name in ["star", "*", "(", "c00017", "R&D", "ENGINEERS", "staff", "nobody", "d"] for whole in (0, 1)},
-                    "by dn": ask.members(people.group_dn("board"), people.group_dn(people.LAB), f"cn=nobody,{SUFFIX}", by_dn=1),
+                       for name in ["star", "*", "(", "c00017", "R&D", "ENGINEERS", "nobody", "d"] for whole in (0, 1)},
+                    "by dn": ask.members(*map(people.group_dn, ["board", people.LAB, "nobody"]), by_dn=1),
                     "by cn": ask.members("docker", "nobody", "STAFF", "*"),
                     "of nobody": ask.members("*", "nobody")}
 

@@ -287,5 +287,5 @@ def sanitizer_reports():
 
 
 def core_files():
-    return [path for path in glob.glob(f"{sandbox.WORKDIR}/core*") + glob.glob("/core*") + glob.glob(f"{sandbox.REPORTS}/*core*")
-            if os.path.isfile(path)]
+    patterns = f"{sandbox.WORKDIR}/core*", "/core*", f"{sandbox.REPORTS}/*core*"
+    return [path for pattern in patterns for path in glob.glob(pattern) if os.path.isfile(path)]

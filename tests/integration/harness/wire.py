@@ -12,17 +12,12 @@ ADDRESS = ("127.0.0.1", 1100)
 HEADER = struct.Struct("<ii")
 LARGEST_BODY = 10_485_760
 
-USER_SEARCH, GROUP_SEARCH, USER_GROUPS, IP_QUERY, VALIDATE, USER_INFO, IP_BIND, IP_AUTH = range(0, 16, 2)
-NTLM, IP_UNBIND, EXPORT, GROUP_GROUPS, ALL_USERS, NEGOTIATE = range(16, 28, 2)
-
-_ANSWERS = {
-    USER_SEARCH: pb.UserSearchResponse, GROUP_SEARCH: pb.GroupSearchResponse,
-    USER_GROUPS: pb.UserGroupQueryResponse, IP_QUERY: pb.IPUserQueryResponse,
-    VALIDATE: pb.UserValidateResponse, USER_INFO: pb.UserInfoQueryResponse,
-    IP_BIND: pb.IPUserBindResponse, IP_AUTH: pb.IPAuthResponse, NTLM: pb.NTLMAuthResponse,
-    IP_UNBIND: pb.IPUserUnBindResponse, EXPORT: pb.IPUserCacheExportResponse,
-    GROUP_GROUPS: pb.GroupSearchResponse, ALL_USERS: pb.AllUserQueryResponse, NEGOTIATE: pb.NEGOAuthResponse,
-}
+(USER_SEARCH, GROUP_SEARCH, USER_GROUPS, IP_QUERY, VALIDATE, USER_INFO, IP_BIND, IP_AUTH, NTLM, IP_UNBIND, EXPORT, GROUP_GROUPS,
+ ALL_USERS, NEGOTIATE) = range(0, 28, 2)
+_ANSWERS = [pb.UserSearchResponse, pb.GroupSearchResponse, pb.UserGroupQueryResponse, pb.IPUserQueryResponse,
+            pb.UserValidateResponse, pb.UserInfoQueryResponse, pb.IPUserBindResponse, pb.IPAuthResponse, pb.NTLMAuthResponse,
+            pb.IPUserUnBindResponse, pb.IPUserCacheExportResponse, pb.GroupSearchResponse, pb.AllUserQueryResponse,
+            pb.NEGOAuthResponse]
 
 
 class Closed(Exception):
@@ -91,7 +86,7 @@ class Connection:
     def receive_answer(self, request_type):
         message_type, body = self.receive_frame()
         assert message_type == request_type + 1, f"answer of type {message_type} to {request_type}"
-        return _ANSWERS[request_type].FromString(body)
+        return _ANSWERS[request_type // 2].FromString(body)
 
     def ask(self, request_type, message):
         self.send(frame(request_type, message))

@@ -32,8 +32,6 @@ TLSCACertificateFile {{ca}}
 TLSCertificateFile {{folder}}/tls.pem
 TLSCertificateKeyFile {{folder}}/tls.key
 sizelimit size.soft=500 size.hard=500 size.prtotal=unlimited
-threads 4
-tool-threads 2
 database mdb
 maxsize 2147483648
 envflags nosync
@@ -43,7 +41,6 @@ rootpw "{ADMIN_PASSWORD}"
 directory {{folder}}/db
 index objectClass,uid,cn,member,uniqueMember,memberUid eq
 overlay memberof
-memberof-group-oc groupOfNames
 overlay ppolicy
 ppolicy_default "cn=lockout,{SUFFIX}"
 ppolicy_use_lockout

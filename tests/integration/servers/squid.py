@@ -16,10 +16,6 @@ pid_filename {folder}/squid.pid
 cache_log {folder}/cache.log
 logformat who %>a %>Hs %un
 access_log stdio:{folder}/access.log who
-cache_store_log none
-coredump_dir {folder}
-netdb_filename none
-cache_mem 8 MB
 cache deny all
 pinger_enable off
 shutdown_lifetime 1 second
@@ -49,7 +45,7 @@ class Squid(ServerProcess):
                               capture_output=True, timeout=LONG_WAIT, check=True, env=environment)
         status = int(done.stdout[-3:])
         assert (status == 200) == (done.stdout[:-3] == PAGE)
-        lines = until(lambda: [line for line in self._log()[before:] if line.split()[1] == str(status)], "a line in the access log")
+        lines = until(lambda: [line for line in self._log()[before:] if line.split()[1] == str(status)], "a line in the log")
         client, _, user = lines[-1].split(" ", 2)
         assert client == source
         return status, user

@@ -22,14 +22,17 @@ _ACCOUNT = {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_grou
 Outcome = namedtuple("Outcome", "status output errors")
 
 
-def settings(servers, reader, base=None, search_limit=0, general=(), **keys):
-    """LdapSetting.ini for one domain. `keys` replace or add to its section."""
-    domain = {"DnsName": "corp.test", "Servers": " ".join(servers), "BindDN": reader,
-              "BindPasswordFile": PASSWORD_FILE, "ConnectTimeout": 2, "OperationTimeout": 2, **keys}
-    if base is not None:
-        domain["BaseDN"] = base
-    lines = ["[LDAP_Setting]", "SyncInterval=1440", f"SearchLimit={search_limit}", *general, "[Domain_1]"]
-    return "\n".join(lines + [f"{key}={value}" for key, value in domain.items()]) + "\n"
+def domain(number, servers, reader, base=None, **keys):
+    """A section of LdapSetting.ini. `keys` replace or add to it."""
+    keys = {"DnsName": "corp.test", "Servers": " ".join(servers), "BindDN": reader, "BindPasswordFile": PASSWORD_FILE,
+            "ConnectTimeout": 2, "OperationTimeout": 2, **({"BaseDN": base} if base else {}), **keys}
+    return f"[Domain_{number}]\n" + "".join(f"{key}={value}\n" for key, value in keys.items())
+
+
+def settings(servers, reader, base=None, general=(), **keys):
+    """LdapSetting.ini for one domain."""
+    lines = ["[LDAP_Setting]", "SyncInterval=1440", "SearchLimit=0", *general, ""]
+    return "\n".join(lines) + domain(1, servers, reader, base, **keys)
 
 
 def place(text, password, mode=0o600, **more):
