@@ -10,6 +10,10 @@
 extern "C" const char* __tsan_default_options() {
   return "die_after_fork=0";
 }
+// Its list of threads breaks when the child of such a child starts one.
+constexpr bool kChildrenForkBesideThreads = false;
+#else
+constexpr bool kChildrenForkBesideThreads = true;
 #endif
 
 class ProcessesTest : public CacheTest {
@@ -110,10 +114,11 @@ TEST_F(ProcessesTest, AForkWhileThreadsAreInsideCallsIsSafe) {
     const auto of_child = [&] { return bind(ip, "child of the child") == 0; };
     const auto child = [&] {
       alarm(20);
-      return bind(ip, "c") == 0 && lookup(ip) == "c" && in_child(of_child) == 0;
+      if (bind(ip, "c") != 0 || lookup(ip) != "c") return false;
+      return !kChildrenForkBesideThreads || in_child(of_child) == 0;
     };
     EXPECT_EQ(in_child(child), 0) << i;
-    EXPECT_EQ(lookup(ip), "child of the child");
+    EXPECT_EQ(lookup(ip), kChildrenForkBesideThreads ? "child of the child" : "c");
   }
   stop = true;
   for (std::thread& caller : callers) caller.join();
