@@ -1,9 +1,8 @@
-// What the tests of logging and of the ini files share: a folder of their own, and the lines in it.
+// What the tests that read log files or settings share: a folder of their own, and the lines in it.
 #pragma once
 
-#include <sys/wait.h>
-#include <unistd.h>
-
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -18,10 +17,7 @@ namespace log_test {
 class TempDir {
  public:
   TempDir() {
-    char name[] = "/tmp/brel_test.XXXXXX";
-    const char* const made = mkdtemp(name);
-    if (made == nullptr) abort();
-    path_ = made;
+    if (mkdtemp(path_.data()) == nullptr) abort();
   }
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
@@ -34,7 +30,7 @@ class TempDir {
   std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
-  std::string path_;
+  std::string path_ = "/tmp/brel_test.XXXXXX";
 };
 
 inline std::string read_file(const std::string& path) {
@@ -55,22 +51,33 @@ inline std::vector<std::string> split_lines(const std::string& text) {
 
 // The lines of the daily files in a folder whose names begin with the prefix.
 inline std::vector<std::string> log_lines(const TempDir& folder, const std::string& prefix) {
-  std::vector<std::string> lines;
+  std::string text;
   for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
-    if (!entry.path().filename().string().starts_with(prefix + ".")) continue;
-    for (std::string& line : split_lines(read_file(entry.path()))) lines.push_back(std::move(line));
+    if (entry.path().filename().string().starts_with(prefix + ".")) text += read_file(entry.path());
   }
-  return lines;
+  return split_lines(text);
 }
 
-// Runs `body` in a child process; its result is the exit status. -1 when the child died otherwise.
-template <typename Body>
-int in_child(Body body) {
-  const pid_t child = fork();
-  if (child == 0) _exit(body());
-  int status = 0;
-  if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
-}
+// What the log writer takes for the time, where the test program replaces gettimeofday; negative: the real
+// time.
+inline std::atomic<int64_t> g_fake_microseconds{-1};
+
+// Stands still at a time, in a zone without summers; the real clock runs again at the object's end.
+class FakeClock {
+ public:
+  explicit FakeClock(int64_t seconds, int microseconds = 0) {
+    setenv("TZ", "UTC0", 1);
+    set(seconds, microseconds);
+  }
+  FakeClock(const FakeClock&) = delete;
+  FakeClock& operator=(const FakeClock&) = delete;
+  ~FakeClock() { set(-1); }
+
+  void set(int64_t seconds, int microseconds = 0) {
+    g_fake_microseconds = seconds * 1'000'000 + microseconds;
+  }
+};
+
+constexpr int64_t kNoon = 1709294400;  // 2024-03-01 12:00:00 UTC
 
 }  // namespace log_test

@@ -1,90 +1,50 @@
 #include "brellog/VrLog.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netdb.h>
 
 #include <cstring>
-#include <new>
 #include <thread>
 
-#include "brellog/CSimpleDebugLog.h"
 #include "daemonbase/BRELConfigFile.h"
 #include "daemonbase/BRELIPList.h"
-#include "tests/unit/brellog/FakeClock.h"
 #include "tests/unit/brellog/LogTestSupport.h"
 
 namespace {
-thread_local size_t t_allocations = 0;
-}  // namespace
 
-// Counted, to see that the logging path does without them.
-[[gnu::noinline]] void* operator new(size_t size) {
-  ++t_allocations;
-  void* const memory = malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-  free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, size_t /*size*/) noexcept {
-  free(memory);
-}
-
-namespace {
-
-using log_test::FakeClock;
 using log_test::log_lines;
 using log_test::TempDir;
 using log_test::write_file;
 using testing::HasSubstr;
-using testing::IsEmpty;
-
-constexpr int64_t kNoon = 1709294400;  // 2024-03-01 12:00:00 UTC
-constexpr enumLogMsgType kAllLevels[] = {kLogError, kLogInfo, kLogTrans, kLogDebug, kLogMore};
 
 // "EITDM" with a "-" for each level that is off.
 std::string enabled_levels() {
   std::string text = "EITDM";
   for (size_t i = 0; i < text.size(); ++i) {
-    if (!VrLog::canLog(kAllLevels[i])) text[i] = '-';
+    if (!VrLog::canLog(static_cast<enumLogMsgType>(i))) text[i] = '-';
   }
   return text;
 }
 
-// Logs into its own folder, every level on. Lines of the configuration itself are not in lines().
+// Logs into its own folder, every level on.
 class VrLogTest : public testing::Test {
  protected:
   VrLogTest() {
-    setenv("TZ", "UTC0", 1);
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    VrLog::setConfig("config.log", folder_.path().c_str());
-    VrLog::setLogVerbose("more");
     VrLog::setConfig("test.log", folder_.path().c_str());
-    skip_ = lines_of_file().size();
+    VrLog::setLogVerbose("more");
   }
   ~VrLogTest() override {
     VrLogContext::setCurrentLogFilter(nullptr);
     VrLogContext::setCurrentThreadTag(0);
     VrLog::setLogFilterIPList(nullptr);
-    VrLog::setLogFilterIPList(nullptr);
     VrLog::stopLog();
-    unsetenv("TZ");
   }
 
-  std::vector<std::string> lines_of_file() const { return log_lines(folder_, "test.log"); }
-  std::vector<std::string> lines() const {
-    std::vector<std::string> all = lines_of_file();
-    all.erase(all.begin(), all.begin() + static_cast<std::ptrdiff_t>(skip_));
-    return all;
-  }
+  std::vector<std::string> lines() const { return log_lines(folder_, "test.log"); }
 
   const std::string ids_ = std::to_string(getpid()) + ":" + std::to_string(gettid());
   TempDir folder_;
-  FakeClock clock_{kNoon};
-  size_t skip_ = 0;
+  log_test::FakeClock clock_{log_test::kNoon};
 };
 
 class TaggingFilter : public VrLogFilter {
@@ -94,93 +54,68 @@ class TaggingFilter : public VrLogFilter {
     list_seen = list;
     return allow;
   }
-  int getClientSock() override { return client; }
-  int getServerSock() override { return server; }
-  uint32_t getSessionTag() override { return session; }
-  uint32_t getTransTag() override { return trans; }
-  uint32_t getLogFilerTag() override { return own; }
-  uint32_t getGlobalSessionTag() override { return global; }
+  int getClientSock() override { return 5; }
+  int getServerSock() override { return 6; }
+  uint32_t getTransTag() override { return 3; }
+  uint32_t getLogFilerTag() override { return 0xab; }
+  uint32_t getGlobalSessionTag() override { return 9; }
 
-  bool allow = true;
-  int client = 0;
-  int server = 0;
-  uint32_t session = 0;
-  uint32_t trans = 0;
-  uint32_t own = 0;
-  uint32_t global = 0;
+  bool allow = false;
   BRELIPList* list_seen = nullptr;
 };
 
-TEST(VrLogStartDeathTest, FirstConfigurationLeavesOnlyErrorsOn) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto body = [] {
+// The bodies below run in programs of their own, where nothing has been logged yet.
+void configure_for_the_first_time() {
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  {
     const TempDir folder;
     std::string seen = enabled_levels();
-    seen += VrLog::isLogInited() ? " open " : " closed ";
     VRLOG(kLogMore, "early line");
     const bool closing_line = VrLog::setConfig("x.log", folder.path().c_str());
-    seen += enabled_levels() + (closing_line ? " line " : " silent ");
+    seen += " " + enabled_levels() + (closing_line ? " line " : " silent ");
     VrLog::setLogVerbose(false);
     VrLog::setConfig("x.log", folder.path().c_str());
-    seen += enabled_levels();
-    for (const std::string& line : log_lines(folder, "x.log")) {
-      if (line.find("early line") != std::string::npos) seen += " early line";
-    }
-    fprintf(stderr, "seen: %s\n", seen.c_str());
-  };
-  const auto run = [&] {
-    body();
-    _exit(0);
-  };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "seen: EITDM closed E---- silent EI--- early line");
+    printf("seen: %s%s:%s\n", seen.c_str(), enabled_levels().c_str(),
+           log_lines(folder, "x.log").at(0).c_str());
+    VrLog::bDupLogToConsole = true;
+    VRLOG(kLogError, "echoed once");
+  }
+  _exit(0);
 }
 
-TEST(VrLogStartDeathTest, ConsoleModePrintsEarlyAndLaterLines) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto body = [] {
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    VRLOG(kLogError, "early");
-    VrLog::setConfig(nullptr, nullptr);
-    VRLOG(kLogError, "later");
-    LogPrintf_CB("off");
-    VrLog::setLogVerbose("inf");
-    LogPrintf_CB("callback %d", 1);
-    _exit(0);
-  };
-  EXPECT_EXIT(body(), testing::ExitedWithCode(0),
-              "\n[0-9:.]* <ERR>[^\n]*early[^\n]*\n<ERR>[^\n]*later[^\n]*\n<INF>[^\n]*LOG level: 0x3[^\n]*\n"
-              "callback 1\n$");
+void log_to_the_console() {
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  VRLOG(kLogError, "early");
+  VrLog::setConfig(nullptr, nullptr);
+  VRLOG(kLogError, "later");
+  LogPrintf_CB("off");
+  VrLog::setLogVerbose("inf");
+  LogPrintf_CB("callback %d", 1);
+  _exit(0);
 }
 
 struct LogsWhenDestroyed {
   ~LogsWhenDestroyed() { VRLOG(kLogError, "at the very end"); }
 };
 
-TEST(VrLogStartDeathTest, EchoedLineOfAnOpenFileIsPrintedOnce) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto run = [] {
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    {
-      const TempDir folder;
-      VrLog::setConfig("x.log", folder.path().c_str());
-      VrLog::bDupLogToConsole = true;
-      VRLOG(kLogError, "echoed");
-    }
-    _exit(0);
-  };
-  EXPECT_EXIT(run(), testing::ExitedWithCode(0), "gtest_main.cc\n[0-9:.]* <ERR>[^\n]*echoed[^\n]*\n$");
+void log_during_static_destruction() {
+  static const LogsWhenDestroyed last;  // made before anything of logging, destroyed after it
+  dup2(STDERR_FILENO, STDOUT_FILENO);
+  VrLog::bDupLogToConsole = true;
+  VRLOG(kLogError, "first");
+  exit(0);
 }
 
-TEST(VrLogStartDeathTest, LineWrittenDuringStaticDestructionIsWritten) {
+TEST(VrLogStartDeathTest, BeforeTheConfigurationAndAtTheEndNothingIsLost) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto body = [] {
-    static const LogsWhenDestroyed last;  // made before anything of logging, destroyed after it
-    dup2(STDERR_FILENO, STDOUT_FILENO);
-    VrLog::bDupLogToConsole = true;
-    VRLOG(kLogError, "first");
-    exit(0);
-  };
-  EXPECT_EXIT(body(), testing::ExitedWithCode(0), "at the very end");
+  const auto well = testing::ExitedWithCode(0);
+  EXPECT_EXIT(
+      configure_for_the_first_time(), well,
+      "seen: EITDM E---- silent EI---:[^\n]*early line[^\n]*\n[0-9:.]* <ERR>[^\n]*echoed once[^\n]*\n$");
+  EXPECT_EXIT(log_to_the_console(), well,
+              "\n[0-9:.]* <ERR>[^\n]*early[^\n]*\n<ERR>[^\n]*later[^\n]*\n<INF>[^\n]*LOG level: 0x3[^\n]*\n"
+              "callback 1\n$");
+  EXPECT_EXIT(log_during_static_destruction(), well, "at the very end");
 }
 
 TEST_F(VrLogTest, VerboseWordChoosesTheLevels) {
@@ -189,10 +124,9 @@ TEST_F(VrLogTest, VerboseWordChoosesTheLevels) {
       {"EITD-", {"true", "1", "yes", "on", "debugtransinf"}},
       {"EI---", {"false", "0", "no", "off"}},
       {"E-T--", {"trans"}},
-      {"EI-D-", {"inf,debug"}},
       {"E--D-", {"dbg"}},
       {"EI--M", {"info more"}},
-      {"E----", {"", nullptr, "True", "INFO", "on "}},
+      {"E----", {"", nullptr, "True", "on "}},
   };
   for (const auto& [levels, words] : rows) {
     for (const char* word : words) {
@@ -200,39 +134,24 @@ TEST_F(VrLogTest, VerboseWordChoosesTheLevels) {
       EXPECT_EQ(enabled_levels(), levels) << (word == nullptr ? "(null)" : word);
     }
   }
-  VrLog::setLogVerbose(true);
-  EXPECT_EQ(enabled_levels(), "EITD-");
-  VrLog::setLogVerbose(false);
-  EXPECT_EQ(enabled_levels(), "EI---");
-  EXPECT_THAT(lines().back(), HasSubstr("> LOG level: 0x3 @<setLogVerbose> @@<VrLog.cpp:"));
 }
 
-TEST_F(VrLogTest, LineCarriesLevelTagsTextAndPlace) {
-  const std::string head = "12:00:00.000 ";
-  const struct {
-    enumLogMsgType level;
-    const char* file;
-    const char* function;
-    const char* text;
-    std::string line;
-  } rows[] = {
-      {kLogError, "/a/b/File.cpp", "run", "text", "<ERR><0:" + ids_ + "> text @<run> @@<File.cpp:12>"},
-      {kLogInfo, "File.cpp", "", "text", "<INF><0:" + ids_ + "> text @@<File.cpp:12>"},
-      {kLogTrans, "", "run", "text", "<TRANS><0:" + ids_ + "> text @<run>"},
-      {kLogDebug, nullptr, nullptr, nullptr, "<DBG><0:" + ids_ + "> "},
-      {kLogMore, "a/", nullptr, "", "<MOR><0:" + ids_ + ">  @@<:12>"},
-      {kLogError, nullptr, nullptr, "\ta\r\nb\tc%s\n", "<ERR><0:" + ids_ + ">  ab c%s"},
+TEST_F(VrLogTest, LineCarriesLevelTagTextAndPlace) {
+  const auto line = [&](enumLogMsgType level, const char* file, const char* function, const char* text) {
+    VrLog::writeLog3(level, file, 12, function, text);
+    return lines().back();
   };
-  for (const auto& row : rows) {
-    EXPECT_TRUE(VrLog::writeLog3(row.level, row.file, 12, row.function, row.text));
-    EXPECT_EQ(lines().back(), head + row.line);
-  }
+  const std::string tags = "><0:" + ids_ + "> ";
+  EXPECT_EQ(line(kLogError, "/a/File.cpp", "run", "text"),
+            "12:00:00.000 <ERR" + tags + "text @<run> @@<File.cpp:12>");
+  EXPECT_EQ(line(kLogTrans, "", "run", "text"), "12:00:00.000 <TRANS" + tags + "text @<run>");
+  EXPECT_EQ(line(kLogDebug, nullptr, nullptr, nullptr), "12:00:00.000 <DBG" + tags);
+  EXPECT_EQ(line(kLogMore, nullptr, nullptr, "\ta\r\nb\tc%s\n"), "12:00:00.000 <MOR" + tags + " ab c%s");
   VrLogContext::setCurrentThreadTag(-2);
-  VRLOG(kLogInfo, "%s %d", "tagged", 5);
-  EXPECT_THAT(lines().back(),
-              HasSubstr("<INF><4294967294:" + ids_ + "> tagged 5 @<TestBody> @@<VrLog_test.cpp:"));
-  std::thread([] { VRLOG(kLogInfo, "other thread"); }).join();
-  EXPECT_THAT(lines().back(), HasSubstr("<INF><0:" + std::to_string(getpid())));
+  LogPrintf_CB("a %d", 1);  // with the writer's own header
+  EXPECT_EQ(lines().back(), "12:00:00.000 <INF><4294967294:" + ids_ + "> a 1");
+  std::thread([] { DbgPrintf_CB("b"); }).join();
+  EXPECT_THAT(lines().back(), HasSubstr("<DBG><0:" + std::to_string(getpid())));
 }
 
 TEST_F(VrLogTest, FilterPrefixAndModuleMarkTheLine) {
@@ -242,52 +161,28 @@ TEST_F(VrLogTest, FilterPrefixAndModuleMarkTheLine) {
   TaggingFilter filter;
   VrLogContext::setCurrentThreadTag(4);
   VrLogContext::setCurrentLogFilter(&filter);
-  EXPECT_EQ(line(), "<INF><4:" + ids_ + "> x");
-  filter.global = 9;
-  filter.own = 0xab;
-  EXPECT_EQ(line(), "<INF><9:" + ids_ + "> <0xab> x");
-  filter.trans = 3;
-  filter.client = 5;
-  EXPECT_EQ(line(), "<INF><9:" + ids_ + "> <0xab:0:3> <C:5> x");
-  filter.server = 6;
   EXPECT_EQ(line(), "<INF><9:" + ids_ + "> <0xab:0:3> <C:5><S:6> x");
+  VrLogContext foreign;
+  VrLogContext::setCurrentLogContext(&foreign);
+  EXPECT_EQ(line(), "<INF><0:" + ids_ + "> x");
+  VrLogContext::setCurrentLogContext(nullptr);  // the thread's own, with its filter
   VrLogContext::setCurrentLogFilter(nullptr);
 
   const VrLogModuleInfo module("mod", "dir/Marked.cpp");
-  const VrLogModuleInfo no_module("", "dir/Plain.cpp");
-  EXPECT_EQ(line("dir/Marked.cpp"), "<INF><4:" + ids_ + "> [mod] x @@<Marked.cpp:1>");
-  EXPECT_EQ(line("dir/Plain.cpp"), "<INF><4:" + ids_ + "> x @@<Plain.cpp:1>");
+  const VrLogPrefixHelper outer("/s/Outer.cpp", "go", "n=%d", 1);
   {
-    const VrLogPrefixHelper outer("/s/Outer.cpp", "go", "n=%d", 1);
-    EXPECT_EQ(line("dir/Marked.cpp"), "<INF><4:" + ids_ + "> [mod] Outer.cpp, go, n=1, x @@<Marked.cpp:1>");
-    {
-      const VrLogPrefixHelper inner(nullptr, "", "%s", std::string(3000, 'p').c_str());
-      EXPECT_EQ(strlen(VrLogPrefixHelper::getCurrPrefix()), VrLogContext::kPrefixBytes - 1);
-    }
-    EXPECT_STREQ(VrLogPrefixHelper::getCurrPrefix(), "Outer.cpp, go, n=1");
+    const VrLogPrefixHelper inner(nullptr, "", "%s", std::string(3000, 'p').c_str());
+    EXPECT_EQ(strlen(VrLogPrefixHelper::getCurrPrefix()), VrLogContext::kPrefixBytes - 1);
   }
-  EXPECT_EQ(line(), "<INF><4:" + ids_ + "> x");
-}
-
-TEST_F(VrLogTest, OwnContextComesBackAfterAForeignOne) {
-  VrLogContext::setCurrentThreadTag(1);
-  VrLogContext foreign;
-  VrLogContext::setCurrentLogContext(&foreign);
-  VrLogContext::setCurrentThreadTag(2);
-  EXPECT_EQ(foreign.getThreadTag(), 2);
-  VrLogContext::setCurrentLogContext(nullptr);
-  EXPECT_EQ(VrLogContext::getCurrentLogContext()->getThreadTag(), 1);
+  EXPECT_EQ(line("dir/Marked.cpp"), "<INF><4:" + ids_ + "> [mod] Outer.cpp, go, n=1, x @@<Marked.cpp:1>");
 }
 
 TEST_F(VrLogTest, SystemErrorsAreNamedAndErrnoStays) {
-  const std::string place = " @<TestBody> @@<VrLog_test.cpp:";
   errno = ENOENT;
   VRLOG_SYS(VrLog::LogStr("no %s", "file"));
-  VRLOG(kLogInfo, "line");
-  LogPrintf_CB("callback");
-  EXPECT_STREQ(VrLog::printErrno(), "ERROR: 2,No such file or directory");
   EXPECT_EQ(errno, ENOENT);
-  EXPECT_THAT(lines()[0], HasSubstr("> ERROR: 2,No such file or directory, no file" + place));
+  EXPECT_THAT(lines().back(),
+              HasSubstr("> ERROR: 2,No such file or directory, no file @<TestBody> @@<VrLog_test.cpp:"));
 
   // A thread's first message also keeps it, though it makes the thread's buffers.
   std::thread([] {
@@ -304,33 +199,19 @@ TEST_F(VrLogTest, SystemErrorsAreNamedAndErrnoStays) {
   EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST_F(VrLogTest, CallbacksWriteWithTheWritersHeader) {
-  VrLogContext::setCurrentThreadTag(3);
-  LogPrintf_CB("a %d", 1);
-  DbgPrintf_CB("b");
-  VrLog::setLogVerbose("inf");
-  DbgPrintf_CB("not enabled");
-  EXPECT_EQ(lines()[0], "12:00:00.000 <INF><3:" + ids_ + "> a 1");
-  EXPECT_EQ(lines()[1], "12:00:00.000 <DBG><3:" + ids_ + "> b");
-  EXPECT_EQ(lines().size(), 3U);  // the third is about the level
-}
-
-TEST_F(VrLogTest, FilterIsAskedOnlyWithAListAndMayRefuse) {
+TEST_F(VrLogTest, FilterWithAListAndSilenceRefuseLinesOfTheirThread) {
   TaggingFilter filter;
-  filter.allow = false;
-  VrLog::setLogFilterIPList(" \t");
   VrLogContext::setCurrentLogFilter(&filter);
-  EXPECT_EQ(enabled_levels(), "EITDM");  // a blank text makes no list
-  VrLog::setLogFilterIPList("not an address");
-  EXPECT_EQ(enabled_levels(), "EITDM");  // a list without entries
+  for (const char* none : {" \t", "not an address"}) {
+    VrLog::setLogFilterIPList(none);
+    EXPECT_EQ(enabled_levels(), "EITDM") << none;
+  }
   EXPECT_EQ(filter.list_seen, nullptr);
 
   VrLog::setLogFilterIPList(" 10.0.0.1, 10.0.0.2 ");
   const size_t before = lines().size();
   EXPECT_EQ(enabled_levels(), "E----");
   EXPECT_EQ(lines().size(), before);
-  ASSERT_NE(filter.list_seen, nullptr);
-  EXPECT_EQ(filter.list_seen->GetNodeCount(), 2U);
   filter.allow = true;
   EXPECT_EQ(enabled_levels(), "EITDM");
   filter.allow = false;
@@ -338,28 +219,20 @@ TEST_F(VrLogTest, FilterIsAskedOnlyWithAListAndMayRefuse) {
 
   VrLog::setLogFilterIPList("");
   EXPECT_EQ(enabled_levels(), "EITDM");
+  ASSERT_NE(filter.list_seen, nullptr);
   EXPECT_EQ(filter.list_seen->GetNodeCount(), 2U);  // the replaced list lives for one more call
-}
 
-TEST_F(VrLogTest, SilencedThreadLogsNothing) {
-  {
-    const VrLogDisableHelper outer;
-    { const VrLogDisableHelper inner; }
-    VRLOG(kLogError, "silenced");
-    VRLOG_SYS("silenced");
-    EXPECT_EQ(enabled_levels(), "-----");
-    std::thread([] { EXPECT_EQ(enabled_levels(), "EITDM"); }).join();
-  }
-  EXPECT_THAT(lines(), IsEmpty());
-  EXPECT_EQ(enabled_levels(), "EITDM");
+  const VrLogDisableHelper outer;
+  { const VrLogDisableHelper inner; }
+  EXPECT_EQ(enabled_levels(), "-----");
+  std::thread([] { EXPECT_EQ(enabled_levels(), "EITDM"); }).join();
 }
 
 TEST_F(VrLogTest, SettingsFileNamesFileAndLevels) {
   const std::string path = folder_.file("x.ini");
   write_file(path, "[log]\nlogfile_prefix=ini.log\nlogfile=" + folder_.path() + "\nverbose=trans\n");
   ConfigFile file(path);
-  EXPECT_FALSE(VrLog::setConfig(&file, "log", nullptr, "", nullptr, nullptr));
-  EXPECT_TRUE(VrLog::isLogInited());
+  VrLog::setConfig(&file, "log", nullptr, "", nullptr, nullptr);
   EXPECT_EQ(enabled_levels(), "E-T--");
   VRLOG(kLogError, "into the file");
   EXPECT_THAT(log_lines(folder_, "ini.log").back(), HasSubstr("into the file"));
@@ -369,26 +242,14 @@ TEST_F(VrLogTest, SettingsFileNamesFileAndLevels) {
   VrLog::checkLogSetting(&file);
   EXPECT_EQ(enabled_levels(), "E-T--");
   write_file(path, "[log]\nverbose=more\nverbose_filter=10.0.0.0/8\n");
-  std::filesystem::last_write_time(path, std::filesystem::last_write_time(path) + std::chrono::seconds(5));
-  ASSERT_EQ(file.refresh(), 0);
+  std::filesystem::last_write_time(path,
+                                   std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
+  file.refresh();
   VrLog::checkLogSetting(&file);
-  EXPECT_EQ(enabled_levels(), "EITDM");
   TaggingFilter filter;
+  EXPECT_EQ(enabled_levels(), "EITDM");
   VrLogContext::setCurrentLogFilter(&filter);
-  EXPECT_TRUE(VrLog::canLog(kLogInfo));
-  EXPECT_NE(filter.list_seen, nullptr);
-}
-
-TEST_F(VrLogTest, LaterLinesOfAThreadAllocateNothing) {
-  std::thread([] {
-    VRLOG(kLogInfo, "first %d", 1);
-    const size_t before = t_allocations;
-    VRLOG(kLogInfo, "second %d", 2);
-    VRLOG_SYS(VrLog::LogStr("third %d", 3));
-    LogPrintf_CB("fourth");
-    EXPECT_EQ(t_allocations, before);
-  }).join();
-  EXPECT_EQ(lines().size(), 4U);
+  EXPECT_EQ(enabled_levels(), "E----");
 }
 
 }  // namespace
