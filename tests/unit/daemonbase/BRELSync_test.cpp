@@ -1,12 +1,13 @@
 #include "daemonbase/BRELSync.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
-#include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <memory>
 #include <thread>
+#include <typeinfo>
 
 #include "daemonbase/BRELSyncShared.h"
 #include "tests/unit/brellog/LogTestSupport.h"
@@ -18,8 +19,9 @@
 
 namespace {
 
-using log_test::in_child;
 using log_test::TempDir;
+using std::chrono::milliseconds;
+using std::chrono::steady_clock;
 
 // The thread sanitizer reports every unlock of a mutex that the thread does not hold, wanted or not.
 #if defined(__SANITIZE_THREAD__)
@@ -34,177 +36,107 @@ int in_thread(const auto& call) {
   return result;
 }
 
-TEST(BRELMutexTest, EveryKindAnswersWithTheErrorNumber) {
-  struct Kind {
-    const char* name;
-    BRELBaseMutex* mutex;
-    int second_lock;  // what the owner's second Lock() returns; -1: it would hang
-  };
-  for (const Kind& kind : {Kind{"error-checking", new BRELMutex(false), EDEADLK},
-                           {"recursive", new BRELMutex(true), 0},
-                           {"shared", new BRELSharedMutex(false), EDEADLK},
-                           {"spin", new BRELSpin, -1},
-                           {"shared recursive", new BRELSharedMutex(true), 0},
-                           {"shared spin", new BRELSharedSpin, -1}}) {
-    SCOPED_TRACE(kind.name);
-    const std::unique_ptr<BRELBaseMutex> mutex(kind.mutex);
-    EXPECT_EQ(mutex->status(), 0);
-    EXPECT_EQ(mutex->Lock(), 0);
-    EXPECT_EQ(in_thread([&] { return mutex->TryLock(); }), EBUSY);
-    if (kind.second_lock >= 0) {
-      if (kMayUnlockWrongly) {
-        EXPECT_EQ(in_thread([&] { return mutex->Unlock(); }), EPERM);
-      }
-      EXPECT_EQ(mutex->Lock(), kind.second_lock);
-      if (kind.second_lock == 0) {
-        EXPECT_EQ(mutex->Unlock(), 0);
-        EXPECT_EQ(in_thread([&] { return mutex->TryLock(); }), EBUSY);
-      }
-    }
-    EXPECT_EQ(mutex->Unlock(), 0);
-    EXPECT_EQ(in_thread([&] {
-                const int result = mutex->TryLock();
-                if (result == 0) mutex->Unlock();
-                return result;
-              }),
-              0);
-  }
+int in_child(const auto& call) {
+  if (fork() == 0) _exit(call());
+  int status = 0;
+  wait(&status);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-TEST(BRELMutexTest, InnerGuardThatFailsReleasesNothing) {
-  BRELMutex mutex(false);
-  {
-    const BRELLock outer(mutex);
-    EXPECT_EQ(outer.result(), 0);
-    {
-      const BRELLock inner(mutex);
-      EXPECT_EQ(inner.result(), EDEADLK);
+TEST(BRELMutexTest, EveryKindAnswersWithTheErrorNumber) {
+  constexpr int kHangs = -1;
+  const std::pair<BRELBaseMutex*, int> kinds[] = {
+      // with what the owner's second Lock() returns
+      {new BRELMutex(false), EDEADLK}, {new BRELMutex(true), 0}, {new BRELSharedMutex(false), EDEADLK},
+      {new BRELSharedMutex(true), 0},  {new BRELSpin, kHangs},   {new BRELSharedSpin, kHangs}};
+  for (const auto& [kind, second_lock] : kinds) {
+    const std::unique_ptr<BRELBaseMutex> mutex(kind);
+    SCOPED_TRACE(typeid(*mutex).name());
+    const auto try_elsewhere = [&] { return in_thread([&] { return BRELTryLock(*mutex).result(); }); };
+    EXPECT_EQ(mutex->status(), 0);
+    EXPECT_EQ(mutex->Lock(), 0);
+    if (second_lock != kHangs) {
+      EXPECT_TRUE(!kMayUnlockWrongly || in_thread([&] { return mutex->Unlock(); }) == EPERM);
+      // A guard within a guard releases only what it acquired.
+      EXPECT_EQ(BRELLock(*mutex).result(), second_lock);
     }
-    {
-      const BRELTryLock inner(mutex);
-      EXPECT_EQ(inner.result(), EBUSY);
-    }
-    EXPECT_EQ(in_thread([&] { return BRELTryLock(mutex).result(); }), EBUSY);
-  }
-  EXPECT_EQ(in_thread([&] { return BRELTryLock(mutex).result(); }), 0);
-  EXPECT_EQ(mutex.Lock(), 0);
-  EXPECT_EQ(mutex.Unlock(), 0);
-  if (kMayUnlockWrongly) {
-    EXPECT_EQ(mutex.Unlock(), EPERM);
+    EXPECT_EQ(try_elsewhere(), EBUSY);
+    EXPECT_EQ(mutex->Unlock(), 0);
+    EXPECT_EQ(try_elsewhere(), 0);
+    EXPECT_EQ(try_elsewhere(), 0);
   }
 }
 
 TEST(BRELRWLockTest, ReadersShareAndAWriterExcludes) {
   BRELRWLock lock;
-  std::atomic<bool> writer_in{false};
-  std::thread writer;
   {
     const BRELRLock reader(lock);
-    EXPECT_EQ(in_thread([&] { return BRELRLock(lock).result(); }), 0);  // beside the first
-    writer = std::thread([&] {
-      const BRELWLock guard(lock);
-      EXPECT_EQ(BRELWLock(lock).result(), EDEADLK);  // and releases nothing
-      EXPECT_EQ(BRELRLock(lock).result(), EDEADLK);
-      writer_in = true;
-    });
-    EXPECT_FALSE(writer_in);
+    EXPECT_EQ(in_thread([&] { return BRELRLock(lock).result(); }), 0);
   }
-  writer.join();
-  EXPECT_TRUE(writer_in);
-  lock.Init(true);
-  EXPECT_EQ(lock.WriteLock(), 0);
-  EXPECT_EQ(lock.Unlock(), 0);
+  const BRELWLock writer(lock);
+  for (int i = 0; i < 2; ++i) {  // a guard that fails releases nothing
+    EXPECT_EQ(BRELWLock(lock).result(), EDEADLK);
+    EXPECT_EQ(BRELRLock(lock).result(), EDEADLK);
+  }
 }
 
-TEST(BRELEventTest, WaitEndsBySignalOrWholeSeconds) {
+// One counts whole seconds only, the other milliseconds; both end at once when they are signalled.
+TEST(BRELEventTest, WaitEndsBySignalOrTime) {
   BRELMutex mutex(false);
   BRELEvent event;
+  BRELSharedMutex shared_mutex(false);
+  BRELSharedEvent shared_event;
+  ASSERT_EQ(shared_event.Init(true), 0);
   bool ready = false;
+  bool shared_ready = false;
+  BRELLock guard(mutex);
+  const BRELLock shared_guard(shared_mutex);
+  const auto start = steady_clock::now();
+  EXPECT_EQ(event.Wait(guard, 999), 1);
+  EXPECT_LT(steady_clock::now() - start, milliseconds(500));
+  EXPECT_EQ(shared_event.Wait(shared_mutex, 30), 1);
+  EXPECT_GE(steady_clock::now() - start, milliseconds(25));
+
   std::thread signaller([&] {
-    const BRELLock guard(mutex);
-    ready = true;
-    event.Broadcast();
+    {
+      const BRELLock inner(mutex);
+      ready = true;
+      event.Broadcast();
+    }
+    const BRELLock inner(shared_mutex);
+    shared_ready = true;
+    shared_event.Signal();
   });
-  {
-    BRELLock guard(mutex);
-    while (!ready) EXPECT_EQ(event.Wait(guard, 30'000), 0);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(event.Wait(guard, 999), 1);  // less than a second: not at all
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(500));
-    BRELLock failed(mutex);
-    EXPECT_EQ(event.Wait(failed, 0), EPERM);
-  }
+  while (!ready) EXPECT_EQ(event.Wait(guard, 30'000), 0);
+  while (!shared_ready) EXPECT_EQ(shared_event.Wait(shared_mutex, BRELSharedEvent::kNoTimeout), 0);
   signaller.join();
-  BRELNoopMutex other_kind;
-  BRELLock guard(other_kind);
-  EXPECT_EQ(event.Wait(guard, 0), EINVAL);
+  BRELLock failed(mutex);
+  EXPECT_EQ(event.Wait(failed, 0), EPERM);
 }
 
-TEST(BRELEventTest, SharedEventKeepsMillisecondsAndWaitsWithoutEnd) {
-  BRELSharedMutex mutex(false);
-  BRELSharedEvent event;
-  ASSERT_EQ(event.Init(true), 0);
-  ASSERT_EQ(mutex.Lock(), 0);
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(event.Wait(mutex, 30), 1);
-  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25));
-  bool ready = false;
-  std::thread signaller([&] {
-    const BRELLock guard(mutex);
-    ready = true;
-    event.Signal();
-  });
-  while (!ready) EXPECT_EQ(event.Wait(mutex, BRELSharedEvent::kNoTimeout), 0);
-  EXPECT_EQ(mutex.Unlock(), 0);
-  signaller.join();
-}
-
-// Whether another process could have the lock now.
 template <typename Mutex, typename... Args>
-int others_try(const std::string& path, Args... args) {
-  return in_child([&] {
-    Mutex mutex(path.c_str(), args...);
-    return mutex.TryLock();
-  });
+void expect_exclusion_of_other_processes(const std::string& path, Args... args) {
+  const auto others_try = [&] { return in_child([&] { return Mutex(path.c_str(), args...).TryLock(); }); };
+  Mutex mutex(path.c_str(), args...);
+  EXPECT_EQ(mutex.Lock(), 0);
+  EXPECT_EQ(others_try(), EAGAIN);
+  EXPECT_EQ(mutex.Unlock(), 0);
+  EXPECT_EQ(others_try(), 0);
+  EXPECT_EQ(Mutex("/missing/lock", args...).Lock(), EBADF);
 }
 
 TEST(BRELFileLockTest, FileLocksExcludeOtherProcesses) {
   const TempDir folder;
   const std::string path = folder.file("lock");
-  {
-    BRELNamedMutex named(path.c_str());
-    EXPECT_EQ(named.status(), 0);
-    const BRELLock guard(named);
-    EXPECT_EQ(guard.result(), 0);
-    EXPECT_EQ(others_try<BRELNamedMutex>(path), EAGAIN);
-    EXPECT_EQ(others_try<BRELFileMutex>(path, true), EAGAIN);
-  }
-  EXPECT_EQ(others_try<BRELNamedMutex>(path), 0);
-
-  // The file mutex leaves the content alone, the named one empties it.
   log_test::write_file(path, "content");
-  BRELFileMutex file(path.c_str(), false);
+  expect_exclusion_of_other_processes<BRELFileMutex>(path, true);
   EXPECT_EQ(log_test::read_file(path), "content");
-  EXPECT_EQ(file.Lock(), 0);
-  EXPECT_EQ(others_try<BRELFileMutex>(path, false), EAGAIN);
-  EXPECT_EQ(file.Unlock(), 0);
-  EXPECT_EQ(others_try<BRELFileMutex>(path, false), 0);
-  const BRELNamedMutex emptied(path.c_str());
+  expect_exclusion_of_other_processes<BRELNamedMutex>(path);
   EXPECT_EQ(log_test::read_file(path), "");
-}
-
-TEST(BRELFileLockTest, UnusableFileIsToldAndLocksNothing) {
-  const TempDir folder;
-  const std::string path = folder.file("missing/lock");
-  BRELNamedMutex named(path.c_str());
-  EXPECT_EQ(named.status(), ENOENT);
-  EXPECT_EQ(named.Lock(), EBADF);
-  BRELFileMutex file(path.c_str(), true);
-  EXPECT_EQ(file.Lock(), EBADF);
-  EXPECT_EQ(file.error(), "Failed to open lockfile " + path + " : No such file or directory");
-  EXPECT_STREQ(BRELFileMutex("", true).error(), "Invalid filename specified for file lock");
-  const BRELFileMutex too_long((folder.path() + std::string(3000, 'x')).c_str(), true);
-  EXPECT_EQ(std::string(too_long.error()).size(), 511U);
+  EXPECT_EQ(BRELNamedMutex("/missing/lock").status(), ENOENT);
+  const std::string missing = "/missing/" + std::string(800, 'x');
+  EXPECT_EQ(BRELFileMutex(missing.c_str(), true).error(),
+            ("Failed to open lockfile " + missing).substr(0, 511));
 }
 
 TEST(BRELSemaphoreTest, SetIsFoundByNameAndTheOldOneRemoved) {
@@ -216,48 +148,33 @@ TEST(BRELSemaphoreTest, SetIsFoundByNameAndTheOldOneRemoved) {
   BRELSemaphore joined(name.c_str(), nullptr, 1, 2, false);
   EXPECT_EQ(joined.TryLock(), EAGAIN);
   EXPECT_EQ(first.IncrementSemaphore(1), 0);
+  EXPECT_EQ(first.IncrementSemaphore(65536), ERANGE);
   EXPECT_EQ(in_child([&] { return joined.TryLock(); }), 0);  // what a process holds comes back when it ends
   EXPECT_EQ(joined.TryLock(), 0);
   EXPECT_EQ(joined.TryLock(), EAGAIN);
 
-  BRELSemaphore anew(name.c_str(), nullptr, 1, 1, true);
-  ASSERT_EQ(anew.status(), 0);
+  const std::unique_ptr<BRELBaseMutex> anew(BRELRequestMutex(2, name.c_str(), 1, 1));
+  ASSERT_EQ(anew->status(), 0);
   EXPECT_EQ(first.TryLock(), EINVAL);      // its set is gone
   log_test::write_file(name, "999999\n");  // a set that the file does not record is not ours
   EXPECT_EQ(BRELSemaphore(name.c_str(), nullptr, 1, 1, true).status(), EEXIST);
-  EXPECT_EQ(anew.Remove(), 0);
-  EXPECT_EQ(BRELSemaphore("", nullptr, 1, 1, true).status(), EINVAL);
-  EXPECT_EQ(BRELSemaphore(name.c_str(), nullptr, 1, 0, true).status(), EINVAL);
-
-  BRELBaseMutex* const kinds[] = {BRELRequestMutex(0, nullptr, 0, 0), BRELRequestMutex(1, name.c_str(), 0, 0),
-                                  BRELRequestMutex(2, name.c_str(), 1, 1),
-                                  BRELRequestMutex(3, name.c_str(), 1, 1)};
-  EXPECT_NE(dynamic_cast<BRELMutex*>(kinds[0]), nullptr);
-  EXPECT_NE(dynamic_cast<BRELNamedMutex*>(kinds[1]), nullptr);
-  auto* const set = dynamic_cast<BRELSemaphore*>(kinds[2]);
-  ASSERT_NE(set, nullptr);
-  EXPECT_EQ(set->Remove(), 0);
-  EXPECT_EQ(kinds[3], nullptr);
-  for (BRELBaseMutex* mutex : kinds) BRELDestroyMutex(mutex);
+  EXPECT_EQ(dynamic_cast<BRELSemaphore&>(*anew).Remove(), 0);
 }
 
 TEST(BRELPosixSemTest, HolderIsKnownAndANamedValueIsRaised) {
-  BRELPosixSem unnamed(nullptr, 1, false);
-  EXPECT_EQ(unnamed.Lock(), 0);
-  EXPECT_EQ(unnamed.owner(), getpid());
-  EXPECT_EQ(unnamed.TryLock(), EAGAIN);
-  EXPECT_EQ(unnamed.ReleaseIfHeld(), 0);
-  EXPECT_EQ(unnamed.ReleaseIfHeld(), 0);  // holds nothing any more
-
   const std::string name = "/brel_test_" + std::to_string(getpid());
-  BRELPosixSem low(name.c_str(), 1, false);
-  const BRELPosixSem not_raised(name.c_str(), 3, false);
-  int value = 0;
-  EXPECT_EQ(low.GetValue(&value), 0);
-  EXPECT_EQ(value, 1);
-  const BRELPosixSem raised(name.c_str(), 3, true);
-  EXPECT_EQ(low.GetValue(&value), 0);
-  EXPECT_EQ(value, 3);
+  BRELPosixSem semaphore(name.c_str(), 1, false);
+  EXPECT_EQ(semaphore.Lock(), 0);
+  EXPECT_EQ(semaphore.owner(), getpid());
+  EXPECT_EQ(BRELPosixSem(name.c_str(), 1, false).TryLock(), EAGAIN);
+  EXPECT_EQ(semaphore.ReleaseIfHeld(), 0);
+  EXPECT_EQ(semaphore.ReleaseIfHeld(), 0);  // holds nothing any more
+  for (const int value : {1, 3}) {
+    const BRELPosixSem raised(name.c_str(), 3, value == 3);
+    int seen = 0;
+    semaphore.GetValue(&seen);
+    EXPECT_EQ(seen, value);
+  }
   sem_unlink(name.c_str());
   EXPECT_EQ(BRELPosixSem("/no/such", 1, false).Wait(), EINVAL);
 }
