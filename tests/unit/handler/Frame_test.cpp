@@ -37,9 +37,13 @@ TEST(FrameTest, GatheredBytesStayTogetherAndLeaveNothingBehind) {
   for (char byte : frame.substr(0, 50)) ASSERT_EQ(feed({byte}), GatherResult::kWait);
   EXPECT_EQ(feed(frame.substr(50)), GatherResult::kComplete);
   EXPECT_EQ(gathered, frame);
-  gathered.clear();
-  EXPECT_EQ(feed(header(0, 28), TypeCheck::kIgnore),
-            GatherResult::kComplete);  // where the type does not count
+  for (const auto& [length, verdict] :
+       {std::pair(10485760, GatherResult::kWait), {10485761, GatherResult::kClose}}) {
+    gathered.clear();
+    EXPECT_EQ(feed(header(length, 8)), verdict) << length;
+  }
+  gathered.clear();  // where the type does not count:
+  EXPECT_EQ(feed(header(0, 28), TypeCheck::kIgnore), GatherResult::kComplete);
   for (int fd : fds) close(fd);
 }
 
