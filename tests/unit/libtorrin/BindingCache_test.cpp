@@ -1,6 +1,5 @@
 #include "libtorrin/BindingCache.h"
 
-#include <cerrno>
 #include <map>
 #include <random>
 
@@ -28,7 +27,7 @@ TEST_F(BindingCacheTest, AnyRowOfCallsDoesWhatAMapOfBindingsWould) {
   for (int i = 0; i < 1024; ++i) longest.push_back(static_cast<char>(i));
   const std::string users[] = {"CORP\\alice", std::string("\0", 1), " a\r\n", longest, "", longest + "x"};
 
-  settings("Lifetime=2\n");
+  settings("Lifetime=2\nDirectory=a/b\nBackend=local\n");
   ASSERT_EQ(start(), 0);
   for (int turn = 0; turn < 3000; ++turn) {
     std::vector<std::string> ips;
@@ -81,6 +80,7 @@ TEST_F(BindingCacheTest, AnyRowOfCallsDoesWhatAMapOfBindingsWould) {
   EXPECT_EQ(lookup("nowhere"), "<-1>");
   EXPECT_EQ(cache_->update(nullptr, "u"), -1);
   EXPECT_EQ(log_lines("ERR"), 0);
+  EXPECT_TRUE(std::filesystem::exists(workdir_ + "/a/b/bindings.mdb"));
 }
 
 TEST_F(BindingCacheTest, ASweepOfManyLeavesTheOthersAndWhatIsRenewedMeanwhile) {
@@ -150,8 +150,7 @@ TEST_F(BindingCacheTest, TheModuleMayEndInAChildWithoutTouchingTheStore) {
   ASSERT_EQ(module->initialize(workdir_.c_str()), 0);
   ASSERT_EQ(module->update_cache_item("::1", "u"), 0);
   const auto end_in_child = [&] {
-    errno = 77;
-    if (module->write_cache_file() != 0 || errno != 77) return false;
+    if (module->write_cache_file() != 0) return false;
     module.reset();
     return !std::filesystem::exists(file("bindings.compact.mdb"));
   };

@@ -30,7 +30,7 @@ TEST_F(RecoveryTest, ALossOfPowerCostsWhatTheCompactCopyDoesNotHold) {
   for (const Row& row : rows) {
     std::filesystem::remove_all(file(""));
     write_text(root_ + "/boot_id", "first\n");
-    settings(row.durable_before ? "Durable=yes\n" : "");
+    settings(row.durable_before ? "Durable = YES \n" : "");
     const auto live_and_die = [&] {
       return start() == 0 && bind("10.0.0.1", "before") == 0 && (!row.copied || cache_->copy()) &&
              bind("10.0.0.2", "after") == 0;

@@ -6,22 +6,6 @@
 
 class SettingsTest : public CacheTest {};
 
-TEST_F(SettingsTest, ValuesAreReadOrHaveTheirDefaults) {
-  auto read = torrin::read_settings(workdir_);
-  ASSERT_TRUE(read);
-  EXPECT_EQ(read->lifetime_minutes, 480);
-  EXPECT_FALSE(read->durable);
-  EXPECT_EQ(read->export_directory, "");
-  EXPECT_EQ(read->directory, "ip_user_cache");
-  settings("Lifetime = 5 \nDurable=YES\nExportDirectory=/var/exports/\nDirectory=a/b\nBackend=local\n");
-  read = torrin::read_settings(workdir_);
-  ASSERT_TRUE(read) << read.error();
-  EXPECT_EQ(read->lifetime_minutes, 5);
-  EXPECT_TRUE(read->durable);
-  EXPECT_EQ(read->export_directory, "/var/exports/");
-  EXPECT_EQ(read->directory, "a/b");
-}
-
 TEST_F(SettingsTest, AFileThatIsWrongStopsTheStartWithOneLine) {
   std::vector<std::pair<std::string, std::string>> rows = {
       {"[IPUserCache]\n# a\n\nDurable yes\n", "line 4: "}, {"Durable=yes\n[IPUserCache]\n", "line 1: "}};
