@@ -259,9 +259,11 @@ def test_killed__at_any_moment():
             os.kill(process.pid, signal.SIGKILL)
             done = workdir.finish(process)
             assert done.status in (0, -signal.SIGKILL), (number, moment, done)
-            killed += done.status != 0
             present = EVERYBODY + number + 1
-            allowed = [present] if done.status == 0 else [stored, present]
+            allowed = [stored, present]
+            if done.status == 0:  # it takes less time than it did on a machine that was busy
+                usual, allowed = min(usual, moment), [present]
+            killed += done.status != 0
             stored = workdir.stored_users()
             assert stored in allowed, (number, moment, done)
         assert killed > 0
