@@ -22,6 +22,7 @@ from servers.workdir import Questions
 
 SHORT = {"ConnectTimeout": 1, "OperationTimeout": 1}
 EVERYBODY = people.CROWD + len(people.NOTABLE)
+MANY = int(os.environ.get("AUTHD_MANY_USERS", "10000"))
 
 
 @pytest.fixture(scope="module")
@@ -215,6 +216,17 @@ def test_terminal__shows_how_far_it_is(slapd):
     place_with_snapshot(slapd)
     shown = run("script", "-qec", f"{program('ldap_sync')} --workdir {sandbox.WORKDIR}", "/dev/null")
     assert re.search(r"\[#*\.*\] \d+ entries, reading corp.test.*\n\x1b\[Kldap_sync: \d+ users", shown, re.DOTALL), shown
+
+
+def test_many_users__in_reasonable_time_and_memory():
+    """Generous: a fault of the order of growth shows with AUTHD_MANY_USERS=100000, a busy machine does not."""
+    with Slapd(people.content(range(MANY))) as slapd:
+        place(slapd, OperationTimeout=10)
+        most = workdir.limit(resource.RLIMIT_DATA, (20 << 20) + 2000 * MANY)
+        begin = time.monotonic()
+        workdir.good_sync(**({} if workdir.sanitized("ldap_sync") else most))
+        assert time.monotonic() - begin < 20 + MANY / 1000
+    assert workdir.stored_users() == MANY + len(people.NOTABLE)
 
 
 # What must never cost the snapshot.
