@@ -9,7 +9,6 @@ import pytest
 from harness.daemon import log_text
 from servers import workdir
 from servers.ranged import MOST_VALUES, RangedServer
-from servers.relay import Relay
 from servers.samba_ad import (CROWD, LOCKED_AFTER, PEOPLE_OF_NOTE, READER, READER_PASSWORD, SUFFIX, USERS, SambaDomain,
                               group_dn, user_dn)
 from servers.workdir import Questions
@@ -138,8 +137,7 @@ def member_dn(number):
     return f"CN=Member {number},OU=Crowd,{SUFFIX}"
 
 
-@pytest.fixture
-def ranged():
+def test_ranges__come_complete(daemon):
     entries = {SUFFIX: {"objectClass": ["top", "domain"]}}
     for number in range(max(BOUNDARIES)):
         entries[member_dn(number)] = {"objectClass": ["user"], "cn": [f"Member {number}"], "sAMAccountName": [f"m{number}"]}
@@ -147,33 +145,16 @@ def ranged():
         entries[f"CN=First {count},{SUFFIX}"] = {"objectClass": ["group"], "cn": [f"First {count}"],
                                                  "member": [member_dn(number) for number in range(count)]}
     with RangedServer(SUFFIX, entries, (READER, READER_PASSWORD)) as server:
-        yield server
+        workdir.place(workdir.settings([server.url], READER), READER_PASSWORD)
+        daemon.start("--verbose", keep=True)
 
+        def answers():
+            with Questions(timeout=60) as ask:
+                for count in BOUNDARIES:
+                    expected = sorted(f"m{number}@corp.test" for number in range(count))
+                    assert ask.members(f"First {count}") == {f"CN=First {count},{SUFFIX}": expected}, count
+                assert ask.groups_of("m5000") == ["First 5001"]
+                assert ask.groups_of("m1500") == ["First 1501", "First 3000", "First 5001"]
+            return {}
 
-def test_ranges__come_complete(daemon, ranged):
-    workdir.place(workdir.settings([ranged.url], READER), READER_PASSWORD)
-    daemon.start("--verbose", keep=True)
-
-    def answers():
-        with Questions(timeout=60) as ask:
-            for count in BOUNDARIES:
-                expected = sorted(f"m{number}@corp.test" for number in range(count))
-                assert ask.members(f"First {count}") == {f"CN=First {count},{SUFFIX}": expected}, count
-            assert ask.groups_of("m5000") == ["First 5001"]
-            assert ask.groups_of("m1500") == ["First 1501", "First 3000", "First 5001"]
-        return {}
-
-    workdir.expect_live_as_stored(daemon, answers)
-
-
-def test_ranges__half_a_group_is_no_group(ranged):
-    """The server dies between two ranges: nothing is published."""
-    with Relay(ranged.port) as relay:
-        workdir.place(workdir.settings([relay.url], READER), READER_PASSWORD)
-        workdir.good_sync()
-        old, size, asked = workdir.snapshot(), relay.answered, len(ranged.ranges)
-        for share in (0.5, 0.9, 0.98):
-            relay.cut_after = int(size * share)
-            workdir.refused_sync()
-            assert workdir.snapshot() == old
-        assert len(ranged.ranges) > asked >= 4  # it was among the ranges that it died
+        workdir.expect_live_as_stored(daemon, answers)

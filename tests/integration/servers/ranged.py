@@ -30,7 +30,6 @@ class RangedServer(Listener):
                         for dn, attributes in entries.items()}
         self.passwords = {dn: attributes.pop("password", [None])[0] for dn, (_, attributes) in self.entries.items()}
         self.passwords[normal_dn(account[0])] = account[1]
-        self.ranges = []
 
     def serve(self, peer, _number):
         data = b""
@@ -61,14 +60,10 @@ class RangedServer(Listener):
         for description in wanted:
             name, _, option = description.partition(";")
             values = attributes.get(name, [])
-            if asked := re.fullmatch(r"range=(\d+)-(\d+|\*)", option):
-                self.ranges.append(asked[0])
-            elif len(values) > MOST_VALUES:
-                yield attribute(name, [])
-            elif values:
-                yield attribute(name, values)
-                continue
-            if values:
+            asked = re.fullmatch(r"range=(\d+)-(\d+|\*)", option)
+            if not asked and values:
+                yield attribute(name, values if len(values) <= MOST_VALUES else [])
+            if values and (asked or len(values) > MOST_VALUES):
                 low = int(asked[1]) if asked else 0
                 high = "*" if low + MOST_VALUES >= len(values) else low + MOST_VALUES - 1
                 yield attribute(f"{name};range={low}-{high}", values[low:low + MOST_VALUES])

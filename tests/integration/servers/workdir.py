@@ -29,22 +29,22 @@ def domain(number, servers, reader, base=None, **keys):
     return f"[Domain_{number}]\n" + "".join(f"{key}={value}\n" for key, value in keys.items())
 
 
-def settings(servers, reader, base=None, general=(), **keys):
+def settings(servers, reader, base=None, general=(), search_limit=0, **keys):
     """LdapSetting.ini for one domain."""
-    lines = ["[LDAP_Setting]", "SyncInterval=1440", "SearchLimit=0", *general, ""]
+    lines = ["[LDAP_Setting]", "SyncInterval=1440", f"SearchLimit={search_limit}", *general, ""]
     return "\n".join(lines) + domain(1, servers, reader, base, **keys)
 
 
-def place(text, password, mode=0o600, **more):
+def place(text, password, **more):
     """An empty working directory with these settings and the reading account's password."""
     sandbox.clean(True)
-    put(text, password, mode, **more)
+    put(text, password, **more)
 
 
-def put(text, password, mode=0o600, **more):
+def put(text, password, **more):
     for name, content in {"LdapSetting.ini": text, PASSWORD_FILE: password + "\n", **more}.items():
         write_file(name, content)
-    os.chmod(f"{sandbox.WORKDIR}/{PASSWORD_FILE}", mode)
+    os.chmod(f"{sandbox.WORKDIR}/{PASSWORD_FILE}", 0o600)
 
 
 def place_script():
