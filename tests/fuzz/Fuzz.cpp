@@ -18,14 +18,6 @@ std::map<std::string, Body, std::less<>>& targets() {
   return all;
 }
 
-std::string make_folder() {
-  const char* parent = getenv("TMPDIR");
-  if (parent == nullptr) parent = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
-  std::string path = std::string(parent) + "/authd-fuzz-XXXXXX";
-  require(mkdtemp(path.data()) != nullptr, "a scratch folder can be made");
-  return path;
-}
-
 }  // namespace
 
 Registration::Registration(const char* name, Body body) {
@@ -45,8 +37,12 @@ void require(bool holds, const char* what) {
 
 const std::string& scratch_folder() {
   static const std::string* const folder = [] {  // not destroyed: needed to the very end
+    const char* parent = getenv("TMPDIR");
+    if (parent == nullptr) parent = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+    auto* path = new std::string(std::string(parent) + "/authd-fuzz-XXXXXX");
+    require(mkdtemp(path->data()) != nullptr, "a scratch folder can be made");
     atexit([] { std::filesystem::remove_all(scratch_folder()); });
-    return new std::string(make_folder());
+    return path;
   }();
   return *folder;
 }
@@ -69,13 +65,16 @@ void log_into_nothing(bool verbose) {
 }
 
 uint8_t Input::byte() {
-  const std::string_view one = take(1);
-  return one.empty() ? 0 : static_cast<uint8_t>(one[0]);
+  return static_cast<uint8_t>(number(1));
 }
 
-uint32_t Input::number() {
+uint32_t Input::number(size_t bytes) {
   uint32_t value = 0;
-  for (int shift = 0; shift < 32; shift += 8) value |= static_cast<uint32_t>(byte()) << shift;
+  int shift = 0;
+  for (const char one : take(bytes)) {
+    value |= uint32_t{static_cast<uint8_t>(one)} << shift;
+    shift += 8;
+  }
   return value;
 }
 

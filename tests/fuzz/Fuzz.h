@@ -39,7 +39,7 @@ class Input {
 
   bool empty() const { return rest_.empty(); }
   uint8_t byte();
-  uint32_t number();  // four bytes, little-endian
+  uint32_t number(size_t bytes = 4);  // little-endian
   std::string_view take(size_t count);
   std::string_view piece() { return take(byte()); }  // as long as its first byte says
   std::string_view rest() { return take(rest_.size()); }

@@ -85,11 +85,9 @@ torrin::Surroundings surroundings() {
   return {[] { return g_now; }, fuzz::scratch_folder() + "/boot_id", kMapBytes};
 }
 
-const std::string& store_workdir() {
-  static const std::string workdir = fuzz::scratch_folder() + "/store";
-  return workdir;
+std::string store_workdir() {
+  return fuzz::scratch_folder() + "/store";
 }
-
 std::string store_folder() {
   return store_workdir() + "/ip_user_cache/";
 }
