@@ -59,14 +59,14 @@ def processes(name="AuthDaemon"):
     return found
 
 
-def has_event_loop(pid):
-    """What tells a worker from the child that synchronises, and from one that is just dying."""
+def descriptors(pid):
+    """descriptor -> target of an own process."""
+    links = {}
     with contextlib.suppress(OSError):
-        for fd in sorted(os.listdir(f"/proc/{pid}/fd"), key=int):
+        for fd in os.listdir(f"/proc/{pid}/fd"):
             with contextlib.suppress(FileNotFoundError):  # closed meanwhile, such as the log's
-                if os.readlink(f"/proc/{pid}/fd/{fd}") == "anon_inode:[eventpoll]":
-                    return True
-    return False
+                links[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
+    return links
 
 
 def collect(pid, timeout=LONG_WAIT):
@@ -200,9 +200,11 @@ class Daemon:
     # Looking at it.
 
     def workers(self):
-        """Pids of the live workers, the oldest first."""
+        """Pids of the live workers, the oldest first. The child that synchronises has no event loop, nor has one that is
+        just dying."""
         children = {pid: stat_fields(pid) for pid, (parent, _) in processes().items() if parent == self.pid}
-        born = {pid: int(fields[20]) for pid, fields in children.items() if fields and has_event_loop(pid)}
+        born = {pid: int(fields[20]) for pid, fields in children.items()
+                if fields and "anon_inode:[eventpoll]" in descriptors(pid).values()}
         return sorted(born, key=lambda pid: (born[pid], pid))
 
     def wait_workers(self, count):
@@ -225,13 +227,7 @@ class Daemon:
     def count_lines(self, text, level=None, pid=None):
         return sum(matches(line, text, level, pid) for line in log_lines())
 
-    def descriptors(self, pid):
-        """descriptor -> target of an own process."""
-        links = {}
-        for fd in os.listdir(f"/proc/{pid}/fd"):
-            with contextlib.suppress(FileNotFoundError):
-                links[int(fd)] = os.readlink(f"/proc/{pid}/fd/{fd}")
-        return links
+    descriptors = staticmethod(descriptors)
 
     def sockets(self):
         """worker -> how many sockets it has."""
