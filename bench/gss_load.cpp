@@ -134,7 +134,7 @@ std::unique_ptr<Target> make_target(const std::vector<std::string>& words) {
 }
 
 void log_on(Target& target, const NtlmUser& user) {
-  GssPeer peer = GssPeer::ntlm(user);
+  GssPeer peer(user);
   const std::string type1 = velder::encode_base64(peer.next().value_or(""));
   std::string challenge;
   if (!velder::decode_base64(target.challenge(type1), challenge)) fail("what came is no challenge");
@@ -155,10 +155,10 @@ int main(int argc, char** argv) {
   for (size_t i = 0; i < threads; ++i) targets.push_back(make_target(words));
   std::vector<std::vector<std::string>> tokens(threads);
   for (size_t i = 0; !ntlm && i < threads * (each + 1); ++i) {
-    tokens[i % threads].push_back(velder::encode_base64(GssPeer::negotiate(argv[4]).next().value_or("")));
+    tokens[i % threads].push_back(velder::encode_base64(GssPeer(argv[4]).next().value_or("")));
   }
   std::unique_ptr<NtlmUser> user;
-  if (ntlm) user = std::make_unique<NtlmUser>(kUser, NtlmUser::UsersFile{argv[4]});
+  if (ntlm) user = std::make_unique<NtlmUser>(kUser, argv[4]);
   const auto exchange = [&](size_t thread, size_t number) {
     if (ntlm) return log_on(*targets[thread], *user);
     if (!targets[thread]->proves_ticket(tokens[thread][number])) fail("a ticket was refused");

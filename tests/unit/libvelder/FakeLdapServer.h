@@ -1,7 +1,6 @@
 // A directory server that answers exactly what a test says, for everything that a good server never does.
 #pragma once
 
-#include <arpa/inet.h>
 #include <ldap.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -10,8 +9,9 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdint>
 #include <functional>
+#include <list>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -22,24 +22,21 @@
 
 namespace fake {
 
-// The encoding (BER) of what goes over the wire.
+// The encoding (BER) of what goes over the wire; every length in the long form.
+inline std::string bytes_of(size_t number) {
+  std::string bytes;
+  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(number >> shift);
+  return bytes;
+}
 inline std::string tlv(int tag, std::string_view content) {
-  std::string out(1, static_cast<char>(tag));
-  if (content.size() < 128) {
-    out += static_cast<char>(content.size());
-  } else {
-    out += static_cast<char>(0x84);
-    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(content.size() >> shift);
-  }
-  return out.append(content);
+  const char head[] = {static_cast<char>(tag), '\x84'};
+  return (std::string(head, 2) + bytes_of(content.size())).append(content);
 }
 inline std::string number(int value, int tag = 0x02) {
-  std::string bytes;
-  for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
-  return tlv(tag, bytes);
+  return tlv(tag, bytes_of(static_cast<size_t>(value)));
 }
-inline std::string text(std::string_view value, int tag = 0x04) {
-  return tlv(tag, value);
+inline std::string text(std::string_view value) {
+  return tlv(0x04, value);
 }
 
 struct Attribute {
@@ -81,6 +78,9 @@ struct Request {
   std::string dn;     // of a bind or a search
   std::string password;
   std::vector<std::string> attributes;
+  std::string body;  // all of it
+
+  bool holds(std::string_view bytes) const { return body.find(bytes) != std::string::npos; }
 };
 
 // One connection, as the server sees it.
@@ -89,34 +89,27 @@ class Peer {
   explicit Peer(int fd) : fd_(fd) {}
 
   bool send(std::string_view bytes) {
-    while (!bytes.empty()) {
-      const ssize_t sent = ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-      if (sent <= 0) return false;
-      bytes.remove_prefix(static_cast<size_t>(sent));
-    }
-    return true;
+    return ::send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
   }
 
   // Nothing when the client is gone.
   std::optional<Request> receive() {
-    std::string header;
+    std::string header, more, body;
     if (!read(2, header)) return {};
     size_t length = static_cast<unsigned char>(header[1]);
     if (length >= 128) {
-      std::string more;
       if (!read(length & 127, more)) return {};
       length = 0;
       for (const char c : more) length = length << 8 | static_cast<unsigned char>(c);
     }
-    std::string body;
     if (!read(length, body)) return {};
     return parse(body);
   }
 
   // Until the client goes away.
   void do_nothing() {
-    char buffer[4096];
-    while (recv(fd_, buffer, sizeof buffer, 0) > 0) {
+    std::string ignored;
+    while (read(4096, ignored)) {
     }
   }
   void never_read() {
@@ -142,7 +135,8 @@ class Peer {
     if (operation == LDAP_REQ_SEARCH)
       ber_scanf(ber, "{meeiibx{v}", &dn, &ignored, &ignored, &ignored, &ignored, &ignored, &attributes);
     Request request{
-        id, static_cast<int>(operation), {dn.bv_val, dn.bv_len}, {password.bv_val, password.bv_len}, {}};
+        id,  static_cast<int>(operation), {dn.bv_val, dn.bv_len}, {password.bv_val, password.bv_len}, {},
+        body};
     for (char** one = attributes; one != nullptr && *one != nullptr; ++one)
       request.attributes.emplace_back(*one);
     ber_memvfree(reinterpret_cast<void**>(attributes));
@@ -158,13 +152,12 @@ class Server {
  public:
   using Serve = std::function<void(Peer&)>;
 
-  explicit Server(Serve serve)
-      : serve_(std::move(serve)), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  explicit Server(Serve serve) : serve_(std::move(serve)) {
+    sockaddr_in address{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
     socklen_t size = sizeof address;
     bind(listener_, reinterpret_cast<sockaddr*>(&address), size);
+    const int at_once = 1;  // handed on to each connection
+    setsockopt(listener_, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
     listen(listener_, 64);
     getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
     port_ = ntohs(address.sin_port);
@@ -175,12 +168,11 @@ class Server {
   ~Server() {
     shutdown(listener_, SHUT_RDWR);
     acceptor_.join();
-    {
-      const std::lock_guard lock(mutex_);
-      for (const int fd : fds_) shutdown(fd, SHUT_RDWR);
+    for (const auto& [fd, thread] : served_) shutdown(fd, SHUT_RDWR);
+    for (auto& [fd, thread] : served_) {
+      thread.join();
+      close(fd);
     }
-    for (std::thread& one : threads_) one.join();
-    for (const int fd : fds_) close(fd);
     close(listener_);
   }
 
@@ -191,29 +183,21 @@ class Server {
 
  private:
   void accept_all() {
-    for (;;) {
-      const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) return;
+    for (int fd = -1; (fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
       ++connections_;
-      const int at_once = 1;
-      setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof at_once);
-      const std::lock_guard lock(mutex_);
-      fds_.push_back(fd);
-      threads_.emplace_back([this, fd] {
-        Peer peer(fd);
-        serve_(peer);
-        shutdown(fd, SHUT_RDWR);
-      });
+      served_.emplace_back(fd, std::thread([this, fd] {
+                             Peer peer(fd);
+                             serve_(peer);
+                             shutdown(fd, SHUT_RDWR);
+                           }));
     }
   }
 
   const Serve serve_;
-  const int listener_;
-  uint16_t port_ = 0;
+  const int listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  int port_ = 0;
   std::atomic<int> connections_{0};
-  std::mutex mutex_;
-  std::vector<int> fds_;
-  std::vector<std::thread> threads_;
+  std::list<std::pair<int, std::thread>> served_;  // the acceptor's, then the destructor's
   std::thread acceptor_;
 };
 
@@ -228,13 +212,80 @@ inline Server::Serve answering(std::function<void(Peer&, const Request&)> search
   };
 }
 
-// The same for searches that bring these entries and end with `code`.
-inline Server::Serve bringing(std::vector<std::pair<std::string, std::vector<Attribute>>> entries,
-                              int code = 0) {
-  return answering([entries = std::move(entries), code](Peer& peer, const Request& request) {
-    for (const auto& [dn, attributes] : entries) peer.send(entry(request.id, dn, attributes));
+// The same for searches that bring one entry, unless it has no attributes, and end with `code`.
+inline Server::Serve bringing(std::string dn, std::vector<Attribute> attributes, int code = 0) {
+  return answering([=](Peer& peer, const Request& request) {
+    if (!attributes.empty()) peer.send(entry(request.id, dn, attributes));
     peer.send(result(request.id, kSearchDone, code));
   });
 }
+
+// A small directory that can be made to misbehave. Entries are found by their DN or a value of theirs,
+// exactly. It proves their passwords; whoever gives neither name nor password is let in, too.
+class Directory {
+ public:
+  enum class Mood { kWell, kDisconnecting, kUnavailable };
+  struct Entry {
+    std::string dn;
+    std::vector<Attribute> attributes;
+  };
+
+  explicit Directory(std::vector<Entry> entries) : entries_(std::move(entries)) {}
+  std::string url() const { return server_.url(); }
+  int connections() const { return server_.connections(); }
+  int searches() const { return searches_; }
+  int binds(const std::string& dn) {
+    const std::lock_guard lock(mutex_);
+    return binds_[dn];
+  }
+  void replace(std::vector<Entry> entries) {
+    const std::lock_guard lock(mutex_);
+    entries_ = std::move(entries);
+  }
+  std::atomic<Mood> mood = Mood::kWell;
+
+ private:
+  void serve(Peer& peer) {
+    while (const auto request = peer.receive()) {
+      const std::lock_guard lock(mutex_);
+      if (request->operation == 0x60) ++binds_[request->dn];
+      if (mood == Mood::kDisconnecting || request->operation == 0x42) return;
+      if (request->operation == 0x60) peer.send(result(request->id, kBindResponse, judge(*request)));
+      if (request->operation != 0x63) continue;
+      ++searches_;
+      for (const Entry& one : entries_)
+        if (is_found(one, *request)) peer.send(entry(request->id, one.dn, one.attributes));
+      peer.send(result(request->id, kSearchDone, 0));
+    }
+  }
+  int judge(const Request& request) const {
+    if (mood == Mood::kUnavailable) return 52;
+    bool good = request.dn.empty() && request.password.empty();
+    for (const Entry& one : entries_)
+      for (const Attribute& attribute : one.attributes)
+        good |= one.dn == request.dn && attribute.name == "userPassword" &&
+                attribute.values[0] == request.password;
+    return good ? 0 : 49;
+  }
+  static bool asks_for(const Request& request, const std::string& name, const std::string& value) {
+    return request.holds(static_cast<char>(name.size()) + name + '\x04' + static_cast<char>(value.size()) +
+                         value);
+  }
+  static bool is_found(const Entry& one, const Request& request) {
+    // All, for whoever asks for what any entry has, or for more attributes than a look-up wants.
+    bool found = request.dn == one.dn || asks_for(request, "entryDN", one.dn) ||
+                 request.holds("\x87\x0bobjectClass") || request.attributes.size() > 11;
+    for (const Attribute& attribute : one.attributes)
+      for (const std::string& value : attribute.values)
+        found |= attribute.name != "objectClass" && asks_for(request, attribute.name, value);
+    return found;
+  }
+
+  std::mutex mutex_;  // guards the two below
+  std::vector<Entry> entries_;
+  std::map<std::string, int> binds_;
+  std::atomic<int> searches_{0};
+  Server server_{[this](Peer& peer) { serve(peer); }};
+};
 
 }  // namespace fake

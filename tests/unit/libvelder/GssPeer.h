@@ -3,9 +3,6 @@
 
 #include <gssapi/gssapi.h>
 #include <gssapi/gssapi_ext.h>
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#endif
 
 #include <optional>
 #include <stdexcept>
@@ -27,36 +24,14 @@ inline gss_name_t peer_name(std::string_view text, gss_OID type) {
   return name;
 }
 
-// The mechanism never gives back what a plain password costs it; from here to the end of the block that is no
-// leak.
-class KeepsForGood {
-#if defined(__SANITIZE_ADDRESS__)
-  __lsan::ScopedDisabler disabler_;
-#endif
-};
-
-// A user's name, "DOMAIN\\user" or "user", and password.
+// A user's name, "DOMAIN\\user" or "user", whose hash a users file has. A plain password would cost the
+// mechanism 6 KB, which it never gives back.
 class NtlmUser {
  public:
-  NtlmUser(std::string_view user, std::string_view password) {
-    [[maybe_unused]] const KeepsForGood password_memory{};
+  NtlmUser(std::string_view user, const std::string& users_file) {
     OM_uint32 minor = 0;
     gss_OID_set_desc mechanisms = {1, &g_peer_ntlm};
-    gss_buffer_desc secret = peer_buffer(password);
-    gss_name_t name = peer_name(user, GSS_C_NT_USER_NAME);
-    const OM_uint32 major = gss_acquire_cred_with_password(
-        &minor, name, &secret, GSS_C_INDEFINITE, &mechanisms, GSS_C_INITIATE, &credential_, nullptr, nullptr);
-    gss_release_name(&minor, &name);
-    if (GSS_ERROR(major)) throw std::runtime_error("no NTLM client credential");
-  }
-  // With the hash in a users file. Plain passwords cost the mechanism 6 KB each, which it never gives back.
-  struct UsersFile {
-    std::string path;
-  };
-  NtlmUser(std::string_view user, const UsersFile& file) {
-    OM_uint32 minor = 0;
-    gss_OID_set_desc mechanisms = {1, &g_peer_ntlm};
-    gss_key_value_element_desc element = {"ntlmssp_keyfile", file.path.c_str()};
+    gss_key_value_element_desc element = {"ntlmssp_keyfile", users_file.c_str()};
     const gss_key_value_set_desc store = {1, &element};
     gss_name_t name = peer_name(user, GSS_C_NT_USER_NAME);
     const OM_uint32 major = gss_acquire_cred_from(&minor, name, GSS_C_INDEFINITE, &mechanisms, GSS_C_INITIATE,
@@ -79,13 +54,11 @@ class NtlmUser {
 // The client of one exchange.
 class GssPeer {
  public:
-  static GssPeer ntlm(const NtlmUser& user, OM_uint32 flags = 0) {
-    return GssPeer(user.get(), &g_peer_ntlm, "HTTP@gateway.example.com", flags);
-  }
-  // With a ticket of the default credential cache.
-  static GssPeer negotiate(std::string_view service) {
-    return GssPeer(GSS_C_NO_CREDENTIAL, &g_peer_spnego, service, GSS_C_MUTUAL_FLAG);
-  }
+  explicit GssPeer(const NtlmUser& user, OM_uint32 flags = 0)
+      : GssPeer(user.get(), &g_peer_ntlm, "HTTP@gateway.example.com", flags) {}
+  // Negotiate, with a ticket of the default credential cache.
+  explicit GssPeer(std::string_view service)
+      : GssPeer(GSS_C_NO_CREDENTIAL, &g_peer_spnego, service, GSS_C_MUTUAL_FLAG) {}
   ~GssPeer() {
     OM_uint32 minor = 0;
     gss_delete_sec_context(&minor, &context_, GSS_C_NO_BUFFER);

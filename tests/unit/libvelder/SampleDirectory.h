@@ -10,7 +10,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "libvelder/LdapModule.h"
 
@@ -18,9 +17,8 @@
 // for the two domains of the tests.
 inline std::string ldif_of(std::string entries) {
   const auto replace = [](std::string& text, std::string_view from, std::string_view to) {
-    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+    for (size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size())
       text.replace(at, from.size(), to);
-    }
   };
   replace(entries, "\n  |", "|");
   replace(entries, "%c", ",dc=corp,dc=example,dc=com");
@@ -61,26 +59,20 @@ cn=staff,ou=Groups%l|groupOfNames|cn: staff|member: cn=unix,ou=Groups%l
 class SampleDirectory : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string name = (std::filesystem::temp_directory_path() / "velder-XXXXXX").string();
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    root_ = name;
+    root_ = (std::filesystem::temp_directory_path() / "velder-XXXXXX").string();
+    ASSERT_NE(mkdtemp(root_.data()), nullptr);
     workdir_ = root_;
     write("directory.ldif", kSampleLdif);
   }
-  void TearDown() override {
-    std::error_code ignored;
-    std::filesystem::permissions(root_, std::filesystem::perms::owner_all, ignored);
-    std::filesystem::remove_all(root_, ignored);
-  }
+  void TearDown() override { std::filesystem::remove_all(root_); }
 
   std::string path(const std::string& name) const { return workdir_ + "/" + name; }
   std::string snapshot() const { return path("directory.db"); }
 
   // Beside and renamed, as an administrator should.
   void write(const std::string& name, const std::string& text) const {
-    const std::string draft = path(name) + ".draft";
-    std::ofstream(draft, std::ios::binary) << text;
-    std::filesystem::rename(draft, path(name));
+    std::ofstream(path(name) + ".draft", std::ios::binary) << text;
+    std::filesystem::rename(path(name) + ".draft", path(name));
   }
   static std::string read(const std::string& file) {
     std::ostringstream text;
@@ -92,36 +84,23 @@ class SampleDirectory : public ::testing::Test {
   // Answers as one line, "code: first second ...", for comparing.
   static std::string groups_of(const std::string& user) {
     std::list<GroupMeta> groups;
-    const int code = LdapModule::get_user_groups(user, groups);
-    return line(code, groups);
+    return line(LdapModule::get_user_groups(user, groups), groups);
   }
   static std::string groups_in(const std::string& group, int flag) {
     std::list<GroupMeta> groups;
-    const int code = LdapModule::get_group_groups(group, flag, groups);
-    return line(code, groups);
-  }
-  static std::string find_users(const std::string& name, int flag) {
-    std::list<UserMeta> users;
-    const int code = LdapModule::search_users(name, flag, users);
-    std::string text = std::to_string(code) + ":";
-    for (const UserMeta& user : users) text += " " + user.uid;
-    return text;
+    return line(LdapModule::get_group_groups(group, flag, groups), groups);
   }
   static std::string find_groups(const std::string& name, int flag) {
     std::list<GroupMeta> groups;
-    const int code = LdapModule::search_groups(name, flag, groups);
-    return line(code, groups);
+    return line(LdapModule::search_groups(name, flag, groups), groups);
+  }
+  static std::string find_users(const std::string& name, int flag) {
+    std::list<UserMeta> users;
+    return line(LdapModule::search_users(name, flag, users), users);
   }
   static std::string users_of(std::list<std::string> groups, int is_dn) {
     std::list<GroupUserMeta> records;
-    const int code = LdapModule::get_all_users(std::move(groups), is_dn, records);
-    std::string text = std::to_string(code) + ":";
-    for (const GroupUserMeta& record : records) {
-      text += " [" + record.group_dn.substr(3, record.group_dn.find(',') - 3);
-      for (const std::string& user : record.users) text += " " + user;
-      text += "]";
-    }
-    return text;
+    return line(LdapModule::get_all_users(std::move(groups), is_dn, records), records);
   }
   static std::string who_is(const std::string& user) {
     std::string domain_dns, uid, cn, dn, upn;
@@ -136,9 +115,17 @@ class SampleDirectory : public ::testing::Test {
   std::string workdir_;
 
  private:
-  static std::string line(int code, const std::list<GroupMeta>& groups) {
+  static std::string text_of(const UserMeta& user) { return user.uid; }
+  static std::string text_of(const GroupMeta& group) { return "<" + group.cn + ">"; }
+  static std::string text_of(const GroupUserMeta& record) {
+    std::string text = "[" + record.group_dn.substr(3, record.group_dn.find(',') - 3);
+    for (const std::string& user : record.users) text += " " + user;
+    return text + "]";
+  }
+  template <class List>
+  static std::string line(int code, const List& list) {
     std::string text = std::to_string(code) + ":";
-    for (const GroupMeta& group : groups) text += " <" + group.cn + ">";
+    for (const auto& one : list) text += " " + text_of(one);
     return text;
   }
 };
