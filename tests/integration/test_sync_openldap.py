@@ -56,6 +56,8 @@ CHECKS = {
                               "is not for the name 127.0.0.1 but for DNS:elsewhere"),
     "expired": ({"server": {"days": -1}}, "TLS no", "certificate has expired"),
     "no authority": ({"server": {}, "CACertFile": ""}, "TLS no", "the system trusts"),
+    "no file of authorities": ({"server": {}, "CACertFile": "absent.pem"}, "bound no", "absent.pem"),
+    "file without authorities": ({"server": {}, "CACertFile": "LdapSetting.ini"}, "TLS no", "no TLS"),
     "plain port": ({"servers": ["ldaps://127.0.0.1:3890"]}, "connected yes.*TLS no", "no TLS: "),
     "unknown host before a good one": ({"servers": ["ldap://nowhere.invalid", None]}, "resolved no.*connected no.*: works.*bound yes",
                                        "nowhere.invalid"),
