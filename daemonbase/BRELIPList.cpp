@@ -78,8 +78,9 @@ bool BRELIPList::add_network(std::string_view network, std::string_view mask) {
     return false;
   }
 
+  std::fill_n(mask_bytes.begin(), offset, uint8_t{0xFF});
   Range range = {base, base};
-  for (size_t i = offset; i < base.size(); ++i) {
+  for (size_t i = 0; i < base.size(); ++i) {
     range.first[i] = base[i] & mask_bytes[i];
     range.last[i] = static_cast<uint8_t>(base[i] | ~mask_bytes[i]);
   }
