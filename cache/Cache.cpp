@@ -17,6 +17,7 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "brellog/VrLog.h"
@@ -55,6 +56,7 @@ struct Entry {
 };
 
 Entry* cache_header[kTypes][kBuckets];
+std::atomic<uint32_t> g_generation{0};  // changed under the write lock
 
 ExpiryIndex& expiry_index() {
   static auto& index = *new ExpiryIndex;  // never destroyed: threads may still run at exit
@@ -188,9 +190,11 @@ int search(int type, const char* key, Take take) {
   return kReplyCacheDone;
 }
 
-// Stores what `encode_reply` gives, or makes the entry invalid.
+// Stores what `encode_reply` gives, or makes the entry invalid; nothing when the cache is of another
+// generation.
 template <class Encode>
-int update(int type, const char* key, bool store, Encode encode_reply, int ttl_seconds) {
+int update(int type, const char* key, bool store, Encode encode_reply, int ttl_seconds,
+           std::optional<uint32_t> generation) {
   if (!reply_cache_enabled) return kReplyCacheDisabled;
   if (!valid_type(type)) return kReplyCacheBadType;
   const time_t now = time(nullptr);
@@ -198,6 +202,7 @@ int update(int type, const char* key, bool store, Encode encode_reply, int ttl_s
   std::string encoded = store ? encode_reply() : std::string();
 
   BRELWLock guard(reply_cache_rwlock);
+  if (generation && *generation != g_generation) return kReplyCacheDone;
   // Every update sweeps: what is due for a sweep is never put off.
   recycle_all_expired(now);
   if (reply_cache_max_size <= reply_cache_total_size) return kReplyCacheFull;
@@ -233,12 +238,17 @@ int search_reply_cache(int type, const char* key, std::string& encoded) {
 int update_reply_cache(int type, const char* key, const Message* reply, int ttl_seconds) {
   const bool store = reply != nullptr && ttl_seconds >= 1;
   return update(
-      type, key, store, [&] { return encode(*reply); }, ttl_seconds);
+      type, key, store, [&] { return encode(*reply); }, ttl_seconds, std::nullopt);
 }
 
-int update_reply_cache(int type, const char* key, std::string_view encoded, int ttl_seconds) {
+uint32_t reply_cache_generation() {
+  return g_generation;
+}
+
+int update_reply_cache(int type, const char* key, std::string_view encoded, int ttl_seconds,
+                       uint32_t generation) {
   return update(
-      type, key, ttl_seconds >= 1, [&] { return std::string(encoded); }, ttl_seconds);
+      type, key, ttl_seconds >= 1, [&] { return std::string(encoded); }, ttl_seconds, generation);
 }
 
 void recycle_expired_nodes(int type, unsigned int bucket, long now) {
@@ -260,6 +270,7 @@ void recycle_expired_nodes(int type, unsigned int bucket, long now) {
 int reset_reply_cache() {
   VRLOG(kLogDebug, "Clear Reply Cache");
   BRELWLock guard(reply_cache_rwlock);
+  ++g_generation;
   for (auto& row : cache_header) {
     for (Entry*& head : row) {
       while (head != nullptr) {

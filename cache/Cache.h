@@ -43,8 +43,14 @@ int search_reply_cache(int type, const char* key, std::string& encoded);
 // invalid instead. The bound is looked at before storing: one store may pass it.
 int update_reply_cache(int type, const char* key, const google::protobuf::Message* reply, int ttl_seconds);
 
-// The same with a reply that is serialised.
-int update_reply_cache(int type, const char* key, std::string_view encoded, int ttl_seconds);
+// Raised by each reset.
+uint32_t reply_cache_generation();
+
+// The same with a reply that is serialised. It is not stored when the cache was reset since it had that
+// `generation`, which the caller took before it asked the directory: the reply may be that of the data
+// before.
+int update_reply_cache(int type, const char* key, std::string_view encoded, int ttl_seconds,
+                       uint32_t generation);
 
 // Empties the cache and zeroes the counters.
 int reset_reply_cache();

@@ -70,6 +70,7 @@ void fill_found_user(const UserMeta& user, Velder::UserInfo* info) {
 // Asks the directory for user information and puts the answer into the reply cache. `answer` gets the body
 // behind what it holds.
 int look_up_user_info(const std::string& user_ln, bool cacheable, std::string& answer) {
+  const uint32_t generation = Velder::reply_cache_generation();
   const size_t head = answer.size();
   std::string info;
   Velder::UserInfoQueryResponse response;
@@ -78,7 +79,7 @@ int look_up_user_info(const std::string& user_ln, bool cacheable, std::string& a
   answer += info;
   if (cacheable &&
       Velder::update_reply_cache(Velder::USER_INFO_QUERY_REQUEST, user_ln.c_str(),
-                                 std::string_view(answer).substr(head), kUserInfoLifetime) != 0) {
+                                 std::string_view(answer).substr(head), kUserInfoLifetime, generation) != 0) {
     VRLOG(kLogInfo, "Error: fail to update reply cache");
   }
   return response.result();

@@ -50,6 +50,7 @@ bool find_cached(const char* ip, const std::string& user, std::string& encoded) 
 // Appends what the directory knows of the user to the answer, as a field.
 void answer_from_directory(const char* ip, const std::string& user, std::string& encoded) {
   constexpr int kField = Velder::IPUserQueryResponse::kUserInfoFieldNumber;
+  const uint32_t generation = Velder::reply_cache_generation();
   int code = 0;
   if (strcasecmp(whole_text(user), kGuestUser) == 0) {
     append_user_info(kField, kGuestUser, {{}, kGuestUser, kGuestUser, {}, kGuestUser, {}}, encoded);
@@ -57,7 +58,8 @@ void answer_from_directory(const char* ip, const std::string& user, std::string&
     code = encode_user(kField, user, false, encoded);
   }
   if (code != 0) return;
-  if (Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, encoded, kQueryLifetime) != 0) {
+  if (Velder::update_reply_cache(Velder::IP_USER_QUERY_REQUEST, ip, encoded, kQueryLifetime, generation) !=
+      0) {
     VRLOG(kLogInfo, "Error: fail to update reply cache");
   }
 }

@@ -92,6 +92,20 @@ TEST_F(CacheTest, StatusLineTellsTheFourFiguresAndAResetZeroesThem) {
   EXPECT_EQ(lookup("alice"), 1);
 }
 
+TEST_F(CacheTest, AReplyThatWasBegunBeforeAResetIsNotStored) {
+  const auto store_begun_at = [](uint32_t generation) {
+    return Velder::update_reply_cache(kUserInfo, "key", "reply", 10, generation);
+  };
+  const uint32_t before = Velder::reply_cache_generation();
+  EXPECT_EQ(store_begun_at(before), 0);
+  Velder::reset_reply_cache();
+  std::string found;
+  EXPECT_EQ(store_begun_at(before), 0);
+  EXPECT_EQ(Velder::search_reply_cache(kUserInfo, "key", found), 1);
+  EXPECT_EQ(store_begun_at(Velder::reply_cache_generation()), 0);
+  EXPECT_EQ(Velder::search_reply_cache(kUserInfo, "key", found), 0);
+}
+
 // What the cache must hold and answer after every call, told by a list that is swept from end to end.
 struct Model {
   struct Item {
@@ -137,9 +151,10 @@ TEST_F(CacheTest, AnswersAndCountersAreThoseOfAFullSweepAtEveryUpdate) {
     const int ttl = static_cast<int>(random() % 60) - 5;
     const UserInfoQueryResponse response = answer(std::string(random() % 40, 't'));
     const std::string encoded = response.SerializePartialAsString();
-    const int result = random() % 2 == 0
-                           ? Velder::update_reply_cache(type, key.c_str(), ttl < 1 ? nullptr : &response, ttl)
-                           : Velder::update_reply_cache(type, key.c_str(), encoded, ttl);
+    const int result =
+        random() % 2 == 0
+            ? Velder::update_reply_cache(type, key.c_str(), ttl < 1 ? nullptr : &response, ttl)
+            : Velder::update_reply_cache(type, key.c_str(), encoded, ttl, Velder::reply_cache_generation());
     ASSERT_EQ(result, model.update(type, key, encoded, ttl)) << "step " << step;
     ASSERT_EQ(static_cast<size_t>(Velder::reply_cache_total_count), model.items.size()) << "step " << step;
     ASSERT_EQ(Velder::reply_cache_total_size, model.total()) << "step " << step;
