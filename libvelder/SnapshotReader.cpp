@@ -15,6 +15,11 @@ namespace {
 // To read so many takes a tenth of a millisecond, and nobody knows how many follow.
 constexpr size_t kManyIds = 500;
 
+// More of them in one entry, or longer ones, may take longer than others should have to wait: to read them,
+// and then to check them all.
+constexpr size_t kFewPasswords = 16;
+constexpr size_t kFewPasswordBytes = 4096;
+
 enum Query : size_t {
   kUsersByIdentity,
   kUsersBySearch,
@@ -213,6 +218,7 @@ bool SnapshotReader::user_address(EntryId id, std::string& address) {
 
 void SnapshotReader::credentials(EntryId id, Credentials& credentials) {
   bool first = true;
+  size_t bytes = 0;
   statements_->run(
       kCredentials, failure_, [&](Statement& s) { s.bind(1, id); },
       [&](Statement& s) {
@@ -221,7 +227,10 @@ void SnapshotReader::credentials(EntryId id, Credentials& credentials) {
           credentials.nt_hash = s.text(1);
           first = false;
         }
-        if (!s.is_null(2)) credentials.passwords.push_back(s.text(2));
+        if (s.is_null(2)) return;
+        credentials.passwords.push_back(s.text(2));
+        bytes += credentials.passwords.back().size();
+        if (credentials.passwords.size() > kFewPasswords || bytes > kFewPasswordBytes) before_long_work();
       });
 }
 
