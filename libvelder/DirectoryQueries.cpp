@@ -89,16 +89,10 @@ void DirectoryQueries::list_groups(const std::vector<EntryId>& ids, std::list<Gr
 int DirectoryQueries::user_groups(std::string_view user, std::list<GroupMeta>& groups) {
   const auto known = find_known(user, true);
   if (!known) return code(kDirectoryNoSuchObject);
-  if (known->kept_groups == KeptGroups::kAll) {
-    for (const KnownUser::Group& group : known->groups) {
-      groups.push_back({std::string(group.dn), std::string(group.cn)});
-    }
-    return kDirectorySuccess;
+  for (const KnownUser::Group& group : known->groups) {
+    groups.push_back({std::string(group.dn), std::string(group.cn)});
   }
-  std::vector<EntryId> ids;
-  reader_.groups_of_user(known->id, ids);
-  list_groups(reader_.groups().with_all_above(ids), groups);
-  return code(kDirectorySuccess);
+  return kDirectorySuccess;
 }
 
 int DirectoryQueries::group_groups(std::string_view group, Match match, std::list<GroupMeta>& groups) {
@@ -153,7 +147,7 @@ std::shared_ptr<const KnownUser> DirectoryQueries::known_user(std::string_view u
     std::shared_ptr<const KeptUser> user;
   };
   auto known = find_known(user, true);
-  if (!known || known->kept_groups != KeptGroups::kAll) return nullptr;
+  if (!known) return nullptr;
   const auto held = std::make_shared<const Held>(Held{reader_.file(), std::move(known)});
   return {held, held->user.get()};
 }
@@ -199,17 +193,23 @@ std::shared_ptr<const KeptUser> DirectoryQueries::find_known(std::string_view na
   std::optional<EntryId> id;
   if (can_be_kept) {
     if (auto known = all.find(key)) {
-      if (!with_groups || known->kept_groups != KeptGroups::kNotAsked) return known;
+      if (!with_groups || known->has_groups) return known;
       id = known->id;
     }
   }
   if (!id) id = find_user(name);
-  auto user = id ? read_user(*id, with_groups) : nullptr;
-  if (user && can_be_kept) all.keep(key, user);
+  auto user = id ? read_user(*id) : nullptr;
+  if (!user) return nullptr;
+  auto kept = user;
+  if (with_groups) {
+    if (!read_groups(*user)) return nullptr;
+    if (user->groups.size() > kMostKeptGroups) kept = nullptr;
+  }
+  if (kept && can_be_kept) all.keep(key, std::move(kept));
   return user;
 }
 
-std::shared_ptr<const KeptUser> DirectoryQueries::read_user(EntryId id, bool with_groups) {
+std::shared_ptr<KeptUser> DirectoryQueries::read_user(EntryId id) {
   UserRow row;
   if (!reader_.user(id, row)) return nullptr;
   auto user = std::make_shared<KeptUser>();
@@ -226,18 +226,19 @@ std::shared_ptr<const KeptUser> DirectoryQueries::read_user(EntryId id, bool wit
   user->cn = keep(row.meta.cn);
   user->dn = keep(row.meta.dn);
   user->upn = keep(row.meta.upn);
-  if (!with_groups) return user;
+  return user;
+}
 
+bool DirectoryQueries::read_groups(KeptUser& user) {
   std::vector<EntryId> ids;
-  reader_.groups_of_user(id, ids);
-  if (reader_.failure()) return nullptr;
+  reader_.groups_of_user(user.id, ids);
+  if (reader_.failure()) return false;
   const GroupGraph& graph = reader_.groups();
   ids = graph.with_all_above(ids);
-  user->kept_groups = ids.size() <= kMostKeptGroups ? KeptGroups::kAll : KeptGroups::kTooMany;
-  if (user->kept_groups == KeptGroups::kTooMany) return user;
-  user->groups.reserve(ids.size());
-  for (const EntryId group : ids) user->groups.push_back(graph.names(group));
-  return user;
+  user.groups.reserve(ids.size());
+  for (const EntryId group : ids) user.groups.push_back(graph.names(group));
+  user.has_groups = true;
+  return true;
 }
 
 // Asks the snapshot unless the name is the one that was looked for last.
@@ -247,6 +248,8 @@ std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
     std::vector<EntryId> ids = users_meant(name);
     sort_unique(ids);
     if (reader_.failure() || name.size() > kLongestKeptName) return only_one(ids);
+    if (ids.size() > 2)
+      ids.resize(2);  // no more is asked than whether it is one; it may be all of a directory
     last = {std::string(name), std::move(ids)};
   }
   std::vector<EntryId> ids = last.users;

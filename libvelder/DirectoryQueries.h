@@ -45,7 +45,7 @@ class DirectoryQueries {
   // The same for one group.
   int users_of_group(std::string_view group, bool by_dn, GroupUserMeta& record);
   int user_info(std::string_view user, UserRow& row);
-  // Null: nobody, or somebody in too many groups to be kept.
+  // Null: nobody.
   std::shared_ptr<const KnownUser> known_user(std::string_view user);
   // With what logons need to know; `credentials` may hold hashes.
   int account(std::string_view user, UserRow& row, Credentials& credentials);
@@ -60,7 +60,8 @@ class DirectoryQueries {
   std::optional<EntryId> only_one(std::vector<EntryId>& ids);
   std::optional<EntryId> find_user(std::string_view name);
   std::shared_ptr<const KeptUser> find_known(std::string_view name, bool with_groups);
-  std::shared_ptr<const KeptUser> read_user(EntryId id, bool with_groups);
+  std::shared_ptr<KeptUser> read_user(EntryId id);
+  bool read_groups(KeptUser& user);
   std::vector<EntryId> users_meant(std::string_view name);
   std::optional<EntryId> find_group(std::string_view name, bool by_cn, bool by_dn);
   void list_groups(const std::vector<EntryId>& ids, std::list<GroupMeta>& groups);

@@ -110,8 +110,8 @@ class LdapModule {
   static int get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,
                            std::string& cn, std::string& dn, std::string& upn);
 
-  // Both in one, without a copy. Null for whoever the library does not keep, for whatever reason: then the
-  // two calls above answer.
+  // Both in one, of one snapshot, without a copy. Null when the snapshot does not have the user, for whatever
+  // reason: then the two calls above answer.
   static std::shared_ptr<const KnownUser> get_known_user(const std::string& user);
 
   // True only when the password was proven. `reserved` is accepted and not used.
