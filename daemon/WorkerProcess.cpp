@@ -1,5 +1,6 @@
 #include "daemon/WorkerProcess.h"
 
+#include <malloc.h>
 #include <pthread.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -28,6 +29,9 @@ constexpr unsigned int kFarewellSeconds = 1;
 constexpr pid_t kInitProcess = 1;
 // Slots past the fifth are not searched: a worker there is never re-forked.
 constexpr int kReapedSlots = 5;
+// Threads that share a heap seldom meet there, for each keeps small pieces of its own; a heap for each keeps
+// room for whatever that thread once made.
+constexpr int kMostHeaps = 4;
 
 constexpr int kExitSignals[] = {SIGTERM, SIGHUP, SIGINT};
 constexpr int kOtherSignals[] = {SIGCHLD, SIGUSR1, SIGUSR2};
@@ -173,6 +177,7 @@ void reload_data() {
 int child_worker_start() {
   VRLOG(kLogDebug, "child_worker_start() start running...");
   raise_core_limit();
+  mallopt(M_ARENA_MAX, kMostHeaps);
   if (!g_enable_reply_cache) {
     VRLOG(kLogInfo, "reply cache was disabled ...");
     Velder::reply_cache_enabled = false;
