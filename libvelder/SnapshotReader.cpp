@@ -81,10 +81,14 @@ constexpr std::array<const char*, kQueries> kSql = {
     "SELECT user_id FROM group_user WHERE group_id = ?1 ORDER BY user_id",
 };
 
-// The index knows every run of three characters; shorter texts, and texts that it would read otherwise than
-// they stand, are looked for by reading all.
+// The index takes time and memory for each run of three characters that it is asked for: some thousands of
+// them kept a thread busy for minutes, and a client may send millions.
+constexpr size_t kLongestIndexed = 64;
+
+// The index knows every run of three characters; shorter texts, much longer ones, and texts that it would
+// read otherwise than they stand, are looked for by reading all.
 bool index_can_find(std::string_view part) {
-  if (!is_utf8(part)) return false;
+  if (part.size() > kLongestIndexed || !is_utf8(part)) return false;
   const auto continues = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
   return std::count_if(part.begin(), part.end(), [&](char c) { return !continues(c); }) >= 3;
 }

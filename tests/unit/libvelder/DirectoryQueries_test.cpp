@@ -68,6 +68,13 @@ TEST_F(DirectoryQueriesTest, SearchesFindWholeNamesOrPartsInTheOrderOfCnAndDn) {
                                                    : "0: bob bob carl");
     EXPECT_EQ(find_groups("staff", 1), *limit == '1' ? "4: <Staff>" : "0: <Staff> <staff>");
   }
+
+  // Far more than the index can be asked for in a minute.
+  const std::string part = std::string(30000, 'x') + "y";
+  write("directory.ldif", "dn: cn=long,dc=x\nobjectClass: user\nuid: long\ncn: X" + part + "z\n");
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_NE(find_users(part, 0), "0:");
+  EXPECT_EQ(find_users(part + "y", 0), "0:");
 }
 
 TEST_F(DirectoryQueriesTest, GroupsOfAPatternAreWithoutThoseThatOnlyHoldEachOther) {
