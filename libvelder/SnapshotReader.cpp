@@ -82,7 +82,7 @@ constexpr std::array<const char*, kQueries> kSql = {
 };
 
 // The index takes time and memory for each run of three characters that it is asked for: some thousands of
-// them kept a thread busy for minutes, and a client may send millions.
+// them kept a thread busy for a minute, and a client may send millions.
 constexpr size_t kLongestIndexed = 64;
 
 // The index knows every run of three characters; shorter texts, much longer ones, and texts that it would
