@@ -5,11 +5,11 @@
 // connection exists.
 //
 // Codes of the errors below:
-//   81 (kDirectoryServerDown)  not resolved, not connected, no TLS, connection lost, an answer that is no
-//   LDAP 85 (kDirectoryTimeout)     connected, but an answer did not come in time 4  (kDirectorySizeLimit)
-//   the server's size limit or our own; what came before was handed out 1  (kDirectoryOther)       an entry
-//   that cannot be used, a filter that cannot be parsed else                       the server's own result
-//   code
+// - 81 (kDirectoryServerDown): not resolved, not connected, no TLS, connection lost, no LDAP
+// - 85 (kDirectoryTimeout): connected, but an answer did not come in time
+// - 4 (kDirectorySizeLimit): the server's size limit or our own; what came before was handed out
+// - 1 (kDirectoryOther): an entry that cannot be used, a filter that cannot be parsed
+// - any other: the server's own result code
 // Texts name the server and never hold a password.
 #pragma once
 
@@ -56,6 +56,9 @@ struct SearchLimits {
   uint64_t max_bytes = uint64_t{4} << 30;  // of DNs, attribute names and values together
   // Of the whole search, however many requests it takes. Ends it with code 1: the server may be a good one.
   std::chrono::steady_clock::time_point until = std::chrono::steady_clock::time_point::max();
+  // Unless the server had been silent for so long by then: code 85, as for OperationTimeout, which may be
+  // longer.
+  std::chrono::steady_clock::duration longest_silence = std::chrono::steady_clock::duration::max();
   // OperationTimeout is for each entry, not for each request: whole domains take their time. Then `until` is
   // all that ends a server that sends one entry after the other just in time.
   bool by_entry = false;

@@ -156,7 +156,10 @@ class Search {
   Result<Message> receive(int id, std::string_view doing) {
     if (request_.limits.by_entry) answered_by_ = session_.deadline();
     auto message = session_.wait(id, std::min(answered_by_, request_.limits.until), doing);
+    const auto now = steady_clock::now();
+    if (message) heard_ = now;
     if (message || message.error().code != kDirectoryTimeout) return message;
+    if (now - heard_ >= request_.limits.longest_silence) return message;
     const auto in_time = within_time();
     return in_time ? std::move(message) : tl::unexpected(in_time.error());
   }
@@ -171,6 +174,7 @@ class Search {
     std::array<LDAPControl*, 2> controls{control, nullptr};
     int id = 0;
     answered_by_ = session_.deadline();
+    heard_ = steady_clock::now();
     const int rc = ldap_search_ext(session_.ld, base.c_str(), scope, filter.c_str(),
                                    attributes.empty() ? nullptr : names.data(), 0,
                                    control != nullptr ? controls.data() : nullptr, nullptr, nullptr, 0, &id);
@@ -389,7 +393,8 @@ class Search {
   LdapConnection::Session& session_;
   const SearchRequest& request_;
   const EntrySink& each_;
-  Deadline answered_by_;  // the request that was sent last
+  Deadline answered_by_;            // the request that was sent last
+  steady_clock::time_point heard_;  // when it was sent, or the last of its answers came
   bool paged_ = true;
   uint64_t entries_ = 0;
   uint64_t others_ = 0;

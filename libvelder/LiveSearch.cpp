@@ -222,13 +222,19 @@ Result<void> LiveSearch::before_deadline() const {
                                        std::to_string(kMostTime.count()) + " seconds");
 }
 
+// A server that wasted half of the time has failed: the next look-up had better begin with another one.
+void LiveSearch::set_end(SearchLimits& limits) const {
+  limits.until = deadline_;
+  limits.longest_silence = kMostTime / 2;
+}
+
 // The pool may run the search again from its beginning, on another server.
 Result<bool> LiveSearch::run(size_t number, SearchRequest request, const Question& question,
                              std::vector<LiveEntry>& found) {
   if (auto begin = in_time(); !begin) return tl::make_unexpected(begin.error());
   request.attributes = attributes_for(question.wanted);
   request.limits.max_entries = kMostEntries;
-  request.limits.until = deadline_;
+  set_end(request.limits);
   const size_t before = found.size();
   Result<void> time;  // no time left is not the server's time-out, which would put it aside
   const auto take = [&](LdifRecord& record) -> Result<void> {
@@ -297,7 +303,7 @@ Result<bool> LiveSearch::finds_dns(size_t number) {
     request.scope = SearchScope::kBase;
     request.filter = equality(dn_attribute(domain(number).schema), domain(number).base_dn);
     request.attributes = {"1.1"};  // none
-    request.limits.until = deadline_;
+    set_end(request.limits);
     if (auto time = in_time(); !time) return tl::make_unexpected(time.error());
     const auto done = pools_[number]->read([&](LdapConnection& connection) {
       return connection.search(request, [&](LdifRecord&) -> Result<void> {

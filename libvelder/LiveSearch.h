@@ -107,6 +107,7 @@ class LiveSearch {
  private:
   Result<void> in_time();
   Result<void> before_deadline() const;
+  void set_end(SearchLimits& limits) const;
   Result<bool> run(size_t domain, SearchRequest request, const Question& question,
                    std::vector<LiveEntry>& found);
   Result<void> read_in(size_t domain, const std::string& dn, std::string_view dn_key, Wanted wanted,

@@ -298,6 +298,15 @@ TEST(LdapConnection, ATrickleDoesNotStretchTheTimeOfAnOperation) {
   }
 }
 
+TEST(LdapConnection, ASearchThatIsCutShortTellsASilentServerFromABusyOne) {
+  const auto falls_silent = [](Peer& peer, const Request& request) { peer.send(entry(request.id)); };
+  for (const auto& [silence, code] : {std::pair(100ms, "85 "), std::pair(10000ms, "1 ")}) {
+    const SearchLimits limits{.until = Clock::now() + 300ms, .longest_silence = silence};
+    const std::string outcome = outcome_of(fake::answering(falls_silent), limits);
+    EXPECT_EQ(outcome.rfind(code, 0), 0U) << outcome;
+  }
+}
+
 TEST(LdapConnection, AnAnswerIsNotTakenForADeadServer) {
   const std::string referral = outcome_of(fake::bringing("", {}, 10));
   EXPECT_NE(referral.find("held by another server"), std::string::npos) << referral;
