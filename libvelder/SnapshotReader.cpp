@@ -85,10 +85,17 @@ constexpr std::array<const char*, kQueries> kSql = {
 // them kept a thread busy for a minute, and a client may send millions.
 constexpr size_t kLongestIndexed = 64;
 
+// To the index these are one character: U+FFFD, which stands in names that somebody decoded wrongly, and the
+// two last ones of the plane, which are none.
+constexpr std::array<std::string_view, 3> kSameToIndex = {"\xEF\xBF\xBD", "\xEF\xBF\xBE", "\xEF\xBF\xBF"};
+
 // The index knows every run of three characters; shorter texts, much longer ones, and texts that it would
 // read otherwise than they stand, are looked for by reading all.
 bool index_can_find(std::string_view part) {
   if (part.size() > kLongestIndexed || !is_utf8(part)) return false;
+  for (const std::string_view one : kSameToIndex) {
+    if (part.find(one) != std::string_view::npos) return false;
+  }
   const auto continues = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
   return std::count_if(part.begin(), part.end(), [&](char c) { return !continues(c); }) >= 3;
 }

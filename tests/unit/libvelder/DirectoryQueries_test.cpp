@@ -69,6 +69,13 @@ TEST_F(DirectoryQueriesTest, SearchesFindWholeNamesOrPartsInTheOrderOfCnAndDn) {
     EXPECT_EQ(find_groups("staff", 1), *limit == '1' ? "4: <Staff>" : "0: <Staff> <staff>");
   }
 
+  // U+FFFD and U+FFFE: the index takes them for the same, and would find both.
+  write("directory.ldif",
+        "dn: cn=1,dc=x\nobjectClass: user\ncn:: Ye+/vXo=\n\n"
+        "dn: cn=2,dc=x\nobjectClass: user\ncn:: Ye+/vno=\n");
+  ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  EXPECT_EQ(find_users("a\xEF\xBF\xBDz", 0), "0: a\xEF\xBF\xBDz");
+
   // The index would take seconds for so long a part of one name, and minutes in a large directory.
   const std::string part = std::string(30000, 'x') + "y";
   write("directory.ldif", "dn: cn=long,dc=x\nobjectClass: user\nuid: long\ncn: X" + part + "z\n");
