@@ -244,8 +244,9 @@ void print(const Settings& settings, const Workload& workload, Outcome& outcome)
   std::printf("\"p50_us\": %.1f, \"p99_us\": %.1f, \"p999_us\": %.1f, ",
               percentile_microseconds(latencies, 0.5), percentile_microseconds(latencies, 0.99),
               percentile_microseconds(latencies, 0.999));
-  std::printf("\"pace\": %.0f, \"delay_p99_us\": %.1f, \"overdue\": %zu, ", settings.pace,
-              percentile_microseconds(outcome.tally.delays, 0.99),
+  std::printf("\"pace\": %.0f, \"delay_p99_us\": %.1f, \"delay_p999_us\": %.1f, \"overdue\": %zu, ",
+              settings.pace, percentile_microseconds(outcome.tally.delays, 0.99),
+              percentile_microseconds(outcome.tally.delays, 0.999),
               static_cast<size_t>(outcome.tally.overdue));
   std::printf("\"own_cpu_s\": %.3f, \"server_cpu_s\": %.3f, \"answer_bytes\": %.0f, ", outcome.own_cpu,
               outcome.server_cpu.value_or(0), workload.mean_answer_bytes());

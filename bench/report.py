@@ -125,9 +125,12 @@ def table_lines(row, by_name, busy):
 
 def delay_line(row, by_name):
     """How far the times of a paced row can be believed."""
-    delays = ", ".join(f"{name} {count(median_of(results, lambda result: result['delay_p99_us']))} us"
-                       for name, results in by_name.items())
-    return f"{row.title}: the generator itself sent one question in a hundred late by more than this: {delays}."
+    def delays(key):
+        return ", ".join(f"{name} {count(median_of(results, lambda result: result[key]))} us"
+                         for name, results in by_name.items())
+
+    return (f"{row.title}: the generator itself sent one question in a hundred late by more than this: "
+            f"{delays('delay_p99_us')}; one in a thousand by more than this: {delays('delay_p999_us')}.")
 
 
 def goal_text(goal, by_name, busy=False):
