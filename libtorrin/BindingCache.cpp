@@ -181,7 +181,8 @@ void BindingCache::change(std::span<IPUserChange> changes) {
 }
 
 bool BindingCache::export_to(const std::string& path) {
-  const Result exported = export_bindings(store_, path, settings_.export_directory, surroundings_.clock());
+  const Result exported =
+      export_bindings(store_, path, settings_.export_directory, folder_, surroundings_.clock());
   if (!exported) {
     VRLOG(kLogError, "IP-user cache: no export to %s: %s", shortened(printable(path)).c_str(),
           printable(exported.error()).c_str());

@@ -21,6 +21,7 @@ namespace {
 
 constexpr mode_t kExportMode = 0640;
 constexpr int kDraftAttempts = 1000;
+constexpr int kRenameAttempts = 10;  // each fails only when a file appears between two calls
 // Records of one read transaction: short enough to pin next to nothing while the disk is slow.
 constexpr size_t kChunk = 2000;
 // A chunk of the longest quoted users is still only 4 MB.
@@ -80,6 +81,15 @@ bool is_earlier_export(int fd) {
   return pread(fd, line.data(), line.size(), 0) == static_cast<ssize_t>(line.size()) && line == kExportHeader;
 }
 
+// The cache's own files decide about all bindings, so nobody exports among them. Even to look at its lock
+// file would be too much: closing it drops the locks of this process.
+bool is_same_folder(int folder, const std::string& other) {
+  struct stat one {};
+  struct stat two {};
+  return fstat(folder, &one) == 0 && stat(other.c_str(), &two) == 0 && one.st_dev == two.st_dev &&
+         one.st_ino == two.st_ino;
+}
+
 // Whether something stands under the name; an error when that must stay.
 tl::expected<bool, std::string> check_existing(int folder, const std::string& name) {
   struct stat status {};
@@ -123,7 +133,7 @@ class Draft {
   bool exists() const { return exists_; }
   int fd() const { return fd_.get(); }
 
-  // A target that did not exist when it was looked at must not exist now either.
+  // Without `replace` nothing may stand under the name.
   bool rename_to(const std::string& name, bool replace) {
     int result = renameat2(folder_, name_.c_str(), folder_, name.c_str(), replace ? 0 : RENAME_NOREPLACE);
     if (result != 0 && errno == EINVAL) result = renameat(folder_, name_.c_str(), folder_, name.c_str());
@@ -137,6 +147,18 @@ class Draft {
   UniqueFd fd_;
   bool exists_ = false;
 };
+
+// Looked at again: to write all bindings takes a while, in which another export may have made the file, or
+// somebody have put another one there.
+Result put_in_place(Draft& draft, int folder, const std::string& name) {
+  for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
+    const auto replace = check_existing(folder, name);
+    if (!replace) return tl::unexpected(replace.error());
+    if (draft.rename_to(name, *replace)) return {};
+    if (errno != EEXIST) break;
+  }
+  return system_error("renaming into place");
+}
 
 Result write_fully(int fd, std::string_view text) {
   while (!text.empty()) {
@@ -187,20 +209,21 @@ void append_csv_line(const AddressKey& key, const BindingView& binding, std::str
 }
 
 Result export_bindings(Store& store, const std::string& path, const std::string& export_directory,
-                       int64_t now) {
+                       const std::string& own_folder, int64_t now) {
   const auto target = read_target(path, export_directory);
   if (!target) return tl::unexpected(target.error());
   const auto folder = open_folder(target->folders);
   if (!folder) return tl::unexpected(folder.error());
-  const auto replace = check_existing(folder->get(), target->name);
-  if (!replace) return tl::unexpected(replace.error());
+  if (is_same_folder(folder->get(), own_folder)) return tl::unexpected<std::string>("the cache's own folder");
+  const auto may_write = check_existing(folder->get(), target->name);
+  if (!may_write) return tl::unexpected(may_write.error());
   Draft draft(folder->get());
   if (!draft.exists()) return system_error("a new file in the folder");
   // The mode counts, not what the process takes away from new files.
   if (fchmod(draft.fd(), kExportMode) != 0) return system_error("mode");
   if (Result written = write_bindings(store, draft.fd(), now); !written) return written;
   if (fsync(draft.fd()) != 0) return system_error("writing");
-  if (!draft.rename_to(target->name, *replace)) return system_error("renaming into place");
+  if (Result put = put_in_place(draft, folder->get(), target->name); !put) return put;
   if (fsync(folder->get()) != 0) return system_error("the folder");
   return {};
 }

@@ -20,10 +20,12 @@ constexpr std::string_view kExportHeader = "ip,user,expire_at\r\n";
 void append_csv_line(const AddressKey& key, const BindingView& binding, std::string& out);
 
 // Writes the bindings that are live at `now`, sorted by address, to the absolute path `path`, which must lie
-// below `export_directory` unless that is empty. The folders of the path must exist; no link is followed,
-// neither in the path nor at its end, and only a regular file that is an earlier export is replaced. The
-// new file has the mode 0640. Nothing is left behind by a failure; the error is its reason.
+// below `export_directory` unless that is empty, and not in `own_folder`, where the store lies. The folders
+// of the path must exist; no link is followed, neither in the path nor at its end, and only a regular file
+// that is an earlier export is replaced. The new file has the mode 0640. Nothing is left behind by a failure;
+// the error is its reason. Callable from any thread.
 tl::expected<void, std::string> export_bindings(Store& store, const std::string& path,
-                                                const std::string& export_directory, int64_t now);
+                                                const std::string& export_directory,
+                                                const std::string& own_folder, int64_t now);
 
 }  // namespace torrin

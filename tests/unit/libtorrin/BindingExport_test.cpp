@@ -1,5 +1,7 @@
 #include "libtorrin/BindingExport.h"
 
+#include <thread>
+
 #include "tests/unit/libtorrin/CacheTest.h"
 
 class BindingExportTest : public CacheTest {
@@ -49,6 +51,14 @@ TEST_F(BindingExportTest, LiveBindingsComeSortedByAddressQuotedWhereNeeded) {
   EXPECT_EQ(read_text(out_ + "/list.csv"), torrin::kExportHeader);
   EXPECT_EQ(read_text(draft + "99"), "left");
   EXPECT_EQ(files_in_out(), 101u);
+
+  for (int i = 0; i < 30; ++i) {
+    const std::string path = out_ + "/together" + std::to_string(i);
+    std::atomic<int> done{0};
+    for (std::vector<std::jthread> clients; clients.size() < 3;)
+      clients.emplace_back([&] { done += cache_->export_to(path); });
+    EXPECT_EQ(done, 3) << "to a file that is new for all of them";
+  }
 }
 
 TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
@@ -84,6 +94,8 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
       {deep + "/missing/x", "No such file"},  // the reason is not cut off
       {"/" + std::string(5000, '\n'), "File name too long"},
       {out_ + "/" + std::string(256, 'n'), "File name too long"},
+      {file("list.csv"), "the cache's own folder"},
+      {file("bindings.mdb-lock"), "the cache's own folder"},
   };
   for (const auto& [path, reason] : rows) {
     forget_log();
@@ -92,6 +104,13 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
     EXPECT_EQ(log_lines("ERR", reason), 1) << path;
   }
   EXPECT_EQ(files_in_out(), before);
+  const auto sees_our_lock = [&] {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    return fcntl(open(file("bindings.mdb-lock").c_str(), O_RDWR), F_GETLK, &lock) == 0 &&
+           lock.l_pid == getppid();
+  };
+  EXPECT_EQ(in_child(sees_our_lock), 0) << "a file that was looked at and closed loses its locks";
   EXPECT_EQ(read_text(out_ + "/foreign"), "root:x:0:0\n");
   EXPECT_TRUE(cache_->export_to(out_ + "/" + std::string(255, 'n'))) << "the longest name that there can be";
 }
