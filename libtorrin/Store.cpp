@@ -300,6 +300,8 @@ int Store::begin_read(MDB_txn*& txn) {
     const int error = mdb_txn_renew(txn);
     if (error != MDB_BAD_RSLOT) [[likely]]
       return error;
+    // The slot was taken for a dead process's and may be another's by now: not ours to give back.
+    reader.forget(*this);
   }
   return register_reader(reader, txn);
 }

@@ -149,6 +149,40 @@ TEST_F(ProcessesTest, AReaderKilledInsideATransactionDoesNotFillTheMap) {
   for (size_t i = 0; i < 3000; ++i) ASSERT_EQ(bind(all[i % 100], std::string(500, 'v')), 0) << i;
 }
 
+TEST_F(ProcessesTest, ASlotThatWasTakenAwayIsNotTakenBackFromItsNewOwner) {
+  ASSERT_EQ(start(), 0);
+  const auto all = addresses(200);
+  for (const std::string& ip : all) bind(ip, std::string(500, 'u'));
+  EXPECT_EQ(lookup("::1"), "<1>");
+  close(open(file("bindings.mdb-lock").c_str(), O_RDWR));  // now the others take this process for a dead one
+  int ready[2];
+  int go[2];
+  ASSERT_EQ(pipe(ready) + pipe(go), 0);
+  const pid_t reader = fork();
+  if (reader == 0) {
+    int seen = 0;
+    torrin::Store store;
+    const auto count = [&](const auto&, std::string_view record) {
+      char byte = 'r';
+      if (seen++ == 0 && write(ready[1], &byte, 1) + read(go[0], &byte, 1) != 2) _exit(1);
+      if (record.back() != 'u') _exit(1);
+    };
+    _exit(store.open({file("bindings.mdb"), false, map_bytes_}, nullptr) && store.scan({}, 1000, count) &&
+                  seen == 200
+              ? 0
+              : 1);
+  }
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  EXPECT_EQ(lookup("::1"), "<1>");
+  for (int i = 0; i < 1000; ++i) bind(all[static_cast<size_t>(i) % 200], std::string(500, 'v'));
+  EXPECT_EQ(write(go[1], &byte, 1), 1);
+  int status = -1;
+  waitpid(reader, &status, 0);
+  EXPECT_EQ(status, 0) << "what it reads was reused under it";
+  for (const int fd : {ready[0], ready[1], go[0], go[1]}) close(fd);
+}
+
 TEST_F(ProcessesTest, AWriterThatStandsStillIsSeenUntilItIsGone) {
   ASSERT_EQ(start(), 0);
   EXPECT_FALSE(cache_->change_would_wait());
