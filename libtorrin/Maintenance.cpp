@@ -30,6 +30,7 @@ constexpr size_t kRemoveChunk = 500;
 // After each write transaction: the lock is not fair, a waiting bind needs time to wake up and take it.
 constexpr long kYieldNanoseconds = 1'000'000;
 constexpr int kReaderCheckSeconds = 10;
+constexpr int kRetrySeconds = 1;
 // A loss of power may cost 60 seconds. The age is looked at every ten, and sweep and copy take their time.
 constexpr time_t kCopyAge = 40;
 // A copy takes far less; a process that was stopped in the middle of one must not hold up the others.
@@ -123,12 +124,13 @@ void lead(const Worker& worker) {
 void* run_maintenance(void* argument) {
   const std::unique_ptr<Worker> worker(static_cast<Worker*>(argument));
   // Opened here, not inherited: the lock of an inherited descriptor would be the parent's as well.
-  const UniqueFd leader = open_lock_file(worker->folder, kLeaderFile);
+  UniqueFd leader = open_lock_file(worker->folder, kLeaderFile);
   if (!leader.valid()) {
-    VRLOG(kLogError, "IP-user cache: no maintenance: %s/%s: %s", worker->folder.c_str(), kLeaderFile,
+    VRLOG(kLogError, "IP-user cache: no maintenance yet: %s/%s: %s", worker->folder.c_str(), kLeaderFile,
           std::strerror(errno));
-    return nullptr;
   }
+  // Of descriptors or space there may be enough again.
+  for (; !leader.valid(); leader = open_lock_file(worker->folder, kLeaderFile)) pause_for(kRetrySeconds, 0);
   // Wakes the moment the leader dies.
   while (flock(leader.get(), LOCK_EX) != 0) {
     if (errno == EINTR) continue;

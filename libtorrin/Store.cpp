@@ -38,6 +38,8 @@ namespace {
 
 // 10 workers of 30 threads and their helpers, three times over; the library's 126 would be too few.
 constexpr unsigned kMaxReaders = 1024;
+// What the library uses of the lock file for them: 64 bytes a slot, and the head in front.
+constexpr off_t kLockFileBytes = 64 * (kMaxReaders + 64);
 // Named tables may come to lie beside the bindings; the file of that day can then still be opened.
 constexpr unsigned kMaxTables = 4;
 constexpr mode_t kFileMode = 0600;
@@ -74,6 +76,19 @@ bool means_damage(int error) {
 void keep_from_programs(MDB_env* env) {
   mdb_filehandle_t fd = -1;
   if (mdb_env_get_fd(env, &fd) == 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
+}
+
+// The library leaves holes in the lock file and fills them through a mapping, which ends the process when the
+// disk is full. So all of it gets its place before the library sees it. 0, or the error number; a file that
+// cannot be opened is for the library to find.
+int reserve_lock_file(const std::string& path) {
+  const UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
+  struct stat status {};
+  if (!fd.valid() || fstat(fd.get(), &status) != 0) return 0;
+  // What is there is not asked for: some file systems refuse even that when they are full.
+  if (status.st_size >= kLockFileBytes && status.st_blocks * 512 >= status.st_size) return 0;
+  const int error = fallocate(fd.get(), 0, 0, kLockFileBytes) == 0 ? 0 : errno;
+  return error == EOPNOTSUPP ? 0 : error;
 }
 
 MDB_val to_val(const AddressKey& key) {
@@ -213,7 +228,11 @@ void Store::drop_environment() {
 
 // Called with the opening lock held and no environment open.
 tl::expected<void, OpenError> Store::open_environment() {
-  writers_.open(options_.path + "-lock", kFileMode);
+  const std::string lock_file = options_.path + "-lock";
+  if (const int error = reserve_lock_file(lock_file); error != 0) {
+    return tl::unexpected(OpenError{false, "its lock file: " + std::string(std::strerror(error))});
+  }
+  writers_.open(lock_file, kFileMode);
   MDB_env* env = nullptr;
   int error = mdb_env_create(&env);
   if (error == 0) error = mdb_env_set_mapsize(env, options_.map_bytes);

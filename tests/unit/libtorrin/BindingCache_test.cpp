@@ -124,6 +124,8 @@ TEST_F(BindingCacheTest, FilesBelongToTheAccountAloneWhateverTheUmask) {
     ++files;
   }
   EXPECT_GE(files, 4);
+  ASSERT_EQ(stat(file("bindings.mdb-lock").c_str(), &status), 0);
+  EXPECT_GE(status.st_blocks * 512, status.st_size) << "a hole ends a process that uses it on a full disk";
 }
 
 TEST_F(BindingCacheTest, AFullMapFailsTheBindsThatFindNoRoomAndNothingElse) {

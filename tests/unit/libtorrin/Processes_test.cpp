@@ -80,6 +80,15 @@ TEST_F(ProcessesTest, ANewLeaderReplacesAnOldOrMissingCompactCopyAtOnce) {
   EXPECT_TRUE(replaced(500));
   set_age(-3600);
   EXPECT_TRUE(replaced(500)) << "the clock was set back";
+
+  std::filesystem::remove(copy);
+  std::filesystem::remove(file("leader.lock"));
+  std::filesystem::create_directory(file("leader.lock"));
+  std::jthread release([this] {
+    for (int wait = 0; wait < 500 && log_lines("ERR", "no maintenance yet") == 0; ++wait) usleep(10 * 1000);
+    std::filesystem::remove(file("leader.lock"));
+  });
+  EXPECT_TRUE(replaced(500)) << "the leader's file could not be opened at first";
 }
 
 TEST_F(ProcessesTest, AForkWhileThreadsAreInsideCallsIsSafe) {
