@@ -245,6 +245,8 @@ void loop_monitor() {
     if (sleep_once(kRoundSeconds) >= kRoundSeconds - 1) sleep_through(kHastyRoundSeconds);
   }
   VRLOG(kLogInfo, "Receive exit signal, daemon will exit...");
+  // Scripts repeat the signal until the daemon is gone; each would begin the last second anew.
+  for (int signal_number : kExitSignals) signal(signal_number, SIG_IGN);
   end_workers();
   // Not sleep_through, which an exit signal ends: the one that brought us here already came.
   for (unsigned int left = kFarewellSeconds; left > 0;) left = sleep_on(left);
