@@ -1,5 +1,6 @@
 #include "daemon/LdapSync.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
@@ -15,6 +16,7 @@ namespace {
 
 constexpr unsigned int kDelaySeconds = 60;
 constexpr uint32_t kSecondsPerMinute = 60;
+constexpr mode_t kScriptUmask = 027;  // with the daemon's, 0, anybody could write into the log of its output
 
 uint32_t last_sync_time = 0;  // seconds since the epoch
 
@@ -28,6 +30,7 @@ void take_recorded_time(uint32_t now) {
 
 [[noreturn]] void run_script(time_t now) {
   close(g_listen_socket);  // a script that outlives the daemon must not keep the port
+  umask(kScriptUmask);
   restore_default_signals();
   for (unsigned int left = kDelaySeconds; left > 0;) left = sleep(left);
   const std::string command = sync_command(g_workdir, g_verbose_log, sync_log_date(now));

@@ -42,6 +42,7 @@ def test_script__arguments_output_and_signals(daemon, options):
                          f"{glob.glob(LOG + '*')[0]}, return {3 << 8}")
     assert seconds_between(forked, done) >= 60 / FACTOR
     daemon.wait_line(f"child receive exit signal, child process [{done.pid}] exit", level="INF")
+    assert os.stat(glob.glob(LOG + "*")[0]).st_mode & 0o777 == 0o640  # not the daemon's umask
     said, *masks, descriptors = sync_log().splitlines()
     assert said == ("arguments: 1:verbose" if options else "arguments: 0:")
     blocked, ignored = (int(mask.split(":")[1], 16) for mask in masks)
