@@ -14,7 +14,7 @@
 # failures too: that is what the daemon appends to log/LdapSync.log.<date>, while it drops standard error.
 
 set -u
-umask 022 # the daemon's is 0
+umask 022 # whoever starts it
 export LC_ALL=C
 
 folder=$(cd -- "$(dirname -- "$0")" && pwd) || exit 1
@@ -101,16 +101,17 @@ workers_of() {
   done
 }
 
-# Complete before it replaces the old file: the daemon may read it at any moment. mktemp, since root may run
-# this in a folder of the daemon's account.
+# Complete before it replaces the old file: the daemon may read it at any moment. As the owner of the folder, who
+# could put a link in the way of what root writes there.
 record_time() {
-  new=$(mktemp "$folder/.LastSyncTime.ini.XXXXXX") || fail "cannot write to $folder"
-  if printf '[LdapSync]\nLastSyncTime=%s\n' "$(date +%s)" >"$new" && chmod 644 "$new" &&
-    mv -f "$new" "$folder/.LastSyncTime.ini"; then
-    return
-  fi
-  rm -f "$new"
-  fail "cannot write $folder/.LastSyncTime.ini"
+  # shellcheck disable=SC2016 # for the other shell
+  as_owner sh -c '
+    new=$(mktemp "$1/.LastSyncTime.ini.XXXXXX") || exit 1
+    printf "[LdapSync]\nLastSyncTime=%s\n" "$(date +%s)" >"$new" && chmod 644 "$new" &&
+      mv -f "$new" "$1/.LastSyncTime.ini" && exit
+    rm -f "$new"
+    exit 1
+  ' sh "$folder" 2>&1 || fail "cannot write $folder/.LastSyncTime.ini"
 }
 
 case $verbose in

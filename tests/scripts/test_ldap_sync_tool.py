@@ -149,6 +149,8 @@ def test_ldap_sync_is_found_and_runs_first(folder, place):
         assert (folder / "ran").read_text() == (
             f"{programs}/ldap_sync --workdir {folder} --verbose as {folder.stat().st_uid}\n")
         assert [family.line(), family.line()] == ["worker SIGUSR1"] * 2
+        # Nothing in a folder of somebody else's is written as root: a link there could lead anywhere.
+        assert (folder / ".LastSyncTime.ini").stat().st_uid == folder.stat().st_uid
         (folder / ".LastSyncTime.ini").unlink()
 
         put(1)
