@@ -49,6 +49,12 @@ def test_a_life_on_a_bare_root(root, scratch):
     # Nothing of the example is believed before somebody asks for it.
     first = start(root)
     assert account_of(first) == set(account[2:4])
+    os.kill(first, 9)  # its workers stay, and keep the port
+    first = start(root)
+    # The account may put what it likes into its folder; root does not run it.
+    root.shell(f"cd {WORK} && mv LdapSyncTool.sh link && printf '#!/bin/sh\nid -un\n' >LdapSyncTool.sh && chmod 755 *.sh")
+    assert root("/etc/init.d/quarn-authd", "reload").stdout == "quarn\n"
+    root("mv", f"{WORK}/link", f"{WORK}/LdapSyncTool.sh")
     assert answer(root, "user-search", "").get("userList", []) == []
     try_example(root)
     root(f"{WORK}/LdapSyncTool.sh")
