@@ -203,9 +203,18 @@ void restart_dead_workers() {
   }
 }
 
+// Also true of a child that has ended and was not collected yet.
+bool is_own_child(pid_t pid) {
+  siginfo_t unused{};
+  return waitid(P_PID, static_cast<id_t>(pid), &unused, WEXITED | WNOHANG | WNOWAIT) == 0;
+}
+
+// A slot that is not searched may hold the pid of a worker that is long gone, and with it somebody else's.
 void end_workers() {
   for (const Worker& worker : g_worker_process) {
-    if (worker.pid > 0 && worker.state == WORKER_RUNNING) kill(worker.pid, SIGTERM);
+    if (worker.pid > 0 && worker.state == WORKER_RUNNING && is_own_child(worker.pid)) {
+      kill(worker.pid, SIGTERM);
+    }
   }
 }
 

@@ -5,6 +5,7 @@ import contextlib
 import os
 import re
 import signal
+import subprocess
 import threading
 import time
 
@@ -53,6 +54,14 @@ def test_monitor__slots_past_the_fifth_are_not_refilled(daemon):
         daemon.wait_line(exit_line(workers[index]))
         daemon.wait_line(ROUND, count=dead + 1)
     assert set(daemon.wait_workers(7)) & set(workers) == set(workers) - {workers[6], workers[1]}
+    # Somebody else who has got the number of such a worker meanwhile is not told to end.
+    with open("/proc/sys/kernel/ns_last_pid", "w", encoding="ascii") as file:
+        file.write(str(workers[6] - 1))
+    with subprocess.Popen(["sleep", "60"], user=sandbox.ACCOUNT_ID) as bystander:
+        assert bystander.pid == workers[6]
+        assert daemon.stop() == 0
+        assert bystander.poll() is None
+        bystander.kill()
 
 
 @pytest.mark.parametrize("number", [signal.SIGUSR1, signal.SIGUSR2])
