@@ -38,6 +38,7 @@ fail() {
 configured_source() {
   [ -r "$folder/LdapSetting.ini" ] || { echo ldif; return; }
   awk '
+    NR == 1 { sub(/^\357\273\277/, "") } # the mark of a byte order
     { sub(/\r$/, ""); sub(/^[ \t]+/, "") }
     /^\[/ { section = substr($0, 2); sub(/[] \t=].*/, "", section); if (section ~ /^Domain_/) domain = 1; next }
     section == "LDAP_Setting" && /^Source[ \t]*=/ { sub(/^Source[ \t]*=[ \t]*/, ""); sub(/[ \t]+$/, ""); source = tolower($0) }

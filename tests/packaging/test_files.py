@@ -34,9 +34,9 @@ def allow(tmp_path, settings):
 
 
 def test_the_drop_in_names_exactly_the_configured_servers(tmp_path):
-    done = allow(tmp_path, "[LDAP_Setting]\nServers=ldap://192.0.2.99\n[Domain_1]\r\n# Servers=ldap://192.0.2.98\n"
+    done = allow(tmp_path, "\ufeff[Domain_1]\r\n# Servers=ldap://192.0.2.98\n"
                            " Servers = ldaps://192.0.2.1:3269  ldap://[2001:db8::7]:389/ LDAPS://192.0.2.2\r\n"
-                           "[Domain_2]\nServers=ldap://127.0.0.1\n")
+                           "[LDAP_Setting]\nServers=ldap://192.0.2.99\n[Domain_2]\nServers=ldap://127.0.0.1\n")
     assert done.returncode == 0, done
     assert [line for line in done.stdout.splitlines() if not line.startswith("#")] == [
         "[Service]", "IPAddressAllow=192.0.2.1", "IPAddressAllow=2001:db8::7", "IPAddressAllow=192.0.2.2",

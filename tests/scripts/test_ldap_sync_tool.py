@@ -116,7 +116,7 @@ def test_without_a_daemon_nobody_is_told_and_nothing_recorded(folder):
     ("[LDAP_Setting]\nSyncInterval=5\n", "ldif"),
     ("[Domain_1]\nDnsName=corp.example.com\n[LDAP_Setting]\nSource=ldif\n", "ldif"),
     ("[Other]\nSource=ldap\n# [Domain_1]\n# Source=ldap\n", "ldif"),
-    ("[LDAP_Setting]\nSource=ldap\n", "ldap"),
+    ("\ufeff[LDAP_Setting]\nSource=ldap\n", "ldap"),
     ("[Domain_1]\nDnsName=corp.example.com\n", "ldap"),
 ])
 def test_without_ldap_sync_only_the_ldif_source_is_served(folder, settings, source):
