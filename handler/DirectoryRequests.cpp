@@ -132,13 +132,13 @@ Outcome handle_user_groups(Frame& frame) {
 
 Outcome handle_user_validate(Frame& frame) {
   Velder::UserValidateRequest request;
+  const WipeAtEnd wiped(request, &Velder::UserValidateRequest::mutable_password);
   if (!parse_request(frame, &request)) return Outcome::kClose;
 
   Velder::UserValidateResponse response;
   response.set_result(g_password_checks.run([&] {
     return LdapWrapper::validate_credential(whole_text(request.user_ln()), whole_text(request.password()));
   }));
-  explicit_bzero(request.mutable_password()->data(), request.password().size());
   VRLOG(kLogDebug, "messge_type(%d), validate user(%s), rc(%d)", frame.type,
         request.user_ln().c_str(),  // sic
         response.result());

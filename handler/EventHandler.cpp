@@ -54,12 +54,6 @@ constexpr std::array<Route, 14> kRoutes{{
     {Velder::NEGO_AUTH_REQUEST, Pace::kSlow, handle_negotiate},
 }};
 
-// Their frames hold passwords or tokens.
-bool carries_secret(int type) {
-  return type == Velder::USER_VALIDATE_REQUEST || type == Velder::NTLM_AUTH_REQUEST ||
-         type == Velder::NEGO_AUTH_REQUEST;
-}
-
 bool out_of_resources(int error) {
   return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
@@ -130,7 +124,7 @@ void serve(int fd, std::string gathered) {
   const int type = read_header(gathered).type;
   Frame frame{fd, type, std::move(gathered)};
   const Outcome outcome = dispatch(frame);
-  if (carries_secret(type)) explicit_bzero(frame.bytes.data(), frame.bytes.size());
+  wipe(frame.bytes);  // of any type: what a client sent too early, such as a password, came with it
   switch (outcome) {
     case Outcome::kKeep: wait_for(fd, EVENT_READ, tcp_read_socket_handler, nullptr); return;
     case Outcome::kClose: close_connection(fd); return;
@@ -194,6 +188,9 @@ void tcp_read_socket_handler(int fd, short /*events*/, void* arg) {
       request->data = std::move(gathered);
       wait_for(fd, EVENT_READ, tcp_read_socket_handler, request.release());
       return;
-    case GatherResult::kClose: close_connection(fd); return;
+    case GatherResult::kClose:
+      wipe(gathered);
+      close_connection(fd);
+      return;
   }
 }

@@ -3,6 +3,7 @@
 #include <google/protobuf/message.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -25,6 +26,18 @@ FrameState state_of(const std::string& gathered) {
   if (gathered.size() < kHeaderBytes) return FrameState::kHeaderMissing;
   const auto body_bytes = static_cast<int64_t>(gathered.size() - kHeaderBytes);
   return body_bytes >= read_header(gathered).body_length ? FrameState::kComplete : FrameState::kIncomplete;
+}
+
+// A text that becomes too small is wiped before its buffer is given back.
+void append(std::string_view bytes, std::string& gathered) {
+  if (gathered.capacity() - gathered.size() < bytes.size()) {
+    std::string grown;
+    grown.reserve(std::max(2 * gathered.capacity(), gathered.size() + bytes.size()));
+    grown += gathered;
+    gathered.swap(grown);
+    wipe(grown);
+  }
+  gathered += bytes;
 }
 
 GatherResult after_failed_receive(ssize_t result) {
@@ -83,13 +96,19 @@ int message_integrity_check(const char* buffer, int received) {
   return 1;
 }
 
+void wipe(std::string& text) {
+  text.resize(text.capacity());
+  explicit_bzero(text.data(), text.size());
+  text.clear();
+}
+
 GatherResult gather_frame(int fd, std::span<char> buffer, TypeCheck check, std::string& gathered) {
   for (int round = 0;; ++round) {
     // A client that sends as fast as we read must not keep the others waiting.
     if (round == kQuickRounds) event_release_lead();
     const ssize_t received = recv(fd, buffer.data(), buffer.size() - 1, 0);
     if (received < 1) return after_failed_receive(received);
-    gathered.append(buffer.data(), static_cast<size_t>(received));
+    append({buffer.data(), static_cast<size_t>(received)}, gathered);
     explicit_bzero(buffer.data(), static_cast<size_t>(received));
 
     const FrameState state = state_of(gathered);

@@ -34,6 +34,9 @@ int message2buffer(int type, const google::protobuf::Message* msg, std::string& 
 // result of the last receive call. 1 when the frame may be processed, 0 after a log line otherwise.
 int message_integrity_check(const char* buffer, int received);
 
+// Overwrites all of the text's buffer, which may have held a password, and empties it.
+void wipe(std::string& text);
+
 enum class GatherResult {
   kComplete,  // the frame is whole
   kWait,      // nothing more to read now
@@ -43,5 +46,5 @@ enum class GatherResult {
 enum class TypeCheck { kRefuseInvalid, kIgnore };
 
 // Receives from a non-blocking socket through `buffer`, appending to `gathered`, until the frame at its
-// beginning is whole or nothing more comes. What passes through the buffer is wiped: it may be a password.
+// beginning is whole or nothing more comes. Nothing of it stays elsewhere: it may be a password.
 GatherResult gather_frame(int fd, std::span<char> buffer, TypeCheck check, std::string& gathered);

@@ -56,6 +56,20 @@ Outcome reply(const Frame& frame, const google::protobuf::Message& response);
 // The same with a response that is serialised: `answer` is kHeaderBytes of room, then the body.
 Outcome reply_encoded(const Frame& frame, std::string& answer);
 
+// Wipes a text of a request, as `text` gives it, when the handler leaves, whatever became of the request.
+template <class Request>
+class WipeAtEnd {
+ public:
+  WipeAtEnd(Request& request, std::string* (Request::*text)()) : request_(request), text_(text) {}
+  ~WipeAtEnd() { wipe(*(request_.*text_)()); }
+  WipeAtEnd(const WipeAtEnd&) = delete;
+  WipeAtEnd& operator=(const WipeAtEnd&) = delete;
+
+ private:
+  Request& request_;
+  std::string* (Request::*text_)();
+};
+
 // A text from the wire for a call that takes a NUL-terminated one: with a NUL inside it would name
 // somebody else, so it becomes the empty text, which names nobody.
 inline const char* whole_text(const std::string& text) {

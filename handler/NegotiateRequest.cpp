@@ -5,6 +5,7 @@
 
 Outcome handle_negotiate(Frame& frame) {
   Velder::NEGOAuthRequest request;
+  const WipeAtEnd wiped(request, &Velder::NEGOAuthRequest::mutable_requestcontent);
   if (!parse_request(frame, &request)) return Outcome::kClose;
 
   std::string clientinfo;

@@ -55,6 +55,7 @@ void validate(LdapModule& module, const Velder::NTLMAuthRequest& request, TokenR
 
 Next answer_first(int fd, ntlm_authenticaton_task& task) {
   Velder::NTLMAuthRequest request;
+  const WipeAtEnd wiped(request, &Velder::NTLMAuthRequest::mutable_requestcontent);
   if (!parse_body(task.first_frame, 1, &request)) {
     VRLOG(kLogError, "Error: invalid NTLM_AUTH_REQUEST type 1 message");
     return Next::kClose;
@@ -84,6 +85,7 @@ Next answer_first(int fd, ntlm_authenticaton_task& task) {
 
 Next answer_second(int fd, ntlm_authenticaton_task& task) {
   Velder::NTLMAuthRequest request;
+  const WipeAtEnd wiped(request, &Velder::NTLMAuthRequest::mutable_requestcontent);
   if (!parse_body(task.pending_frame, 2, &request)) {
     VRLOG(kLogError, "Error: invalid NTLM_AUTH_REQUEST type 2 message");
     return Next::kClose;
@@ -117,8 +119,8 @@ Next gather_second(int fd, ntlm_authenticaton_task& task) {
 }
 
 void wipe_and_delete(std::unique_ptr<ntlm_authenticaton_task> task) {
-  explicit_bzero(task->first_frame.data(), task->first_frame.size());
-  explicit_bzero(task->pending_frame.data(), task->pending_frame.size());
+  wipe(task->first_frame);
+  wipe(task->pending_frame);
 }
 
 }  // namespace

@@ -1,14 +1,13 @@
 """Passwords proved by the server: what is sent there, what is not, and what the log says."""
 
 import concurrent.futures
-import contextlib
 import random
 import re
 
 import pytest
 
 from harness import wire
-from harness.daemon import log_text
+from harness.daemon import log_text, memory_of
 from harness.wire import pb
 from servers import people, workdir
 from servers.slapd import LOCKED_AFTER, PEOPLE, READER, READER_PASSWORD, SUFFIX, Slapd
@@ -112,16 +111,6 @@ def test_repeated_wrong_password__locks_nobody(daemon, slapd):
         assert all(text.startswith("wrong") for text in verdicts[:-1]) and re.match("disabled|locked", verdicts[-1]), verdicts
         slapd.change(f"dn: {dn}\nchangetype: modify\ndelete: pwdAccountLockedTime\n")
         assert ask.validate("c00001", "pw c00001") is True
-
-
-def memory_of(pid):
-    with open(f"/proc/{pid}/maps", encoding="utf-8") as maps, open(f"/proc/{pid}/mem", "rb") as memory:
-        for line in maps:
-            begin, end = (int(number, 16) for number in line.split()[0].split("-"))
-            if line.split()[1].startswith("rw") and end - begin < 2**30:  # sanitizers map the whole address space
-                with contextlib.suppress(OSError):
-                    memory.seek(begin)
-                    yield memory.read(end - begin)
 
 
 @pytest.mark.parametrize("tls", ["no", "yes"], ids=["plain", "StartTLS"])

@@ -1,12 +1,14 @@
 """Frames and connections: how bytes may come, what is refused, and clients that behave badly."""
 
+import base64
 import socket
 
 import pytest
-from Velder_pb2 import AllUserQueryRequest, IPAuthRequest, IPUserBindRequest, UserInfoQueryRequest, UserSearchRequest
+from Velder_pb2 import (AllUserQueryRequest, IPAuthRequest, IPUserBindRequest, NEGOAuthRequest, NTLMAuthRequest,
+                        UserInfoQueryRequest, UserSearchRequest, UserValidateRequest)
 
 from harness import directory, wire
-from harness.daemon import until
+from harness.daemon import memory_of, until
 
 UNKNOWN = "192.0.2.1"
 ASK_ALICE = wire.frame(wire.USER_INFO, UserInfoQueryRequest(user_ln="alice"))
@@ -81,6 +83,49 @@ def test_client__half_closed_still_gets_its_answer(served):
             if request_bytes == ASK_ALICE:
                 assert connection.receive_answer(wire.USER_INFO).userInfo.uid == "alice"
             connection.expect_closed()
+
+
+def test_secret__is_in_no_memory_afterwards(served):
+    """However its frame came, and whatever became of it."""
+    marks = []
+
+    def secret(mark):  # sixteen characters that come again and again: what is freed is overwritten in part
+        marks.append(mark.encode() * 2)  # the parser leaves the last sixteen bytes of a body on the stack
+        return mark * 40
+
+    def validate(mark, user="alice"):
+        return wire.frame(wire.VALIDATE, UserValidateRequest(user_ln=user, password=secret(mark)).SerializePartialToString())
+
+    def more_needed():
+        return served.count_lines("Info: need more data to continue")
+
+    def send_in_pieces(connection, data):
+        for begin in range(0, len(data), 100):
+            before = more_needed()
+            connection.send(data[begin:begin + 100])
+            until(lambda: begin + 100 >= len(data) or more_needed() > before,  # pylint: disable=cell-var-from-loop
+                  "the daemon to take a piece")
+
+    with wire.Connection() as connection:
+        send_in_pieces(connection, validate("PiecesPassword01"))
+        assert connection.receive_answer(wire.VALIDATE).result == -1
+        for kind, request in ((wire.NEGOTIATE, NEGOAuthRequest(requestContent=secret("NegotiateToken01"))),
+                              (wire.NTLM, NTLMAuthRequest(messageType=1, clientIP="x", requestContent=secret("NtlmFirstToken01")))):
+            assert connection.ask(kind, request).result == -1
+    bind = wire.frame(wire.IP_BIND, IPUserBindRequest(ip="10.8.1.2", user_ln="CORP\\alice"))
+    for data in (validate("NobodysPassword1", user=None), bind + validate("BehindAnother001"),
+                 header(0, 28) + validate("BehindInvalid001")):
+        with wire.Connection() as connection:
+            connection.send(data)
+            connection.expect_closed()
+    for end in (wire.Connection.close, wire.Connection.reset):
+        connection = wire.Connection()
+        send_in_pieces(connection, validate(f"Incomplete{end.__name__:x<6}")[:-1])
+        end(connection)
+    served.wait_idle()
+    left = {mark for pid in served.workers() for piece in memory_of(pid) for mark in marks
+            if mark in piece or base64.b64decode(mark) in piece}
+    assert not left
 
 
 CROWD = 8_000  # all of them in the group of that name
