@@ -1,12 +1,11 @@
 // Directory queries: parse, ask the directory library, fill, reply. The library's code becomes `result`,
 // and a reply is sent whatever it is.
 #include <strings.h>
-#include <sys/socket.h>
 
-#include <algorithm>
-#include <climits>
 #include <cstring>
+#include <iterator>
 #include <memory>
+#include <utility>
 
 #include "brellog/VrLog.h"
 #include "cache/Cache.h"
@@ -32,22 +31,11 @@ struct SearchName {
   std::string text;
 };
 
-// Lets the socket take the whole reply at once where the system allows it (net.core.wmem_max): of one that it
-// takes in pieces, the client may get a piece twice. A buffer that has grown larger by itself stays.
-void make_room(int fd, size_t bytes) {
-  int present = 0;
-  socklen_t length = sizeof(present);
-  const int wanted = static_cast<int>(std::min<size_t>(bytes, INT_MAX / 2));
-  if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &present, &length) != 0 || present / 2 >= wanted) return;
-  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted));
-}
-
 // Result lists can be longer than a socket buffer: these replies are sent as the client takes them.
 Outcome reply_deferred(const Frame& frame, const google::protobuf::Message& response) {
   auto task = std::make_unique<SendDataTask>();
   task->fd = frame.fd;
   message2buffer(frame.type + 1, &response, task->data);
-  make_room(frame.fd, task->data.size());
   task->sent = 0;
   task->events = EVENT_READ;
   task->callback = tcp_read_socket_handler;
@@ -180,10 +168,11 @@ Outcome handle_all_users(Frame& frame) {
   Velder::AllUserQueryRequest request;
   if (!parse_request(frame, &request)) return Outcome::kClose;
 
-  const std::list<std::string> groups(request.grouplist().begin(), request.grouplist().end());
+  auto& names = *request.mutable_grouplist();
+  std::list<std::string> groups(std::make_move_iterator(names.begin()), std::make_move_iterator(names.end()));
   std::list<GroupUserMeta> group_users;
   Velder::AllUserQueryResponse response;
-  response.set_result(LdapWrapper::get_all_users(groups, request.isdn(), group_users));
+  response.set_result(LdapWrapper::get_all_users(std::move(groups), request.isdn(), group_users));
   for (const GroupUserMeta& group : group_users) {
     Velder::GroupUsers* record = response.add_groupuserlist();
     record->set_group_dn(group.group_dn);

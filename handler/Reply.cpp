@@ -4,7 +4,9 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 
@@ -13,6 +15,21 @@
 #include "handler/HandlerInternal.h"
 
 namespace {
+
+// Every socket takes as much from the start.
+constexpr size_t kShortReply = 16384;
+
+// Lets the socket take the whole reply at once where the system allows it (net.core.wmem_max): of a search
+// reply that it takes in pieces, the client may get a piece twice, and another reply fails. Over a network
+// the buffer is small until much was sent. One that has grown larger by itself stays.
+void make_room(int fd, size_t bytes) {
+  if (bytes <= kShortReply) return;
+  int present = 0;
+  socklen_t length = sizeof(present);
+  const int wanted = static_cast<int>(std::min<size_t>(bytes, INT_MAX / 2));
+  if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &present, &length) != 0 || present / 2 >= wanted) return;
+  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted));
+}
 
 enum class Progress {
   kWouldBlock,  // wait for the socket to take more
@@ -48,6 +65,7 @@ int reply_request(int fd, int type, const google::protobuf::Message* response) {
 
 int reply_request(int fd, const std::string& frame) {
   VRLOG(kLogDebug, "reply_request(): response message total size (%d)", static_cast<int>(frame.size()));
+  make_room(fd, frame.size());
   size_t sent = 0;
   while (sent < frame.size()) {
     const ssize_t result = send(fd, frame.data() + sent, frame.size() - sent, 0);
@@ -76,6 +94,7 @@ void send_data_handler(int fd, short /*events*/, void* arg) {
     close_connection(fd);
     return;
   }
+  if (task->sent == 0) make_room(fd, task->data.size());
   switch (send_some(*task)) {
     case Progress::kWouldBlock: wait_for(fd, EVENT_WRITE, send_data_handler, task.release()); return;
     case Progress::kFinished: wait_for(fd, task->events, task->callback, task->arg); return;

@@ -81,4 +81,25 @@ TEST_F(ReplyTest, DeferredReplyWaitsForTheSocketAndThenReadsAgain) {
   EXPECT_EQ(g_registered[1].events, EVENT_READ);
 }
 
+TEST_F(ReplyTest, LongRepliesAskForRoomInTheSocket) {
+  const auto room = [&] {
+    int bytes = 0;
+    socklen_t length = sizeof(bytes);
+    getsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &bytes, &length);
+    return bytes / 2;  // the system keeps half for itself
+  };
+  const int small = 8192;
+  setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+  Velder::IPUserBindResponse response;
+  reply_request(fd_, 13, &response);
+  EXPECT_EQ(room(), small);
+  const std::string frame(100'000, 'x');  // within what a system allows that nobody changed
+  reply_request(fd_, frame);
+  EXPECT_EQ(room(), 100'000);
+  start(frame + frame, {});
+  EXPECT_EQ(room(), 200'000);
+  start(frame, {});
+  EXPECT_EQ(room(), 200'000);
+}
+
 }  // namespace
