@@ -76,30 +76,17 @@ inline const char* whole_text(const std::string& text) {
   return text.find('\0') == std::string::npos ? text.c_str() : "";
 }
 
-// What the directory knows of one user.
-struct UserRecord {
-  std::string domain_dns;
-  std::string uid;
-  std::string cn;
-  std::string dn;
-  std::string upn;
-  std::list<GroupMeta> groups;
-};
-
-// Fills all but the groups / all; the library's code, 0 for success. The second asks for the groups only
-// when the user was found.
 extern QuickWork g_user_look_ups;  // around the calls of all requests that look one user up
-int get_user_attributes(const std::string& user, UserRecord& record);
-int get_user_record(const std::string& user, UserRecord& record);
 
-// The same in serialised form, as a message field, for the answers that are made often: a hundred small
-// objects less for a user with a dozen groups. The groups are asked for when the user was found or
-// `groups_anyway`; the code is that of both calls. What is known of a user who was not found is the name.
+// Appends what the directory knows of one user in serialised form, as a message field: a hundred small
+// objects less for a user with a dozen groups. Attributes and groups are those of one snapshot when it has
+// the user; two calls could find a reload between them, and then the groups of another who has the name now.
+// Otherwise the groups are asked for when the user was found or `groups_anyway`; the code is that of both
+// calls. What is known of a user who was not found is the name.
 int encode_user(int field, const std::string& user, bool groups_anyway, std::string& encoded);
 void append_user_info(int field, const std::string& user_ln, const KnownUser& user, std::string& encoded);
 
-// Both take the texts of the groups out of what they are given.
-void fill_user_info(const std::string& user_ln, UserRecord& record, Velder::UserInfo* info);
+// Takes the texts out of what it is given.
 void fill_groups(std::list<GroupMeta>& groups,
                  google::protobuf::RepeatedPtrField<Velder::GroupInfo>* group_list);
 

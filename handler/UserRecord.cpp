@@ -30,13 +30,6 @@ size_t size_of_group(const KnownUser::Group& group) {
   return size_of_field(group.cn.size()) + size_of_field(group.dn.size());
 }
 
-// As long as the record lives.
-KnownUser view_of(const UserRecord& record) {
-  KnownUser view{record.domain_dns, record.uid, record.cn, record.dn, record.upn, {}};
-  for (const GroupMeta& group : record.groups) view.groups.push_back({group.dn, group.cn});
-  return view;
-}
-
 }  // namespace
 
 QuickWork g_user_look_ups;
@@ -72,31 +65,15 @@ int encode_user(int field, const std::string& user, bool groups_anyway, std::str
       append_user_info(field, user, *known, encoded);
       return 0;
     }
-    UserRecord record;
-    int code = get_user_attributes(user, record);
-    if (code == 0 || groups_anyway) code |= LdapWrapper::get_user_groups(user, record.groups);
-    append_user_info(field, user, view_of(record), encoded);
+    std::string domain_dns, uid, cn, dn, upn;
+    std::list<GroupMeta> groups;
+    int code = LdapWrapper::get_user_info(user, domain_dns, uid, cn, dn, upn);
+    if (code == 0 || groups_anyway) code |= LdapWrapper::get_user_groups(user, groups);
+    KnownUser found{domain_dns, uid, cn, dn, upn, {}};
+    for (const GroupMeta& group : groups) found.groups.push_back({group.dn, group.cn});
+    append_user_info(field, user, found, encoded);
     return code;
   });
-}
-
-int get_user_attributes(const std::string& user, UserRecord& record) {
-  return LdapWrapper::get_user_info(user, record.domain_dns, record.uid, record.cn, record.dn, record.upn);
-}
-
-int get_user_record(const std::string& user, UserRecord& record) {
-  const int code = get_user_attributes(user, record);
-  return code != 0 ? code : LdapWrapper::get_user_groups(user, record.groups);
-}
-
-void fill_user_info(const std::string& user_ln, UserRecord& record, Velder::UserInfo* info) {
-  info->set_user_ln(user_ln);
-  info->set_domain_dns(record.domain_dns);
-  info->set_uid(record.uid);
-  info->set_cn(record.cn);
-  info->set_dn(record.dn);
-  info->set_upn(record.upn);
-  fill_groups(record.groups, info->mutable_grouplist());
 }
 
 void fill_groups(std::list<GroupMeta>& groups,

@@ -82,11 +82,17 @@ Step use_account(wmi_auth_task& task, const std::string& account) {
   return client_waits ? Step::kStore : Step::kDone;
 }
 
+// What a client that waits is told: the result, and the user information in serialised form.
+struct Answer {
+  int result = -1;
+  std::string info;
+};
+
 // What the agent knows is answered even when the binding could not be stored.
-Step look_up_account(const wmi_auth_task& task, Velder::IPAuthResponse* response) {
-  UserRecord record;
-  response->set_result(get_user_record(task.account, record));
-  if (response->result() == 0) fill_user_info(task.account, record, response->mutable_userinfo());
+Step look_up_account(const wmi_auth_task& task, Answer* answer) {
+  answer->result =
+      encode_user(Velder::IPAuthResponse::kUserInfoFieldNumber, task.account, false, answer->info);
+  if (answer->result != 0) answer->info.clear();
   return Step::kDone;
 }
 
@@ -110,30 +116,36 @@ Step read_answer(wmi_auth_task& task) {
   return Step::kDone;
 }
 
-Step run(wmi_auth_task& task, Velder::IPAuthResponse* response) {
+Step run(wmi_auth_task& task, Answer* answer) {
   for (;;) {
     Step step = Step::kDone;
     switch (task.stage) {
       case WmiStage::kConnect: step = connect_agent(task); break;
       case WmiStage::kWrite: step = send_question(task); break;
       case WmiStage::kReceive: step = read_answer(task); break;
-      case WmiStage::kBound: step = look_up_account(task, response); break;
+      case WmiStage::kBound: step = look_up_account(task, answer); break;
     }
     if (step != Step::kNext) return step;
   }
 }
 
-void answer_client(const wmi_auth_task& task, const Velder::IPAuthResponse& response) {
-  VRLOG(kLogDebug, "messge_type(IP_AUTH_RESPONSE), ip(%s) rc(%d)", task.ip, response.result());  // sic
-  if (reply_request(task.client_fd, Velder::WMI_AUTH_RESPONSE, &response) == -1) {
+void answer_client(const wmi_auth_task& task, const Answer& answer) {
+  VRLOG(kLogDebug, "messge_type(IP_AUTH_RESPONSE), ip(%s) rc(%d)", task.ip, answer.result);  // sic
+  Velder::IPAuthResponse response;
+  response.set_result(answer.result);
+  std::string frame(kHeaderBytes, '\0');
+  response.AppendToString(&frame);
+  frame += answer.info;
+  write_header(Velder::WMI_AUTH_RESPONSE, frame);
+  if (reply_request(task.client_fd, frame) == -1) {
     close_connection(task.client_fd);
   } else {
     wait_for(task.client_fd, EVENT_READ, tcp_read_socket_handler, nullptr);
   }
 }
 
-void finish(wmi_auth_task* task, const Velder::IPAuthResponse& response) {
-  if (task->client_fd >= 0) answer_client(*task, response);
+void finish(wmi_auth_task* task, const Answer& answer) {
+  if (task->client_fd >= 0) answer_client(*task, answer);
   if (task->agent_fd >= 0) {
     VRLOG(kLogDebug, "close connection to wmi [%d]", task->agent_fd);
     close(task->agent_fd);
@@ -171,13 +183,12 @@ WmiAnswer parse_wmi_answer(const char* text, std::string* account) {
 void transparent_auth_handler(int fd, short /*events*/, void* arg) {
   VrLogContext::setCurrentThreadTag(fd);
   auto* task = static_cast<wmi_auth_task*>(arg);
-  Velder::IPAuthResponse response;
-  response.set_result(-1);
-  switch (run(*task, &response)) {
+  Answer answer;
+  switch (run(*task, &answer)) {
     case Step::kWaitRead: wait_for(task->agent_fd, EVENT_READ, transparent_auth_handler, task); return;
     case Step::kWaitWrite: wait_for(task->agent_fd, EVENT_WRITE, transparent_auth_handler, task); return;
     case Step::kStore: return;
     case Step::kNext:
-    case Step::kDone: finish(task, response); return;
+    case Step::kDone: finish(task, answer); return;
   }
 }
