@@ -85,6 +85,7 @@ Result BindingCache::start(const char* workdir) {
   if (!settings) return tl::unexpected(settings.error());
   settings_ = std::move(*settings);
   const auto names = split_relative_path(settings_.directory);
+  workdir_ = *base;
   folder_ = *base;
   for (const std::string& name : *names) folder_ += "/" + name;
   recovery_ = std::make_unique<Recovery>(folder_, settings_.durable, surroundings_.boot_id_file);
@@ -181,8 +182,8 @@ void BindingCache::change(std::span<IPUserChange> changes) {
 }
 
 bool BindingCache::export_to(const std::string& path) {
-  const Result exported =
-      export_bindings(store_, path, settings_.export_directory, folder_, surroundings_.clock());
+  const ExportRules rules{settings_.export_directory, folder_, workdir_};
+  const Result exported = export_bindings(store_, path, rules, surroundings_.clock());
   if (!exported) {
     VRLOG(kLogError, "IP-user cache: no export to %s: %s", shortened(printable(path)).c_str(),
           printable(exported.error()).c_str());

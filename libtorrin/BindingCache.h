@@ -59,6 +59,7 @@ class BindingCache {
 
   const Surroundings surroundings_;
   Settings settings_;
+  std::string workdir_;  // absolute, as is the next
   std::string folder_;
   std::unique_ptr<Recovery> recovery_;  // holds the folder
   Store store_;

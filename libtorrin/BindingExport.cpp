@@ -90,6 +90,22 @@ bool is_same_folder(int folder, const std::string& other) {
          one.st_ino == two.st_ino;
 }
 
+// The daemon does without most of its files; what a client puts in their place would count, or stop the next
+// start.
+bool is_name_of_settings(std::string_view name) {
+  return name.ends_with(".ini") || name.ends_with(".ldif") || name.ends_with(".sh") ||
+         name.starts_with("directory.db");
+}
+
+Result check_place(int folder, const std::string& name, const ExportRules& rules) {
+  // Even to look at the store's lock file would be too much: closing it drops the locks of this process.
+  if (is_same_folder(folder, rules.own_folder)) return tl::unexpected<std::string>("the cache's own folder");
+  if (is_name_of_settings(name) && is_same_folder(folder, rules.workdir)) {
+    return tl::unexpected<std::string>("the daemon would take it for its own file");
+  }
+  return {};
+}
+
 // Whether something stands under the name; an error when that must stay.
 tl::expected<bool, std::string> check_existing(int folder, const std::string& name) {
   struct stat status {};
@@ -208,13 +224,12 @@ void append_csv_line(const AddressKey& key, const BindingView& binding, std::str
   out += "\r\n";
 }
 
-Result export_bindings(Store& store, const std::string& path, const std::string& export_directory,
-                       const std::string& own_folder, int64_t now) {
-  const auto target = read_target(path, export_directory);
+Result export_bindings(Store& store, const std::string& path, const ExportRules& rules, int64_t now) {
+  const auto target = read_target(path, rules.only_below);
   if (!target) return tl::unexpected(target.error());
   const auto folder = open_folder(target->folders);
   if (!folder) return tl::unexpected(folder.error());
-  if (is_same_folder(folder->get(), own_folder)) return tl::unexpected<std::string>("the cache's own folder");
+  if (Result place = check_place(folder->get(), target->name, rules); !place) return place;
   const auto may_write = check_existing(folder->get(), target->name);
   if (!may_write) return tl::unexpected(may_write.error());
   Draft draft(folder->get());

@@ -94,6 +94,8 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
       {deep + "/missing/x", "No such file"},  // the reason is not cut off
       {"/" + std::string(5000, '\n'), "File name too long"},
       {out_ + "/" + std::string(256, 'n'), "File name too long"},
+      {workdir_ + "/IPUserCache.ini", "its own file"},
+      {workdir_ + "/directory.ldif", "its own file"},
       {file("list.csv"), "the cache's own folder"},
       {file("bindings.mdb-lock"), "the cache's own folder"},
   };
@@ -112,6 +114,8 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
   };
   EXPECT_EQ(in_child(sees_our_lock), 0) << "a file that was looked at and closed loses its locks";
   EXPECT_EQ(read_text(out_ + "/foreign"), "root:x:0:0\n");
+  EXPECT_TRUE(cache_->export_to(workdir_ + "/list.csv"));
+  EXPECT_TRUE(cache_->export_to(out_ + "/list.ini")) << "no settings anywhere else";
   EXPECT_TRUE(cache_->export_to(out_ + "/" + std::string(255, 'n'))) << "the longest name that there can be";
 }
 
