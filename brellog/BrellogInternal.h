@@ -19,7 +19,7 @@ struct TextBuffers {
   char print_errno[kTextBytes];
 };
 
-// The calling thread's, made at its first use and never freed.
+// The calling thread's, its own from the first use to its end.
 TextBuffers& thread_buffers();
 
 // Whether a VrLogDisableHelper is alive on the calling thread. Needs no allocation.

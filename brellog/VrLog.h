@@ -6,7 +6,7 @@
 //
 // All functions may be called from any thread, never throw, never report failure and leave errno as it was.
 // Configuration belongs to one thread at a time. A thread's first message allocates its context and
-// buffers, which are never freed; later messages allocate nothing.
+// buffers, or takes those of a thread that has ended; later messages allocate nothing.
 #pragma once
 
 #include <unistd.h>  // gettid()

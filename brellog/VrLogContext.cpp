@@ -1,11 +1,14 @@
 // Per-thread state of logging, and what is put on a thread or a source file to mark its lines.
 
+#include <pthread.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <map>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
 
 #include "brellog/BrellogInternal.h"
@@ -19,13 +22,23 @@ struct ThreadState {
   VrLogContext* context = &own_context;
   brellog::TextBuffers buffers;
   ThreadState* next = nullptr;
+  std::atomic<bool> has_thread{true};
 };
 
-// Every thread's state, also of threads that have ended: pointers into it may still be in somebody's hands.
-// The list keeps all of it reachable.
+// The states of all threads, also of those that have ended. Nothing is ever freed, but a new thread takes the
+// state of an ended one: threads that come and go and log a line each do not add up.
 std::atomic<ThreadState*> g_thread_states{nullptr};
 thread_local ThreadState* t_state = nullptr;
 thread_local int t_disable_count = 0;
+
+ThreadState* find_free_state() {
+  ThreadState* state = g_thread_states.load(std::memory_order_acquire);
+  for (; state != nullptr; state = state->next) {
+    bool taken = false;
+    if (state->has_thread.compare_exchange_strong(taken, true, std::memory_order_acq_rel)) break;
+  }
+  return state;
+}
 
 ThreadState* make_thread_state() noexcept {
   ThreadState* const state = std::make_unique<ThreadState>().release();
@@ -36,8 +49,30 @@ ThreadState* make_thread_state() noexcept {
   return state;
 }
 
+void give_back(void* argument) {
+  auto* const state = static_cast<ThreadState*>(argument);
+  t_state = nullptr;
+  state->own_context = VrLogContext();
+  state->context = &state->own_context;
+  state->has_thread.store(false, std::memory_order_release);
+}
+
+// Calls give_back() at the end of a thread: after its thread_local objects, which may log, and once more
+// should somebody log after it.
+void give_back_at_thread_end(ThreadState* state) {
+  static const auto key = [] {
+    pthread_key_t made = 0;
+    return pthread_key_create(&made, give_back) == 0 ? std::optional(made) : std::nullopt;
+  }();
+  if (key) pthread_setspecific(*key, state);
+}
+
 ThreadState& thread_state() {
-  if (t_state == nullptr) t_state = make_thread_state();
+  if (t_state == nullptr) {
+    t_state = find_free_state();
+    if (t_state == nullptr) t_state = make_thread_state();
+    give_back_at_thread_end(t_state);
+  }
   return *t_state;
 }
 

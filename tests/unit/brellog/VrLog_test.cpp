@@ -150,7 +150,17 @@ TEST_F(VrLogTest, LineCarriesLevelTagTextAndPlace) {
   VrLogContext::setCurrentThreadTag(-2);
   LogPrintf_CB("a %d", 1);  // with the writer's own header
   EXPECT_EQ(lines().back(), "12:00:00.000 <INF><4294967294:" + ids_ + "> a 1");
-  std::thread([] { DbgPrintf_CB("b"); }).join();
+
+  // Threads that come and go share one context, and nothing of what was in it.
+  VrLogContext* first = nullptr;
+  std::thread([&] {
+    first = VrLogContext::getCurrentLogContext();
+    VrLogContext::setCurrentThreadTag(7);
+  }).join();
+  std::thread([&] {
+    DbgPrintf_CB("b");
+    EXPECT_EQ(VrLogContext::getCurrentLogContext(), first);
+  }).join();
   EXPECT_THAT(lines().back(), HasSubstr("<DBG><0:" + std::to_string(getpid())));
 }
 
