@@ -18,9 +18,17 @@ constexpr size_t kLongestKeptName = 256;
 // The answers for members of more take long in any case.
 constexpr size_t kMostKeptGroups = 500;
 
-// A text of nothing but characters that folding ignores. It is in no name, while the empty text is in all.
-bool vanishes(std::string_view name) {
-  return !name.empty() && search_text(name).empty();
+// To fold the megabytes that a client may send takes a thread many seconds and hundreds of megabytes.
+constexpr size_t kLongestName = size_t{64} << 10;
+
+// What is too long for a name gets the key of the empty text, which is nobody's.
+std::string name_key(std::string_view name) {
+  return name.size() > kLongestName ? std::string() : fold_text(name);
+}
+
+// Also a text of nothing but characters that folding ignores, while the empty text is in all names.
+bool is_in_no_name(std::string_view part) {
+  return part.size() > kLongestName || (!part.empty() && search_text(part).empty());
 }
 
 // The search limit is over when one more than it allows is found.
@@ -57,9 +65,9 @@ int DirectoryQueries::search_users(std::string_view name, Match match, std::list
   std::vector<EntryId> ids;
   const size_t limit = probe_limit(search_limit_);
   if (match == Match::kWhole) {
-    reader_.users_named(fold_text(name), NameUse::kSearch, ids);
+    reader_.users_named(name_key(name), NameUse::kSearch, ids);
     sort_unique(ids);
-  } else if (!vanishes(name)) {
+  } else if (!is_in_no_name(name)) {
     reader_.users_containing(search_text(name), limit, ids);
   }
   const bool more = cut(ids, search_limit_);
@@ -74,8 +82,8 @@ int DirectoryQueries::search_groups(std::string_view name, Match match, std::lis
   std::vector<EntryId> ids;
   const size_t limit = probe_limit(search_limit_);
   if (match == Match::kWhole)
-    reader_.groups_with_cn(fold_text(name), limit, ids);
-  else if (!vanishes(name))
+    reader_.groups_with_cn(name_key(name), limit, ids);
+  else if (!is_in_no_name(name))
     reader_.groups_containing(search_text(name), limit, ids);
   const bool more = cut(ids, search_limit_);
   list_groups(ids, groups);
@@ -99,7 +107,7 @@ int DirectoryQueries::group_groups(std::string_view group, Match match, std::lis
   std::vector<EntryId> tops;
   if (match == Match::kWhole) {
     if (const auto id = find_group(group, true, true)) tops.push_back(*id);
-  } else if (!vanishes(group)) {
+  } else if (!is_in_no_name(group)) {
     reader_.groups_containing(search_text(group), 0, tops);
   }
   if (tops.empty()) return code(kDirectoryNoSuchObject);
@@ -185,7 +193,7 @@ CredentialVerdict DirectoryQueries::check_credential(std::string_view user, std:
 
 // Asks the memory of all threads first.
 std::shared_ptr<const KeptUser> DirectoryQueries::find_known(std::string_view name, bool with_groups) {
-  const std::string key = fold_text(name);
+  const std::string key = name_key(name);
   // A DN has any number of spellings.
   const bool can_be_kept = key.size() <= kLongestKeptName && key.find('=') == std::string::npos;
   KnownUsers& all = reader_.file()->known_users();
@@ -260,7 +268,7 @@ std::optional<EntryId> DirectoryQueries::find_user(std::string_view name) {
 // way may give several users. All are asked; only a name that means one user in the end means anybody.
 std::vector<EntryId> DirectoryQueries::users_meant(std::string_view name) {
   std::vector<EntryId> ids;
-  const std::string key = fold_text(name);
+  const std::string key = name_key(name);
   if (key.empty()) return ids;
   reader_.users_named(key, NameUse::kIdentity, ids);
   const std::string_view folded = key;
@@ -278,8 +286,8 @@ std::vector<EntryId> DirectoryQueries::users_meant(std::string_view name) {
 
 std::optional<EntryId> DirectoryQueries::find_group(std::string_view name, bool by_cn, bool by_dn) {
   std::vector<EntryId> ids;
-  if (by_cn) reader_.groups_with_cn(fold_text(name), 2, ids);
-  if (by_dn) {
+  if (by_cn) reader_.groups_with_cn(name_key(name), 2, ids);
+  if (by_dn && name.size() <= kLongestName) {
     if (const std::string dn_key = normalize_dn(name); !dn_key.empty()) reader_.groups_with_dn(dn_key, ids);
   }
   return only_one(ids);

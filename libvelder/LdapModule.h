@@ -5,8 +5,8 @@
 // threads at once. After a fork the child opens everything anew at its first call.
 //
 // Calls that return int give the LDAP result codes of RFC 4511: kDirectorySuccess and so on. A search
-// without a hit is a success with an empty list. Lists are appended to and owned by the caller. Nothing
-// throws.
+// without a hit is a success with an empty list. A name of more than 64 KiB is nobody's and in no other.
+// Lists are appended to and owned by the caller. Nothing throws.
 #pragma once
 
 #include <list>
