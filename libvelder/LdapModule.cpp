@@ -159,7 +159,7 @@ int LdapModule::get_group_groups(const std::string& group, int flag, std::list<G
 int LdapModule::get_all_users(std::list<std::string> groups, int is_dn,
                               std::list<GroupUserMeta>& group_users) {
   velder::before_long_work();
-  return look_up([&](auto& queries) { return queries.all_users(groups, is_dn != 0, group_users); });
+  return look_up([&](auto& queries) { return queries.all_users(groups, is_dn == 1, group_users); });
 }
 
 int LdapModule::get_user_info(const std::string& user, std::string& domain_dns, std::string& uid,

@@ -61,6 +61,7 @@ def test_groups__of_searches_groups_and_users(connection, kind, request_message,
 @pytest.mark.parametrize("is_dn, groups, result, expected", [
     (0, ["labrats", "nobody", "STAFF"], 0, [("labrats", ["rat@lab.test"]), ("Staff", CYCLE)]),
     (1, [GROUPS["Engineers"], "Staff"], 0, [("Engineers", CYCLE)]),
+    (2, [GROUPS["Engineers"], "Staff"], 0, [("Staff", CYCLE)]),  # only 1 means DNs
     (0, ["Domain Users", "\u00fcber g\u00e4ste"], 0, [("Domain Users", CYCLE[:1]), ("\u00dcber G\u00e4ste", [])]),
     (0, [GROUPS["Staff"]], NO_SUCH, []),
 ])
