@@ -26,7 +26,7 @@ def exit_line(pid):
 
 
 def test_monitor__dead_worker_comes_back_but_not_in_the_first_minute(daemon):
-    factor = 40
+    factor = 20
     daemon.start("--verbose", files=FILES, factor=factor)
     victim, other = daemon.workers()
     os.kill(victim, signal.SIGKILL)
@@ -43,6 +43,13 @@ def test_monitor__dead_worker_comes_back_but_not_in_the_first_minute(daemon):
     assert seconds_between(death, daemon.wait_line(STARTED, pid=last)) < 600 / factor / 2
     with daemon.connections_by_worker() as connections:
         assert {connection.query("192.0.2.1").result for connection in connections.values()} == {1}
+    # However fast it dies again and again, it is forked once a second at most.
+    begin, dead = time.monotonic(), set()
+    while (elapsed := time.monotonic() - begin) < 0.5:
+        for pid in set(daemon.children()) - {other} - dead:
+            os.kill(pid, signal.SIGKILL)
+            dead.add(pid)
+    assert 1 < len(dead) <= elapsed * factor + 2
 
 
 def test_monitor__slots_past_the_fifth_are_not_refilled(daemon):

@@ -218,6 +218,10 @@ class Daemon:
                 if fields and "anon_inode:[eventpoll]" in descriptors(pid).values()}
         return sorted(born, key=lambda pid: (born[pid], pid))
 
+    def children(self):
+        """Pids of all children, dead ones included."""
+        return map(int, Path(f"/proc/{self.pid}/task/{self.pid}/children").read_text("ascii").split())
+
     def wait_workers(self, count):
         def there():
             assert processes().get(self.pid, (0, "Z"))[1] != "Z", "the daemon has ended:\n" + log_text()[-3000:]
