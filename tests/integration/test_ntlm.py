@@ -1,14 +1,16 @@
 """NTLM with hashes of the directory, with clients that nobody here wrote; and many of them."""
 
+import base64
 import collections
 import concurrent.futures
 import os
 import re
 from pathlib import Path
 
-from harness import directory
+from harness import directory, wire
 from harness.authctl import OK, OTHER, USAGE, authctl
-from harness.daemon import log_text
+from harness.daemon import log_text, until
+from harness.wire import pb
 from servers import ntlm, workdir
 from servers.ntlm import HASH, Logon, SambaClient, last_refusal
 
@@ -54,6 +56,43 @@ def test_challenge__is_for_one_exchange_on_one_connection(daemon):
         assert first.challenge(client.type1()), "the connection is free for another exchange"
         assert first.user(answer) is None, "which the old answer does not fit"
         assert second.connection.query("192.0.2.254").result == 1
+
+
+def request(number, token, client=ntlm.CLIENT):
+    return pb.NTLMAuthRequest(messageType=number, clientIP=client, requestContent=token)
+
+
+INVALID = "Error: invalid NTLM_AUTH_REQUEST type {} message"
+
+
+def test_frames__of_an_exchange(daemon):
+    start(daemon)
+    with SambaClient("alice", "password", "CORP") as client:
+        token = client.type1()
+        for begun, data, level, line in (
+                (False, wire.frame(wire.NTLM, request(2, token)), "ERR", INVALID.format(1)),
+                (False, wire.frame(wire.NTLM, request(1, token, "")), "ERR", INVALID.format(1)),  # ends at its first zero
+                (True, wire.frame(wire.NTLM, request(1, token)), "ERR", INVALID.format(2)),
+                (True, wire.HEADER.pack(-1, wire.NTLM), "ERR", INVALID.format(2)),
+                (True, wire.HEADER.pack(wire.LARGEST_BODY + 1, wire.NTLM), "INF", "Error: receive message is too big, discard it")):
+            logon, before = Logon(), daemon.count_lines(line, level=level)
+            assert not begun or logon.challenge(token)
+            logon.connection.send(data)
+            logon.connection.expect_closed()
+            daemon.wait_line(line, level=level, count=before + 1)
+        # The header of the second one may name any type, and its bytes may come one after the other.
+        logon = Logon()
+        second = request(2, client.type3(logon.challenge(client.type1()))).SerializeToString()
+        for part in (wire.HEADER.pack(len(second), 99)[:5], wire.HEADER.pack(len(second), 99)[5:] + second[:9], second[9:]):
+            before = daemon.count_lines("Info: need more data to continue")
+            logon.connection.send(part)
+            if part != second[9:]:
+                until(lambda: daemon.count_lines("Info: need more data to continue") > before, "the wait for more")
+        assert logon.connection.receive_answer(wire.NTLM).responseContent == "CORP\\alice"
+        assert logon.connection.query("192.0.2.254").result == 1
+        # One byte more than there is room for is not looked at.
+        for size, reason in ((3071, "it is no NTLM message 1"), (3072, "longer than 3071 bytes")):
+            assert logon.challenge(base64.b64encode(bytes(size)).decode()) is None and reason in last_refusal()
 
 
 def test_authctl__logs_on_as_a_client(daemon, monkeypatch):
