@@ -1,6 +1,6 @@
 // The acceptor's side of NTLM and Kerberos through GSSAPI. No decisions here: tokens go in, tokens, names and
 // the mechanism's reasons come out. What a message may look like is checked before (NtlmMessage), who is let
-// in is decided after (NtlmExchange, NegotiateRequest).
+// in is decided after (NtlmLogon, NegotiateLogon).
 //
 // One acceptor credential serves the whole process, each exchange has a context of its own. Credentials are
 // made at the first call, so an acceptor that was made before a fork and not called holds nothing.

@@ -163,8 +163,6 @@ const char* prepare_ntlm_type3(std::string& message, uint32_t challenge_flags, N
   if (lowest < kType3Header) {
     // Such clients echo the version flag of the challenge without having a version.
     write_u32(message, kType3Flags, read_u32(message, kType3Flags) & ~uint32_t{kNtlmVersion});
-  } else if (message.size() < kType3Header) {
-    return "message 3 is too short";
   }
   const bool unicode = (challenge_flags & kNtlmUnicode) != 0;
   if (!read_name(Field(message, kUser).in(message), unicode, identity.user) ||
