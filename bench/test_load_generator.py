@@ -100,59 +100,6 @@ def test_what_could_not_be_sent_at_its_pace_is_counted():
     assert (result["requests"], result["overdue"]) == (16, 180)
 
 
-def ldap(tag, *content):
-    body = b"".join(content)
-    return bytes([tag, 0x82, len(body) >> 8, len(body) & 255]) + body
-
-
-def serve_ldap(answers):
-    """Port of a server that answers every search and every bind with these operations."""
-    listener = socket.create_server(("127.0.0.1", 0))
-
-    def serve(connection):
-        with connection:
-            while request := connection.recv(4096):
-                asked = "bind" if 0x60 in request[5:8] else "search"
-                for operation in answers[asked]:
-                    connection.sendall(ldap(0x30, b"\x02\x01\x01", operation))
-
-    def accept():
-        while True:
-            threading.Thread(target=serve, args=(listener.accept()[0],), daemon=True).start()
-
-    threading.Thread(target=accept, daemon=True).start()
-    return listener.getsockname()[1]
-
-
-def ldap_result(tag, code):
-    return ldap(tag, bytes([0x0A, 1, code]), b"\x04\x00\x04\x00")
-
-
-ENTRY = ldap(0x64, ldap(4, b"cn=user0000000"), ldap(0x30, ldap(4, b"user0000000@corp.example")))
-FOUND = [ENTRY, ldap_result(0x65, 0)]
-WELCOME = [ldap_result(0x61, 0)]
-
-
-@pytest.mark.parametrize("request_text, search, bind, fault", [
-    ("user-info", FOUND, [], None),
-    ("validate", FOUND, WELCOME, None),
-    ("user-info", [ldap_result(0x65, 0)], [], "wrong answer"),
-    ("user-info", [ENTRY, *FOUND], [], "wrong answer"),
-    ("user-info", [ENTRY, ldap_result(0x65, 4)], [], "wrong answer"),
-    ("user-info", [ldap(0x64, ldap(4, b"cn=other"), ldap(0x30)), ldap_result(0x65, 0)], [], "wrong answer"),
-    ("validate", FOUND, [ldap_result(0x61, 49)], "wrong answer"),
-    ("bind", FOUND, WELCOME, "no addresses"),
-])
-def test_a_directory_server_that_finds_nobody_is_not_fast_but_wrong(request_text, search, bind, fault):
-    port = serve_ldap({"search": search, "bind": bind})
-    status, result, complaint = generate("ldap", port, "--request", request_text, "--connections", "4", "--users", "1",
-                                         "--server-pids", str(os.getpid()))
-    if fault is None:
-        assert (status, complaint) == (0, "") and result["requests"] > 0
-    else:
-        assert (status, result) == (1, None) and fault in complaint
-
-
 @pytest.mark.parametrize("fault, wrong, unanswered", [
     pytest.param(lambda answer: answer[:-1] + b"!", 4, 0, id="last byte differs"),
     pytest.param(lambda answer: answer + b"!", 4, 0, id="a byte too many"),
