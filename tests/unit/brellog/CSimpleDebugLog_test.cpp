@@ -11,7 +11,7 @@
 #include <functional>
 #include <utility>
 
-#include "tests/unit/brellog/LogTestSupport.h"
+#include "tests/unit/Support.h"
 
 namespace {
 std::atomic<int> g_writes{0};
@@ -21,7 +21,7 @@ std::function<void()> g_at_the_clock;  // called once
 // Takes the place of the C library's, for the whole test program.
 extern "C" int gettimeofday(timeval* __restrict time, void* __restrict /*zone*/) noexcept {
   if (g_at_the_clock) std::exchange(g_at_the_clock, nullptr)();
-  const int64_t fake = log_test::g_fake_microseconds;
+  const int64_t fake = support::g_fake_microseconds;
   timespec now = {fake / 1'000'000, fake % 1'000'000 * 1000};
   if (fake < 0) clock_gettime(CLOCK_REALTIME, &now);
   *time = {now.tv_sec, now.tv_nsec / 1000};
@@ -36,9 +36,9 @@ extern "C" ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
 
 namespace {
 
-using log_test::kNoon;
-using log_test::read_file;
-using log_test::split_lines;
+using support::kNoon;
+using support::read_file;
+using support::split_lines;
 
 class DebugLogTest : public testing::Test {
  protected:
@@ -46,8 +46,8 @@ class DebugLogTest : public testing::Test {
   std::string written() const { return read_file(prefix() + ".20240301.0001"); }
   void log(const std::string& text) { log_.WriteLog(CSimpleDebugLog::kInfo, 0, true, "%s", text.c_str()); }
 
-  log_test::TempDir folder_;
-  log_test::FakeClock clock_{kNoon, 7'999};
+  support::TempDir folder_;
+  support::FakeClock clock_{kNoon, 7'999};
   CSimpleDebugLog log_;
 };
 

@@ -8,13 +8,13 @@
 
 #include "daemonbase/BRELConfigFile.h"
 #include "daemonbase/BRELIPList.h"
-#include "tests/unit/brellog/LogTestSupport.h"
+#include "tests/unit/Support.h"
 
 namespace {
 
-using log_test::log_lines;
-using log_test::TempDir;
-using log_test::write_file;
+using support::log_lines;
+using support::TempDir;
+using support::write_file;
 using testing::HasSubstr;
 
 // "EITDM" with a "-" for each level that is off.
@@ -40,11 +40,11 @@ class VrLogTest : public testing::Test {
     VrLog::stopLog();
   }
 
-  std::vector<std::string> lines() const { return log_lines(folder_, "test.log"); }
+  std::vector<std::string> lines() const { return log_lines(folder_.path(), "test.log"); }
 
   const std::string ids_ = std::to_string(getpid()) + ":" + std::to_string(gettid());
   TempDir folder_;
-  log_test::FakeClock clock_{log_test::kNoon};
+  support::FakeClock clock_{support::kNoon};
 };
 
 class TaggingFilter : public VrLogFilter {
@@ -52,7 +52,7 @@ class TaggingFilter : public VrLogFilter {
   bool canLog(enumLogMsgType /*level*/, BRELIPList* list) override {
     VRLOG(kLogError, "asked");  // must neither recurse nor appear
     list_seen = list;
-    return allow;
+    return false;
   }
   int getClientSock() override { return 5; }
   int getServerSock() override { return 6; }
@@ -60,7 +60,6 @@ class TaggingFilter : public VrLogFilter {
   uint32_t getLogFilerTag() override { return 0xab; }
   uint32_t getGlobalSessionTag() override { return 9; }
 
-  bool allow = false;
   BRELIPList* list_seen = nullptr;
 };
 
@@ -76,7 +75,7 @@ void configure_for_the_first_time() {
     VrLog::setLogVerbose(false);
     VrLog::setConfig("x.log", folder.path().c_str());
     printf("seen: %s%s:%s\n", seen.c_str(), enabled_levels().c_str(),
-           log_lines(folder, "x.log").at(0).c_str());
+           log_lines(folder.path(), "x.log").at(0).c_str());
     VrLog::bDupLogToConsole = true;
     VRLOG(kLogError, "echoed once");
   }
@@ -164,7 +163,7 @@ TEST_F(VrLogTest, LineCarriesLevelTagTextAndPlace) {
   EXPECT_THAT(lines().back(), HasSubstr("<DBG><0:" + std::to_string(getpid())));
 }
 
-TEST_F(VrLogTest, FilterPrefixAndModuleMarkTheLine) {
+TEST_F(VrLogTest, AFilterMarksOrRefusesTheLinesOfItsThread) {
   const auto line = [](const char* file = nullptr) {
     return std::string(VrLog::_FormatLog(kLogInfo, file, 1, nullptr, "x"));
   };
@@ -172,10 +171,17 @@ TEST_F(VrLogTest, FilterPrefixAndModuleMarkTheLine) {
   VrLogContext::setCurrentThreadTag(4);
   VrLogContext::setCurrentLogFilter(&filter);
   EXPECT_EQ(line(), "<INF><9:" + ids_ + "> <0xab:0:3> <C:5><S:6> x");
-  VrLogContext foreign;
-  VrLogContext::setCurrentLogContext(&foreign);
-  EXPECT_EQ(line(), "<INF><0:" + ids_ + "> x");
-  VrLogContext::setCurrentLogContext(nullptr);  // the thread's own, with its filter
+  VrLog::setLogFilterIPList("not an address");
+  EXPECT_EQ(enabled_levels(), "EITDM");
+  VrLog::setLogFilterIPList(" 10.0.0.1, 10.0.0.2 ");
+  const size_t before = lines().size();
+  EXPECT_EQ(enabled_levels(), "E----");
+  EXPECT_EQ(lines().size(), before);
+  std::thread([] { EXPECT_EQ(enabled_levels(), "EITDM"); }).join();  // has no filter
+  VrLog::setLogFilterIPList("");
+  EXPECT_EQ(enabled_levels(), "EITDM");
+  ASSERT_NE(filter.list_seen, nullptr);
+  EXPECT_EQ(filter.list_seen->GetNodeCount(), 2U);  // the replaced list lives for one more call
   VrLogContext::setCurrentLogFilter(nullptr);
 
   const VrLogModuleInfo module("mod", "dir/Marked.cpp");
@@ -185,6 +191,10 @@ TEST_F(VrLogTest, FilterPrefixAndModuleMarkTheLine) {
     EXPECT_EQ(strlen(VrLogPrefixHelper::getCurrPrefix()), VrLogContext::kPrefixBytes - 1);
   }
   EXPECT_EQ(line("dir/Marked.cpp"), "<INF><4:" + ids_ + "> [mod] Outer.cpp, go, n=1, x @@<Marked.cpp:1>");
+  const VrLogDisableHelper silence;
+  { const VrLogDisableHelper inner; }
+  EXPECT_EQ(enabled_levels(), "-----");
+  std::thread([] { EXPECT_EQ(enabled_levels(), "EITDM"); }).join();
 }
 
 TEST_F(VrLogTest, SystemErrorsAreNamedAndErrnoStays) {
@@ -209,35 +219,6 @@ TEST_F(VrLogTest, SystemErrorsAreNamedAndErrnoStays) {
   EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST_F(VrLogTest, FilterWithAListAndSilenceRefuseLinesOfTheirThread) {
-  TaggingFilter filter;
-  VrLogContext::setCurrentLogFilter(&filter);
-  for (const char* none : {" \t", "not an address"}) {
-    VrLog::setLogFilterIPList(none);
-    EXPECT_EQ(enabled_levels(), "EITDM") << none;
-  }
-  EXPECT_EQ(filter.list_seen, nullptr);
-
-  VrLog::setLogFilterIPList(" 10.0.0.1, 10.0.0.2 ");
-  const size_t before = lines().size();
-  EXPECT_EQ(enabled_levels(), "E----");
-  EXPECT_EQ(lines().size(), before);
-  filter.allow = true;
-  EXPECT_EQ(enabled_levels(), "EITDM");
-  filter.allow = false;
-  std::thread([] { EXPECT_EQ(enabled_levels(), "EITDM"); }).join();  // has no filter
-
-  VrLog::setLogFilterIPList("");
-  EXPECT_EQ(enabled_levels(), "EITDM");
-  ASSERT_NE(filter.list_seen, nullptr);
-  EXPECT_EQ(filter.list_seen->GetNodeCount(), 2U);  // the replaced list lives for one more call
-
-  const VrLogDisableHelper outer;
-  { const VrLogDisableHelper inner; }
-  EXPECT_EQ(enabled_levels(), "-----");
-  std::thread([] { EXPECT_EQ(enabled_levels(), "EITDM"); }).join();
-}
-
 TEST_F(VrLogTest, SettingsFileNamesFileAndLevels) {
   const std::string path = folder_.file("x.ini");
   write_file(path, "[log]\nlogfile_prefix=ini.log\nlogfile=" + folder_.path() + "\nverbose=trans\n");
@@ -245,7 +226,7 @@ TEST_F(VrLogTest, SettingsFileNamesFileAndLevels) {
   VrLog::setConfig(&file, "log", nullptr, "", nullptr, nullptr);
   EXPECT_EQ(enabled_levels(), "E-T--");
   VRLOG(kLogError, "into the file");
-  EXPECT_THAT(log_lines(folder_, "ini.log").back(), HasSubstr("into the file"));
+  EXPECT_THAT(log_lines(folder_.path(), "ini.log").back(), HasSubstr("into the file"));
 
   // Taken again only when the file was read at another modification time.
   file.setparam("log", "verbose", "more");

@@ -7,12 +7,12 @@
 #include <chrono>
 
 #include "brellog/VrLog.h"
-#include "tests/unit/brellog/LogTestSupport.h"
+#include "tests/unit/Support.h"
 
 namespace {
 
-using log_test::read_file;
-using log_test::write_file;
+using support::read_file;
+using support::write_file;
 
 class ConfigFileTest : public testing::Test {
  protected:
@@ -20,7 +20,7 @@ class ConfigFileTest : public testing::Test {
     write_file(path_, text);
     return path_;
   }
-  log_test::TempDir folder_;
+  support::TempDir folder_;
   const std::string path_ = folder_.file("test.ini");
 };
 
@@ -85,7 +85,7 @@ TEST_F(ConfigFileTest, LogTellsWhatIsWrongAndMissing) {
   file.read_config("/");
   VrLog::stopLog();
   std::string told;
-  for (const std::string& line : log_test::log_lines(folder_, "x.log")) {
+  for (const std::string& line : support::log_lines(folder_.path(), "x.log")) {
     const size_t text = line.find("> ") + 2;
     told += line.substr(14, 3) + " " + line.substr(text, line.rfind(" @<") - text) + "\n";
   }
@@ -149,14 +149,11 @@ TEST_F(ConfigFileTest, ChangeIsSeenUntilTheFileIsReadAgain) {
 }
 
 TEST_F(ConfigFileTest, MessageFileIsReadWholeWithoutOneByteOrderMark) {
-  for (const char* text : {"", "a\nb\n", "\xEF\xBB"}) {
-    for (const char* mark : {"", "\xEF\xBB\xBF"}) {
-      const std::unique_ptr<char[]> read(ConfigFile().ReadWarnMsg(ini(std::string(mark) + text).c_str()));
-      EXPECT_STREQ(read.get(), text);
-    }
+  for (const auto& [content, text] : {std::pair("a\nb\n", "a\nb\n"), {"\xEF\xBB\xBF\xEF\xBB", "\xEF\xBB"}}) {
+    const std::unique_ptr<char[]> read(ConfigFile().ReadWarnMsg(ini(content).c_str()));
+    EXPECT_STREQ(read.get(), text);
   }
-  EXPECT_EQ(ConfigFile().ReadWarnMsg("/none"), nullptr);
-  EXPECT_EQ(ConfigFile().ReadWarnMsg("/"), nullptr);
+  for (const char* none : {"/none", "/"}) EXPECT_EQ(ConfigFile().ReadWarnMsg(none), nullptr);
 }
 
 }  // namespace

@@ -1,16 +1,16 @@
 #include "daemonbase/BRELSync.h"
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <thread>
 #include <typeinfo>
 
 #include "daemonbase/BRELSyncShared.h"
-#include "tests/unit/brellog/LogTestSupport.h"
+#include "tests/unit/Support.h"
 
 // These tests lock twice, fail to lock and unlock what is not theirs: nothing for the analysis.
 #if defined(__clang__)
@@ -19,7 +19,7 @@
 
 namespace {
 
-using log_test::TempDir;
+using support::TempDir;
 using namespace std::chrono;
 
 // The thread sanitizer reports every unlock of a mutex that the thread does not hold, wanted or not.
@@ -33,13 +33,6 @@ int in_thread(const auto& call) {
   int result = -1;
   std::thread([&] { result = call(); }).join();
   return result;
-}
-
-int in_child(const auto& call) {
-  if (fork() == 0) _exit(call());
-  int status = 0;
-  wait(&status);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 TEST(BRELMutexTest, EveryKindAnswersWithTheErrorNumber) {
@@ -101,86 +94,53 @@ TEST(BRELEventTest, WaitEndsBySignalOrWholeSeconds) {
   EXPECT_EQ(event.Wait(failed, 0), EPERM);
 }
 
-TEST(BRELEventTest, SharedEventKeepsMillisecondsAndWaitsWithoutEnd) {
+TEST(BRELSyncSharedTest, OtherProcessesAreExcludedUntilTheLockIsGivenBack) {
+  const TempDir folder;
+  const std::string kept = folder.file("kept"), emptied = folder.file("emptied"), set = folder.file("set");
+  const std::string semaphore = "/brel_test_" + std::to_string(getpid());
+  for (const std::string& path : {kept, emptied}) support::write_file(path, "content");
+  const std::function<BRELBaseMutex*()> kinds[] = {
+      [&] { return new BRELFileMutex(kept.c_str(), true); },
+      [&] { return new BRELNamedMutex(emptied.c_str()); },
+      [&] { return new BRELSemaphore(set.c_str(), nullptr, 1, 1, false); },
+      [&] { return new BRELPosixSem(semaphore.c_str(), 1, false); },
+  };
+  for (const auto& make : kinds) {
+    const std::unique_ptr<BRELBaseMutex> mutex(make());
+    SCOPED_TRACE(typeid(*mutex).name());
+    const auto others_try = [&] {
+      return support::in_child([&] { return std::unique_ptr<BRELBaseMutex>(make())->TryLock(); });
+    };
+    EXPECT_EQ(mutex->Lock(), 0);
+    EXPECT_EQ(others_try(), EAGAIN);
+    EXPECT_EQ(mutex->Unlock(), 0);
+    EXPECT_EQ(others_try(), 0);
+  }
+  EXPECT_EQ(support::read_file(kept) + support::read_file(emptied), "content");
+  EXPECT_EQ(BRELNamedMutex("/missing/lock").status(), ENOENT);
+  EXPECT_EQ(BRELFileMutex("/missing/lock", true).Lock(), EBADF);
+
+  BRELSemaphore joined(set.c_str(), nullptr, 1, 1, false);
+  EXPECT_EQ(joined.TryLock(), 0) << "what a process held came back when it ended";
+  EXPECT_EQ(joined.IncrementSemaphore(65536), ERANGE);
+  const std::unique_ptr<BRELBaseMutex> anew(BRELRequestMutex(2, set.c_str(), 1, 1));
+  EXPECT_EQ(joined.TryLock(), EINVAL) << "its set is gone";
+  support::write_file(set, "999999\n");
+  EXPECT_EQ(BRELSemaphore(set.c_str(), nullptr, 1, 1, true).status(), EEXIST) << "not recorded, so not ours";
+  EXPECT_EQ(dynamic_cast<BRELSemaphore&>(*anew).Remove(), 0);
+
+  BRELPosixSem raised(semaphore.c_str(), 3, true);
+  for (int value = 3; value > 0; --value) EXPECT_EQ(raised.TryLock(), 0);
+  EXPECT_EQ(raised.TryLock(), EAGAIN);
+  EXPECT_EQ(raised.owner(), getpid());
+  sem_unlink(semaphore.c_str());
+
   BRELSharedMutex mutex(false);
   BRELSharedEvent event;
-  ASSERT_EQ(event.Init(true), 0);
   const BRELLock guard(mutex);
   const auto start = steady_clock::now();
   EXPECT_EQ(event.Wait(mutex, 30), 1);
   EXPECT_GE(steady_clock::now() - start, 25ms);
-  bool ready = false;
-  const std::jthread signaller([&] {
-    const BRELLock inner(mutex);
-    ready = true;
-    event.Signal();
-  });
-  while (!ready) EXPECT_EQ(event.Wait(mutex, BRELSharedEvent::kNoTimeout), 0);
-}
-
-template <typename Mutex, typename... Args>
-void expect_exclusion_of_other_processes(const std::string& path, Args... args) {
-  const auto others_try = [&] { return in_child([&] { return Mutex(path.c_str(), args...).TryLock(); }); };
-  Mutex mutex(path.c_str(), args...);
-  EXPECT_EQ(mutex.Lock(), 0);
-  EXPECT_EQ(others_try(), EAGAIN);
-  EXPECT_EQ(mutex.Unlock(), 0);
-  EXPECT_EQ(others_try(), 0);
-  EXPECT_EQ(Mutex("/missing/lock", args...).Lock(), EBADF);
-}
-
-TEST(BRELFileLockTest, FileLocksExcludeOtherProcesses) {
-  const TempDir folder;
-  const std::string path = folder.file("lock");
-  log_test::write_file(path, "content");
-  expect_exclusion_of_other_processes<BRELFileMutex>(path, true);
-  EXPECT_EQ(log_test::read_file(path), "content");
-  expect_exclusion_of_other_processes<BRELNamedMutex>(path);
-  EXPECT_EQ(log_test::read_file(path), "");
-  EXPECT_EQ(BRELNamedMutex("/missing/lock").status(), ENOENT);
-  const std::string missing = "/missing/" + std::string(800, 'x');
-  EXPECT_EQ(BRELFileMutex(missing.c_str(), true).error(),
-            ("Failed to open lockfile " + missing).substr(0, 511));
-}
-
-TEST(BRELSemaphoreTest, SetIsFoundByNameAndTheOldOneRemoved) {
-  const TempDir folder;
-  const std::string name = folder.file("semaphore");
-  BRELSemaphore first(name.c_str(), nullptr, 1, 2, true);
-  ASSERT_EQ(first.status(), 0);
-  EXPECT_EQ(first.Lock(), 0);
-  BRELSemaphore joined(name.c_str(), nullptr, 1, 2, false);
-  EXPECT_EQ(joined.TryLock(), EAGAIN);
-  EXPECT_EQ(first.IncrementSemaphore(1), 0);
-  EXPECT_EQ(first.IncrementSemaphore(65536), ERANGE);
-  EXPECT_EQ(in_child([&] { return joined.TryLock(); }), 0);  // what a process holds comes back when it ends
-  EXPECT_EQ(joined.TryLock(), 0);
-  EXPECT_EQ(joined.TryLock(), EAGAIN);
-
-  const std::unique_ptr<BRELBaseMutex> anew(BRELRequestMutex(2, name.c_str(), 1, 1));
-  ASSERT_EQ(anew->status(), 0);
-  EXPECT_EQ(first.TryLock(), EINVAL);      // its set is gone
-  log_test::write_file(name, "999999\n");  // a set that the file does not record is not ours
-  EXPECT_EQ(BRELSemaphore(name.c_str(), nullptr, 1, 1, true).status(), EEXIST);
-  EXPECT_EQ(dynamic_cast<BRELSemaphore&>(*anew).Remove(), 0);
-}
-
-TEST(BRELPosixSemTest, HolderIsKnownAndANamedValueIsRaised) {
-  const std::string name = "/brel_test_" + std::to_string(getpid());
-  BRELPosixSem semaphore(name.c_str(), 1, false);
-  EXPECT_EQ(semaphore.Lock(), 0);
-  EXPECT_EQ(semaphore.owner(), getpid());
-  EXPECT_EQ(BRELPosixSem(name.c_str(), 1, false).TryLock(), EAGAIN);
-  EXPECT_EQ(semaphore.ReleaseIfHeld(), 0);
-  EXPECT_EQ(semaphore.ReleaseIfHeld(), 0);  // holds nothing any more
-  for (const int value : {1, 3}) {
-    const BRELPosixSem raised(name.c_str(), 3, value == 3);
-    int seen = 0;
-    semaphore.GetValue(&seen);
-    EXPECT_EQ(seen, value);
-  }
-  sem_unlink(name.c_str());
-  EXPECT_EQ(BRELPosixSem("/no/such", 1, false).Wait(), EINVAL);
 }
 
 }  // namespace

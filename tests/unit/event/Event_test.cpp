@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/unit/brellog/LogTestSupport.h"
+#include "tests/unit/Support.h"
 
 namespace {
 
@@ -55,7 +55,7 @@ std::string run(const std::function<void()>& body) {
     event_dispatch();
   }
   close(ends[1]);
-  const std::string printed = log_test::read_file("/dev/fd/" + std::to_string(ends[0]));
+  const std::string printed = support::read_file("/dev/fd/" + std::to_string(ends[0]));
   close(ends[0]);
   waitpid(child, nullptr, 0);
   return printed;

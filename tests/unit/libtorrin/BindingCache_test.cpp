@@ -156,7 +156,7 @@ TEST_F(BindingCacheTest, TheModuleMayEndInAChildWithoutTouchingTheStore) {
     module.reset();
     return !std::filesystem::exists(file("bindings.compact.mdb"));
   };
-  EXPECT_EQ(in_child(end_in_child), 0);
+  EXPECT_EQ(in_child(end_in_child), true);
   std::string user;
   long expire = 0;
   EXPECT_EQ(module->query_cache_item("::1", user, expire), 0);

@@ -38,18 +38,18 @@ TEST_F(BindingExportTest, LiveBindingsComeSortedByAddressQuotedWhereNeeded) {
   const mode_t before = umask(077);
   ASSERT_TRUE(cache_->export_to(out_ + "/list.csv"));
   umask(before);
-  EXPECT_EQ(read_text(out_ + "/list.csv"), expected + "2001:db8::1,last,1000120\r\n");
+  EXPECT_EQ(read_file(out_ + "/list.csv"), expected + "2001:db8::1,last,1000120\r\n");
   struct stat status {};
   stat((out_ + "/list.csv").c_str(), &status);
   EXPECT_EQ(status.st_mode & 07777, 0640u);
 
   // Drafts that a killed process of this number left; some of the numbers are used up already.
   const std::string draft = out_ + "/.ip-user-export." + std::to_string(getpid()) + ".";
-  for (int i = 0; i < 100; ++i) write_text(draft + std::to_string(i), "left");
+  for (int i = 0; i < 100; ++i) write_file(draft + std::to_string(i), "left");
   g_test_time += 60;
   EXPECT_TRUE(cache_->export_to(out_ + "/list.csv")) << "an earlier export is replaced";
-  EXPECT_EQ(read_text(out_ + "/list.csv"), torrin::kExportHeader);
-  EXPECT_EQ(read_text(draft + "99"), "left");
+  EXPECT_EQ(read_file(out_ + "/list.csv"), torrin::kExportHeader);
+  EXPECT_EQ(read_file(draft + "99"), "left");
   EXPECT_EQ(files_in_out(), 101u);
 
   for (int i = 0; i < 30; ++i) {
@@ -62,9 +62,9 @@ TEST_F(BindingExportTest, LiveBindingsComeSortedByAddressQuotedWhereNeeded) {
 }
 
 TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
-  write_text(out_ + "/foreign", "root:x:0:0\n");
-  write_text(out_ + "/almost", "ip,user,expire_at\n");
-  write_text(out_ + "/export", std::string(torrin::kExportHeader) + "::1,u,0\r\n");
+  write_file(out_ + "/foreign", "root:x:0:0\n");
+  write_file(out_ + "/almost", "ip,user,expire_at\n");
+  write_file(out_ + "/export", std::string(torrin::kExportHeader) + "::1,u,0\r\n");
   std::filesystem::create_directory(out_ + "/folder");
   std::filesystem::create_symlink(out_ + "/export", out_ + "/link");
   std::filesystem::create_symlink(out_ + "/nowhere", out_ + "/dangling");
@@ -112,8 +112,8 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
     return fcntl(open(file("bindings.mdb-lock").c_str(), O_RDWR), F_GETLK, &lock) == 0 &&
            lock.l_pid == getppid();
   };
-  EXPECT_EQ(in_child(sees_our_lock), 0) << "a file that was looked at and closed loses its locks";
-  EXPECT_EQ(read_text(out_ + "/foreign"), "root:x:0:0\n");
+  EXPECT_EQ(in_child(sees_our_lock), true) << "a file that was looked at and closed loses its locks";
+  EXPECT_EQ(read_file(out_ + "/foreign"), "root:x:0:0\n");
   EXPECT_TRUE(cache_->export_to(workdir_ + "/list.csv"));
   EXPECT_TRUE(cache_->export_to(out_ + "/list.ini")) << "no settings anywhere else";
   EXPECT_TRUE(cache_->export_to(out_ + "/" + std::string(255, 'n'))) << "the longest name that there can be";

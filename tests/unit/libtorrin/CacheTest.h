@@ -5,15 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <functional>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,36 +16,25 @@
 #include "brellog/VrLog.h"
 #include "libtorrin/BindingCache.h"
 #include "libtorrin/IPUserCacheModule.h"
+#include "tests/unit/Support.h"
+
+using support::in_child;
+using support::read_file;
+using support::write_file;
 
 inline std::atomic<int64_t> g_test_time{1'000'000};
 
 class CacheTest : public testing::Test {
  protected:
   CacheTest() {
-    char name[] = "/tmp/torrin-test-XXXXXX";
-    root_ = mkdtemp(name);
-    workdir_ = root_ + "/work";
     for (const char* folder : {"/work", "/log"}) std::filesystem::create_directory(root_ + folder);
-    write_text(root_ + "/boot_id", "first-boot\n");
+    write_file(root_ + "/boot_id", "first-boot\n");
     VrLog::setConfig("test.log", (root_ + "/log/").c_str());
     VrLog::setLogVerbose(true);
     g_test_time = 1'000'000;
   }
-  ~CacheTest() override {
-    cache_.reset();
-    std::filesystem::remove_all(root_);
-  }
-
-  static void write_text(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-  }
-  static std::string read_text(const std::string& path) {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
   void settings(const std::string& lines) {
-    write_text(workdir_ + "/IPUserCache.ini", "[IPUserCache]\n" + lines);
+    write_file(workdir_ + "/IPUserCache.ini", "[IPUserCache]\n" + lines);
   }
   // A start of the daemon, after the clean end of the one before.
   int start() {
@@ -79,23 +63,11 @@ class CacheTest : public testing::Test {
     return all;
   }
 
-  // Runs `work` in a child that ends without destructors, as a daemon that was killed; gives its wait status.
-  static int in_child(const std::function<bool()>& work) {
-    const pid_t child = fork();
-    if (child == 0) _exit(work() ? 0 : 1);
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status;
-  }
-
   // Lines of a level ("ERR", "INF") with the given text since forget_log().
   int log_lines(const std::string& level, const std::string& text = "") const {
     int count = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(root_ + "/log")) {
-      std::ifstream log(entry.path());
-      for (std::string line; std::getline(log, line);)
-        count += line.find("<" + level + ">") != std::string::npos && line.find(text) != std::string::npos;
-    }
+    for (const std::string& line : support::log_lines(root_ + "/log", "test.log"))
+      count += line.find("<" + level + ">") != std::string::npos && line.find(text) != std::string::npos;
     return count;
   }
   void forget_log() const {
@@ -103,8 +75,9 @@ class CacheTest : public testing::Test {
       std::filesystem::remove(entry.path());
   }
 
-  std::string root_;
-  std::string workdir_;
+  const support::TempDir folder_;
+  const std::string root_ = folder_.path();
+  std::string workdir_ = root_ + "/work";
   size_t map_bytes_ = torrin::kMapBytes;
   std::unique_ptr<torrin::BindingCache> cache_;
 };

@@ -21,12 +21,12 @@ TEST_F(SettingsTest, AFileThatIsWrongStopsTheStartWithOneLine) {
       alarm(5);  // nobody writes to a pipe
       return start() != 0;
     };
-    EXPECT_EQ(in_child(refused), 0) << about;
+    EXPECT_EQ(in_child(refused), true) << about;
     EXPECT_EQ(log_lines("ERR"), 1) << about;
     EXPECT_EQ(log_lines("ERR", about), 1) << about;
   };
   for (const auto& [text, reason] : rows) {
-    write_text(path, text);
+    write_file(path, text);
     expect_refused("IPUserCache.ini: " + reason);
   }
   std::filesystem::remove(path);

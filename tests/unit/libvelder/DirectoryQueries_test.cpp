@@ -4,10 +4,7 @@ namespace {
 
 class DirectoryQueriesTest : public SampleDirectory {
  protected:
-  void SetUp() override {
-    SampleDirectory::SetUp();
-    ASSERT_EQ(initialize(), 0);
-  }
+  void SetUp() override { ASSERT_EQ(initialize(), 0); }
   // Characters that a name is compared without.
   static std::string soft_hyphens(int count) {
     std::string text;

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <functional>
 #include <thread>
 #include <vector>
 
@@ -20,14 +19,6 @@ constexpr char kZoesGroups[] = "0: <Circle> <Domain Users> <Staff> <Writers>";
 
 class LdapModuleTest : public SampleDirectory {
  protected:
-  // What `body` said in a child process.
-  static bool in_child(const std::function<bool()>& body) {
-    const pid_t child = fork();
-    if (child == 0) _exit(body() ? 0 : 1);
-    int status = -1;
-    waitpid(child, &status, 0);
-    return status == 0;
-  }
   ino_t inode() const {
     struct stat status {};
     return stat(snapshot().c_str(), &status) == 0 ? status.st_ino : 0;
@@ -40,7 +31,7 @@ TEST_F(LdapModuleTest, SnapshotIsPrivateAndReplacesALink) {
   const mode_t before = umask(0);
   EXPECT_EQ(initialize(), 0);
   umask(before);
-  EXPECT_EQ(read(path("precious")), "not a snapshot");
+  EXPECT_EQ(read_file(path("precious")), "not a snapshot");
   for (const char* name : {"directory.db", "directory.db.lock"}) {
     struct stat status {};
     ASSERT_EQ(lstat(path(name).c_str(), &status), 0) << name;
@@ -92,24 +83,26 @@ TEST_F(LdapModuleTest, WhatHappensToTheFilesDoesNotDisturbReaders) {
   write("directory.db", "something else");
   EXPECT_EQ(groups_of("zoe"), kZoesGroups);
   std::thread([] { EXPECT_EQ(who_is("zoe"), kZoe); }).join();
-  EXPECT_TRUE(in_child([] { return who_is("zoe") == kZoe; })) << "a child that finds it broken builds it";
+  EXPECT_EQ(in_child([] { return who_is("zoe") == kZoe; }), true) << "a child that finds it broken builds it";
   // A child sees new data, its parent goes on with the old.
   write("directory.ldif", kOneUser);
-  EXPECT_TRUE(in_child([] {
+  const auto reload = [] {
     bool good = LdapModule::load_db_cache() == 0 && who_is("zoe") == "32";
     std::thread([&] { good = good && who_is("eve") == "0: Eve@corp.example.com"; }).join();
     return good;
-  }));
+  };
+  EXPECT_EQ(in_child(reload), true);
   EXPECT_EQ(who_is("zoe"), kZoe);
 
   std::filesystem::remove_all(root_);
-  EXPECT_TRUE(in_child([] {
+  const auto proves_nobody = [] {
     std::string client = "x", answer = "y";
     bool more = true;
     return who_is("zoe") == "1" && !proves("zoe", "zoe-secret") &&
            !LdapModule::validate_negotiate_message("YII=", client, answer, more) && client + answer == "" &&
            !more;
-  })) << "a directory that is gone proves nobody";
+  };
+  EXPECT_EQ(in_child(proves_nobody), true) << "a directory that is gone proves nobody";
 }
 
 TEST_F(LdapModuleTest, OddAndLongWorkingDirectoriesServe) {
@@ -176,7 +169,7 @@ TEST_F(LdapModuleTest, LookUpsUnderReloadsAndForksSeeOneOfTheTwoStates) {
   other_reloads.join();
 #if !defined(__SANITIZE_ADDRESS__) && \
     !defined(__SANITIZE_THREAD__)  // their allocators may be locked in the child
-  for (int round = 0; round < 20; ++round) EXPECT_TRUE(in_child([] { return who_is("zoe") == kZoe; }));
+  for (int round = 0; round < 20; ++round) EXPECT_EQ(in_child([] { return who_is("zoe") == kZoe; }), true);
 #endif
   stop = true;
   threads.clear();

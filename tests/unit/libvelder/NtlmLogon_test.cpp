@@ -13,7 +13,6 @@ constexpr char kSecondHash[] = "58D567FB78E63B605AF73BFDCB4BC86E";
 class NtlmLogonTest : public SampleDirectory {
  protected:
   void SetUp() override {
-    SampleDirectory::SetUp();
     write("directory.ldif", ldif_of(std::string("cn=a,dc=corp,dc=test|user|cn: alice|sambaNTPassword: ") +
                                     kHash + "\ncn=n,dc=lab,dc=test|user|cn: nohash\n"));
   }

@@ -2,16 +2,18 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
 #include <list>
 #include <sstream>
 #include <string>
 #include <string_view>
 
 #include "libvelder/LdapModule.h"
+#include "tests/unit/Support.h"
+
+using support::in_child;
+using support::read_file;
 
 // LDIF of an entry a line: DN, object class, attributes; a line may go on behind two blanks. %c and %l stand
 // for the two domains of the tests.
@@ -58,26 +60,15 @@ cn=staff,ou=Groups%l|groupOfNames|cn: staff|member: cn=unix,ou=Groups%l
 
 class SampleDirectory : public ::testing::Test {
  protected:
-  void SetUp() override {
-    root_ = (std::filesystem::temp_directory_path() / "velder-XXXXXX").string();
-    ASSERT_NE(mkdtemp(root_.data()), nullptr);
-    workdir_ = root_;
-    write("directory.ldif", kSampleLdif);
-  }
-  void TearDown() override { std::filesystem::remove_all(root_); }
+  SampleDirectory() { write("directory.ldif", kSampleLdif); }
 
   std::string path(const std::string& name) const { return workdir_ + "/" + name; }
   std::string snapshot() const { return path("directory.db"); }
 
   // Beside and renamed, as an administrator should.
   void write(const std::string& name, const std::string& text) const {
-    std::ofstream(path(name) + ".draft", std::ios::binary) << text;
+    support::write_file(path(name) + ".draft", text);
     std::filesystem::rename(path(name) + ".draft", path(name));
-  }
-  static std::string read(const std::string& file) {
-    std::ostringstream text;
-    text << std::ifstream(file, std::ios::binary).rdbuf();
-    return text.str();
   }
   int initialize() const { return LdapModule::initialize(workdir_.c_str(), true); }
 
@@ -111,8 +102,9 @@ class SampleDirectory : public ::testing::Test {
     return LdapModule::validate_credential(user, password, nullptr);
   }
 
-  std::string root_;
-  std::string workdir_;
+  const support::TempDir folder_;
+  const std::string root_ = folder_.path();
+  std::string workdir_ = root_;
 
  private:
   static std::string text_of(const UserMeta& user) { return user.uid; }

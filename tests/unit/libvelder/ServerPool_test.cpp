@@ -1,7 +1,6 @@
 #include "libvelder/ServerPool.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <thread>
 
@@ -32,10 +31,7 @@ class ServerPoolTest : public SampleDirectory {
   // As every program does before it has threads: the client library sets itself up in its first session.
   static void SetUpTestSuite() { ASSERT_EQ(prldap_install_routines(nullptr, 1), 0); }
 
-  void SetUp() override {
-    SampleDirectory::SetUp();
-    write_password("reading\n");
-  }
+  void SetUp() override { write_password("reading\n"); }
 
   std::string write_password(const std::string& text, mode_t mode = 0600) const {
     write("password", text);
@@ -119,11 +115,10 @@ TEST_F(ServerPoolTest, AChildUsesNothingThatItInherited) {
   ServerPool pool(domain({only.url()}));
   for (int i = 0; i < 3; ++i) EXPECT_EQ(ask(pool), "only");
   EXPECT_EQ(only.connections(), 1) << "an idle one is used again";
-  const pid_t child = fork();
-  if (child == 0) _exit(ask(pool) == "only" && check(pool, "good") == BindVerdict::kProven ? 0 : 1);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
+  const auto reads_and_checks = [&] {
+    return ask(pool) == "only" && check(pool, "good") == BindVerdict::kProven;
+  };
+  EXPECT_EQ(in_child(reads_and_checks), true);
   EXPECT_EQ(only.connections(), 3);
   EXPECT_EQ(ask(pool), "only");
   EXPECT_EQ(only.connections(), 3) << "the parent's connection was left alone";

@@ -25,7 +25,7 @@ class SnapshotTest : public SampleDirectory {
 
 TEST_F(SnapshotTest, DamagedFilesAreRefusedAndRebuilt) {
   ASSERT_EQ(initialize(), 0);
-  const std::string good = read(snapshot());
+  const std::string good = read_file(snapshot());
   for (const std::string& bytes :
        {std::string(), good.substr(0, good.size() - 4096), good + std::string(4096, '\0'),
         std::string("SQLite format 3\0", 16) + std::string(4080, 'x')}) {
@@ -72,7 +72,7 @@ TEST_F(SnapshotTest, CountsAndPasswordsAreKeptAsAskedFor) {
     meta = (*file)->meta();
     EXPECT_EQ((std::vector{meta.users, meta.groups, meta.memberships, meta.skipped_users}),
               (std::vector<int64_t>{1, 1, 1, 1}));
-    const std::string bytes = read(snapshot());
+    const std::string bytes = read_file(snapshot());
     for (const char* secret : {"one-secret", "0123456789abcdef"})
       EXPECT_EQ(bytes.find(secret) != std::string::npos, keep) << secret;
     auto reader = velder::SnapshotReader::open(*file);

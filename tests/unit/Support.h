@@ -1,5 +1,8 @@
-// What the tests that read log files or settings share: a folder of their own, and the lines in it.
+// What tests of several folders share: a folder of their own, files and log lines in it, a clock, children.
 #pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstdint>
@@ -11,7 +14,7 @@
 #include <string>
 #include <vector>
 
-namespace log_test {
+namespace support {
 
 // A new folder that goes away with the object.
 class TempDir {
@@ -30,7 +33,7 @@ class TempDir {
   std::string file(const std::string& name) const { return path_ + "/" + name; }
 
  private:
-  std::string path_ = "/tmp/brel_test.XXXXXX";
+  std::string path_ = "/tmp/authd_test.XXXXXX";
 };
 
 inline std::string read_file(const std::string& path) {
@@ -50,12 +53,22 @@ inline std::vector<std::string> split_lines(const std::string& text) {
 }
 
 // The lines of the daily files in a folder whose names begin with the prefix.
-inline std::vector<std::string> log_lines(const TempDir& folder, const std::string& prefix) {
+inline std::vector<std::string> log_lines(const std::string& folder, const std::string& prefix) {
   std::string text;
-  for (const auto& entry : std::filesystem::directory_iterator(folder.path())) {
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
     if (entry.path().filename().string().starts_with(prefix + ".")) text += read_file(entry.path());
   }
   return split_lines(text);
+}
+
+// What `call` gives in a child process, which ends without destructors, as a daemon that was killed; or minus
+// the signal that ended it.
+int in_child(const auto& call) {
+  const pid_t child = fork();
+  if (child == 0) _exit(static_cast<int>(call()));
+  int status = 0;
+  waitpid(child, &status, 0);
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
 // What the log writer takes for the time, where the test program replaces gettimeofday; negative: the real
@@ -80,4 +93,4 @@ class FakeClock {
 
 constexpr int64_t kNoon = 1709294400;  // 2024-03-01 12:00:00 UTC
 
-}  // namespace log_test
+}  // namespace support
