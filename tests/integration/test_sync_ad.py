@@ -1,5 +1,5 @@
 """A domain controller, real in all but its maker: synchronisation, nested and primary groups, big groups, accounts,
-names; and the ranges in which big groups arrive elsewhere."""
+names."""
 
 import re
 from pathlib import Path
@@ -8,7 +8,6 @@ import pytest
 
 from harness.daemon import log_text
 from servers import workdir
-from servers.ranged import MOST_VALUES, RangedServer
 from servers.samba_ad import (CROWD, LOCKED_AFTER, PEOPLE_OF_NOTE, READER, READER_PASSWORD, SUFFIX, USERS, SambaDomain,
                               group_dn, user_dn)
 from servers.workdir import Questions
@@ -126,35 +125,3 @@ def test_validate__disabled_and_locked_are_told_apart_from_wrong(daemon, domain)
         domain.tool("user", "unlock", "lou")
         assert ask.validate("lou", lous) is True
     assert gones not in log_text() and lous not in log_text()
-
-
-# Ranges, by the server that hands out nothing else.
-
-BOUNDARIES = [0, 1, MOST_VALUES, MOST_VALUES + 1, 2 * MOST_VALUES, 5001]
-
-
-def member_dn(number):
-    return f"CN=Member {number},OU=Crowd,{SUFFIX}"
-
-
-def test_ranges__come_complete(daemon):
-    entries = {SUFFIX: {"objectClass": ["top", "domain"]}}
-    for number in range(max(BOUNDARIES)):
-        entries[member_dn(number)] = {"objectClass": ["user"], "cn": [f"Member {number}"], "sAMAccountName": [f"m{number}"]}
-    for count in BOUNDARIES:
-        entries[f"CN=First {count},{SUFFIX}"] = {"objectClass": ["group"], "cn": [f"First {count}"],
-                                                 "member": [member_dn(number) for number in range(count)]}
-    with RangedServer(SUFFIX, entries, (READER, READER_PASSWORD)) as server:
-        workdir.place(workdir.settings([server.url], READER), READER_PASSWORD)
-        daemon.start("--verbose", keep=True)
-
-        def answers():
-            with Questions(timeout=60) as ask:
-                for count in BOUNDARIES:
-                    expected = sorted(f"m{number}@corp.test" for number in range(count))
-                    assert ask.members(f"First {count}") == {f"CN=First {count},{SUFFIX}": expected}, count
-                assert ask.groups_of("m5000") == ["First 5001"]
-                assert ask.groups_of("m1500") == ["First 1501", "First 3000", "First 5001"]
-            return {}
-
-        workdir.expect_live_as_stored(daemon, answers)

@@ -15,9 +15,8 @@ from harness import sandbox
 from harness.daemon import program, until
 from servers import people, workdir
 from servers.process import run
-from servers.ranged import RangedServer
 from servers.relay import Relay
-from servers.slapd import PEOPLE, READER, READER_PASSWORD, SUFFIX, Slapd
+from servers.slapd import READER, READER_PASSWORD, Slapd
 from servers.workdir import Questions
 
 SHORT = {"ConnectTimeout": 1, "OperationTimeout": 1}
@@ -149,64 +148,6 @@ def test_script__brings_changes_to_the_workers(daemon, slapd, as_root):
                 until(lambda ask=connection: ask.user_search("c07777").userList, f"worker {worker} to use the new snapshot")
     finally:
         slapd.remove(people.user_dn("c07777"))
-
-
-# A tree whose names have no dc, and a part of it that is a domain of its own, so that its entries come twice.
-ALICE_THE_RAT = "CN=Alice,OU=Rats,O=Lab"
-LAB = {
-    "O=Lab": {"objectClass": ["organization"]}, "OU=Rats,O=Lab": {"objectClass": ["organizationalUnit"]},
-    "OU=Empty,O=Lab": {"objectClass": ["organizationalUnit"]},
-    ALICE_THE_RAT: {"objectClass": ["user"], "cn": ["Alice"], "sAMAccountName": ["alice"], "password": ["in the lab"]},
-    **{f"CN={cn},O=Lab": {"objectClass": ["user"], "cn": [cn], "sAMAccountName": [uid], "password": ["in the lab"]}
-       for cn, uid in (("Bob", "bob"), ("Lena", "lena"), ("Twin", "twin"), ("Twin 2", "twin"))},
-    "CN=Lab Rats,O=Lab": {"objectClass": ["group"], "cn": ["Lab Rats"], "member": [ALICE_THE_RAT, people.user_dn("bob")]},
-    "CN=Unix,OU=Rats,O=Lab": {"objectClass": ["group"], "cn": ["Unix"], "memberUid": ["alice", "twin"]}}
-WHO = ["alice", "bob", "lena", "LENA@LAB", "CORP\\alice", "corp.test\\alice", "RATS\\alice", "alice@rats.test", ALICE_THE_RAT,
-       "LAB\\alice", "CORP\\bob", "LAB\\bob", "LAB\\twin", "CN=Twin 2, O=Lab", "CN=Unix,OU=Rats,O=Lab", "WRONG\\alice",
-       "alice@other.test", "jmu\u0308ller", "", "*", "ali*", "alice)(uid=*", people.user_dn("jm\u00fcller").upper(),
-       f"CN=Alice Adams , {PEOPLE}", SUFFIX, READER]
-
-
-def test_three_domains__live_and_from_the_snapshot(daemon, slapd):
-    with RangedServer("O=Lab", LAB, ("CN=reader,O=Lab", READER_PASSWORD)) as lab:
-        def all_three(rats):
-            return settings(slapd.url, search_limit=50) + "".join(
-                workdir.domain(number, [lab.url], "CN=reader,O=Lab", base, DnsName=name)
-                for number, base, name in ((2, "O=Lab", "lab.test"), (3, rats, "rats.test")))
-        workdir.place(all_three("OU=Rats,O=Lab"), READER_PASSWORD)
-        daemon.start("--verbose", "--disable-reply-cache", keep=True)
-
-        def answers():
-            with Questions() as ask:
-                domains = {name: ask.user(name)[0] for name in WHO if ask.user(name) != 32}
-                assert (domains["LAB\\bob"], domains["lena"], domains["RATS\\alice"]) == ("lab.test", "lab.test", "rats.test")
-                assert not {"alice", "bob", "LAB\\twin", "LAB\\alice", ""} & set(domains)  # two have the name, or nobody
-                assert ask.groups_of("CORP\\bob") == sorted([*people.GROUPS_OF["bob"], "Lab Rats"], key=str.lower)
-                assert ask.members("Lab Rats", "Unix") == {"CN=Lab Rats,O=Lab": ["alice@rats.test", "bob@corp.test"],
-                                                           "CN=Unix,OU=Rats,O=Lab": ["alice@rats.test"]}
-                found = ask.user_search("crowd")
-                assert (found.result, len(found.userList)) == (4, 50)  # the limit is of searches only
-                right = [ask.validate(name, "in the lab") for name in ("RATS\\alice", ALICE_THE_RAT, "CORP\\alice", "alice")]
-                assert (right, ask.validate("alice@corp.test", "correct horse")) == ([True, True, False, False], True)
-                return {
-                    **{("user", name): ask.user(name) for name in WHO},
-                    **{("groups of", name): ask.groups_of(name) for name in WHO},
-                    **{("find", name, whole): (ask.users(name, whole), ask.groups(name, whole), ask.groups_in(name, whole))
-                       for name in ["star", "*", "(", "c00017", "R&D", "ENGINEERS", "nobody", "d"] for whole in (0, 1)},
-                    "by dn": ask.members(*map(people.group_dn, ["board", people.LAB, "nobody"]), by_dn=1),
-                    "by cn": ask.members("docker", "nobody", "STAFF", "*"),
-                    "of nobody": ask.members("*", "nobody")}
-
-        workdir.expect_live_as_stored(daemon, answers)
-        # What one domain has is never published without the others; one that is empty is lost in the crowd of the others.
-        old = workdir.snapshot()
-        workdir.put(all_three("OU=Empty,O=Lab"), READER_PASSWORD)
-        workdir.refused_sync("domain rats.test: the servers gave no users at all")
-        lab.close()
-        workdir.refused_sync(lab.url)
-        assert workdir.snapshot() == old
-        with Questions() as ask:
-            assert ask.validate("RATS\\alice", "in the lab") is False and ask.validate("CORP\\alice", "correct horse") is True
 
 
 def test_terminal__shows_how_far_it_is(slapd):

@@ -8,7 +8,6 @@ from pathlib import Path
 
 from harness import sandbox
 from harness.daemon import LONG_WAIT
-from servers.ber import encode
 from servers.origin import Origin
 from servers.process import REALM, ServerProcess, kerberos_client, need_programs, new_folder, put_into_etc, run
 
@@ -115,6 +114,12 @@ def bare_kerberos(token):
 KERBEROS = bytes.fromhex("06092a864886f712010202")
 NTLM = bytes.fromhex("060a2b06010401823702020a")
 SPNEGO = bytes.fromhex("06062b0601050502")
+
+
+def encode(tag, content):
+    size = len(content)
+    length = size.to_bytes(max(1, (size.bit_length() + 7) // 8), "big")
+    return bytes([tag]) + (length if size < 0x80 else bytes([0x80 | len(length)]) + length) + content
 
 
 def spnego(mechanisms, token):

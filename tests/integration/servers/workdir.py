@@ -29,9 +29,9 @@ def domain(number, servers, reader, base=None, **keys):
     return f"[Domain_{number}]\n" + "".join(f"{key}={value}\n" for key, value in keys.items())
 
 
-def settings(servers, reader, base=None, general=(), search_limit=0, **keys):
+def settings(servers, reader, base=None, general=(), **keys):
     """LdapSetting.ini for one domain."""
-    lines = ["[LDAP_Setting]", "SyncInterval=1440", f"SearchLimit={search_limit}", *general, ""]
+    lines = ["[LDAP_Setting]", "SyncInterval=1440", "SearchLimit=0", *general, ""]
     return "\n".join(lines) + domain(1, servers, reader, base, **keys)
 
 

@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -221,7 +222,8 @@ inline Server::Serve bringing(std::string dn, std::vector<Attribute> attributes,
 }
 
 // A small directory that can be made to misbehave. Entries are found by their DN or a value of theirs,
-// exactly. It proves their passwords; whoever gives neither name nor password is let in, too.
+// exactly. It proves their passwords; whoever gives neither name nor password is let in, too. As others do
+// with thousands, it hands out several values of an attribute one by one, in ranges.
 class Directory {
  public:
   enum class Mood { kWell, kDisconnecting, kUnavailable };
@@ -254,7 +256,7 @@ class Directory {
       if (request->operation != 0x63) continue;
       ++searches_;
       for (const Entry& one : entries_)
-        if (is_found(one, *request)) peer.send(entry(request->id, one.dn, one.attributes));
+        if (is_found(one, *request)) peer.send(entry(request->id, one.dn, in_ranges(one, *request)));
       peer.send(result(request->id, kSearchDone, 0));
     }
   }
@@ -267,14 +269,35 @@ class Directory {
                 attribute.values[0] == request.password;
     return good ? 0 : 49;
   }
+  static std::vector<Attribute> in_ranges(const Entry& one, const Request& request) {
+    std::vector<Attribute> shown;
+    for (const Attribute& attribute : one.attributes) {
+      const std::string begin = attribute.name + ";range=";
+      // Who asks for a range asks for nothing else.
+      const bool more = !request.attributes.empty() &&
+                        strncasecmp(request.attributes[0].c_str(), begin.c_str(), begin.size()) == 0;
+      const size_t at = more ? std::stoul(request.attributes[0].substr(begin.size())) : 0;
+      const bool last = at + 1 >= attribute.values.size();
+      const std::string range = std::to_string(at) + "-" + (last ? "*" : std::to_string(at));
+      if (!more) shown.push_back({attribute.name, last ? attribute.values : std::vector<std::string>()});
+      if (more || !last) shown.push_back({begin + range, {attribute.values.at(at)}});
+      if (more) return {shown.back()};
+    }
+    return shown;
+  }
+  static bool is_below(const std::string& dn, const std::string& base) {
+    return dn.size() >= base.size() && strcasecmp(&dn[dn.size() - base.size()], base.c_str()) == 0;
+  }
   static bool asks_for(const Request& request, const std::string& name, const std::string& value) {
     return request.holds(static_cast<char>(name.size()) + name + '\x04' + static_cast<char>(value.size()) +
                          value);
   }
   static bool is_found(const Entry& one, const Request& request) {
-    // All, for whoever asks for what any entry has, or for more attributes than a look-up wants.
+    // All below the base, for whoever asks for what any entry has, or for more attributes than a look-up
+    // wants.
     bool found = request.dn == one.dn || asks_for(request, "entryDN", one.dn) ||
-                 request.holds("\x87\x0bobjectClass") || request.attributes.size() > 11;
+                 (is_below(one.dn, request.dn) &&
+                  (request.holds("\x87\x0bobjectClass") || request.attributes.size() > 11));
     for (const Attribute& attribute : one.attributes)
       for (const std::string& value : attribute.values)
         found |= attribute.name != "objectClass" && asks_for(request, attribute.name, value);

@@ -41,7 +41,6 @@ class LiveLookupTest : public SampleDirectory {
  protected:
   static void SetUpTestSuite() { ASSERT_EQ(prldap_install_routines(nullptr, 1), 0); }
   void SetUp() override {
-    SampleDirectory::SetUp();
     write_settings("");
     ASSERT_EQ(initialize(), 0);
   }
@@ -52,13 +51,16 @@ class LiveLookupTest : public SampleDirectory {
               "\n[Domain_1]\nDnsName=corp.example.com\nSchema=rfc2307\nServers=" + corp_.url() +
               more_servers + "\n[Domain_2]\nDnsName=lab.example.com\nServers=" + lab_.url() + "\n");
   }
-  // A snapshot of the first `domains`; everybody in the others is unknown to it.
+  // What is wrong with a snapshot of the first `domains`.
+  std::string try_to_synchronise(size_t domains) const {
+    auto settings = velder::load_settings(workdir_).value();
+    settings.domains.resize(domains);
+    const auto report = velder::sync_from_servers(workdir_, settings, {});
+    return report ? "" : report.error().text;
+  }
+  // Everybody in the other domains is unknown to it.
   void synchronise(size_t domains) const {
-    auto settings = velder::load_settings(workdir_);
-    ASSERT_TRUE(settings);
-    settings->domains.resize(domains);
-    const auto report = velder::sync_from_servers(workdir_, *settings, {});
-    ASSERT_TRUE(report) << report.error().text;
+    ASSERT_EQ(try_to_synchronise(domains), "");
     ASSERT_EQ(LdapModule::load_db_cache(), 0);
   }
   int searches() const { return corp_.searches() + lab_.searches(); }
@@ -99,6 +101,41 @@ TEST_F(LiveLookupTest, ServersAndTheirSnapshotGiveTheSameAnswers) {
   expect_all("servers");
   ASSERT_NO_FATAL_FAILURE(synchronise(2));
   expect_all("snapshot");
+}
+
+TEST_F(LiveLookupTest, ADomainInsideAnotherKeepsItsOwnAndNoneIsPublishedWithoutTheOthers) {
+  // Without dc in its names; what both of its domains hold comes twice.
+  fake::Directory zoo(
+      {user("cn=rat,ou=cage", ",o=zoo"), user("cn=mole", ",o=zoo"),
+       group("pets", ",o=zoo", {"cn=rat,ou=cage,o=zoo", "cn=anna,ou=people" + std::string(kCorp)})});
+  const std::string two_domains = read_file(path("LdapSetting.ini"));
+  const auto set_cage = [&](const std::string& base) {
+    std::string text =
+        two_domains + "[Domain_3]\nDnsName=zoo.example.com\nBaseDN=o=zoo\nServers=" + zoo.url();
+    text += "\n[Domain_4]\nDnsName=cage.example.com\nBaseDN=" + base + "\nServers=" + zoo.url() + "\n";
+    write("LdapSetting.ini", text);
+    ASSERT_EQ(LdapModule::load_db_cache(), 0);
+  };
+  const auto expect_all = [](const char* source) {
+    SCOPED_TRACE(source);
+    EXPECT_EQ(who_is("CAGE\\rat") + who_is("ZOO\\mole"), "0: rat@cage.example.com0: mole@zoo.example.com");
+    EXPECT_EQ(who_is("ZOO\\rat"), "32");
+    EXPECT_EQ(find_users("rat", 1), "0: rat");
+    EXPECT_EQ(groups_of("anna"), "0: <inner> <pets> <posix> <ring one> <ring two> <said>");
+    EXPECT_EQ(users_of({"pets"}, 0), "0: [pets anna@corp.example.com rat@cage.example.com]");
+    EXPECT_TRUE(proves("CAGE\\rat", "rat-secret") && !proves("ZOO\\rat", "rat-secret"));
+  };
+  set_cage("ou=cage,o=zoo");
+  expect_all("servers");
+  ASSERT_NO_FATAL_FAILURE(synchronise(4));
+  expect_all("snapshot");
+  const std::string before = read_file(snapshot());
+  set_cage("ou=empty,o=zoo");  // lost in the crowd of the others
+  EXPECT_NE(try_to_synchronise(4).find("domain cage.example.com: the servers gave no users at all"),
+            std::string::npos);
+  zoo.mood = fake::Directory::Mood::kDisconnecting;
+  EXPECT_NE(try_to_synchronise(4).find(zoo.url()), std::string::npos);
+  EXPECT_EQ(read_file(snapshot()), before);
 }
 
 TEST_F(LiveLookupTest, StaleSnapshotDoesNotKeepPeopleOut) {
@@ -161,7 +198,7 @@ TEST_F(LiveLookupTest, ServersAreAskedForWhatTheSnapshotDoesNotKnowOnceInAWhile)
 
 TEST_F(LiveLookupTest, BrokenReloadKeepsWhatIsInUse) {
   ASSERT_NO_FATAL_FAILURE(synchronise(1));
-  const std::string good = read(path("LdapSetting.ini"));
+  const std::string good = read_file(path("LdapSetting.ini"));
   for (const char* file : {"LdapSetting.ini", "directory.db", "no snapshot"}) {
     write("LdapSetting.ini", good);
     write(file, "[LDAP_Setting]\nSource=ldap\n");
@@ -176,7 +213,7 @@ TEST_F(LiveLookupTest, DamagedOrForeignSnapshotIsNoSnapshot) {
   write("directory.db", "no snapshot");
   EXPECT_EQ(initialize(), 0);
   EXPECT_EQ(find_users("lena", 1), "0: lena") << "from the servers";
-  const std::string servers = read(path("LdapSetting.ini"));
+  const std::string servers = read_file(path("LdapSetting.ini"));
   write("LdapSetting.ini", "");
   ASSERT_EQ(LdapModule::load_db_cache(), 0);
   EXPECT_EQ(who_is("zoe"), "0: zoe@corp.example.com") << "of the LDIF file";
