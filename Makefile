@@ -4,7 +4,7 @@
 CMAKE_FLAGS =
 CTEST_FLAGS =
 BENCH_FLAGS =
-GSS_MUTATIONS = 1000000
+GSS_MUTATIONS = 500000
 
 INSTALL = sh packaging/install-packages.sh
 CONFIGURE = cmake -G Ninja -S . $(CMAKE_FLAGS) -B
@@ -58,12 +58,13 @@ tsan: ## Runs all tests under the thread sanitizer
 	@if setarch -R true 2>/dev/null; then fixed="setarch -R"; fi; \
 	TSAN_OPTIONS="suppressions=$$PWD/tests/tsan.supp $$TSAN_OPTIONS" $$fixed $(TEST) build/tsan
 
-fuzz: ## Feeds hostile bytes to every parser for FUZZ_SECONDS each (12), GSS_MUTATIONS messages to NTLM and Kerberos
+fuzz: ## Feeds hostile bytes to every parser for FUZZ_SECONDS each (12), GSS_MUTATIONS exchanges to NTLM
 	@$(INSTALL) build fuzz
 	@CC=clang-14 CXX=clang++-14 $(CONFIGURE) build/fuzz -DFUZZ=ON -DSANITIZE=address,undefined
 	@$(COMPILE) build/fuzz --target fuzz_targets gss_mutation
 	@/usr/bin/python3 tests/fuzz/run.py build/fuzz/bin/fuzz_targets
-	@/usr/bin/python3 tests/fuzz/gss_mutation.py build/fuzz/bin/gss_mutation --count $(GSS_MUTATIONS) --jobs "$$(nproc)"
+	@seq "$$(nproc)" | ASAN_OPTIONS="$$ASAN_OPTIONS:quarantine_size_mb=16" \
+	xargs -P 0 -I SEED build/fuzz/bin/gss_mutation $(GSS_MUTATIONS) SEED
 
 # Programs of several accounts add to the same counters, so the files are there before and anybody may write them.
 coverage: ## Runs all tests and tells which lines of ours none of them reached, in build/coverage/report

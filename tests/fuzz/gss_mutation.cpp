@@ -5,7 +5,7 @@
 // The messages come from the mechanisms' own clients, each of a fresh exchange, so that a mutation meets the
 // state it would meet in earnest; half of the mutated responses are signed anew, as a user with a password of
 // his own could do. With a keytab, and a ticket for it in the credential cache, Negotiate tokens take turns
-// with NTLM's. gss_mutation.py sets that up. The same seed and count give the same mutations.
+// with NTLM's; the tests of Negotiate set that up. The same seed and count give the same mutations.
 //
 // Ends with 1 at the first answer that breaks the contract: nobody but the one whose password is used may be
 // proven, nothing may be written beyond what is told. A crash, a leak or a message that takes more than a

@@ -3,12 +3,14 @@
 import base64
 import os
 import re
+import subprocess
+from pathlib import Path
 
 import pytest
 
 from harness import sandbox, wire
 from harness.authctl import OK, OTHER as REFUSED, USAGE, authctl
-from harness.daemon import log_lines, write_file
+from harness.daemon import log_lines, program, write_file
 from harness.directory import files
 from harness.wire import pb
 from servers import kdc
@@ -115,6 +117,16 @@ def test_other_tokens__are_refused_cleanly(daemon, realm):
     others = [bytes.fromhex("06082b06010401821f") + bytes([number]) for number in range(100)] * 80
     long = kdc.spnego([kdc.KERBEROS, *others], kdc.bare_kerberos(realm.token()))
     assert len(long) > 80_000 and check(long).clientinfo == "alice@CORP.TEST"
+
+
+def test_mutated_messages__of_ntlm_and_negotiate_prove_nobody(realm):
+    keytab = Path(f"{realm.folder}/mutation.keytab")
+    keytab.write_bytes(realm.keytab(GATEWAY))
+    realm.token()  # a ticket for it
+    options = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=16"  # what it takes must not grow
+    done = subprocess.run([program("gss_mutation"), "4000", "1", f"HTTP@{GATEWAY}", keytab], capture_output=True, text=True,
+                          env={**kdc.client_environment(realm.folder), "ASAN_OPTIONS": options}, check=False)
+    assert done.returncode == 0, done.stdout + done.stderr[-3000:]
 
 
 @pytest.mark.parametrize("keys, expected", [
