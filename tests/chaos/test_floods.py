@@ -1,24 +1,12 @@
-"""More than is good: connections, halves of requests, big bodies, too few descriptors, all kinds of clients.
+"""More than is good: big bodies, too few descriptors."""
 
-AUTHD_CHAOS_SECONDS makes the mixed load go on for so long instead of a few seconds.
-"""
-
-import contextlib
 import os
-import random
 import socket
-import threading
 import time
 
-from Velder_pb2 import UserInfoQueryRequest, UserSearchRequest
-
-from crowd import SECONDS, SEED, memory
+from crowd import memory
 from harness import directory, wire
 from harness.daemon import stat_fields, until
-from servers.workdir import sanitized
-
-ASK_ALICE = wire.frame(wire.USER_INFO, UserInfoQueryRequest(user_ln="alice"))
-EVERYBODY = wire.frame(wire.USER_SEARCH, UserSearchRequest(name="", fullmatch=0))
 
 
 def cpu_seconds(pid):
@@ -70,64 +58,3 @@ def test_descriptors__used_up_and_free_again(daemon):
     until(lambda: len(daemon.descriptors(worker)) < 40, lambda: f"free descriptors: {daemon.descriptors(worker)}")
     assert daemon.workers() == [worker]
     assert daemon.stop() == 0
-
-
-class Guest(threading.Thread):
-    """Comes again and again, well-behaved or not; remembers what a well-behaved one did not get."""
-
-    def __init__(self, number):
-        super().__init__()
-        self.number = number
-        self.chance = random.Random(SEED + number)
-        self.end = time.monotonic() + SECONDS
-        self.failures = []
-        self.visits = 0
-        self.start()
-
-    def run(self):
-        while time.monotonic() < self.end:
-            way = self.chance.choice([self.asks, self.asks, self.binds, self.misbehaves])
-            try:
-                with wire.Connection(timeout=30) as connection:
-                    way(connection)
-            except (AssertionError, OSError, wire.Closed) as error:
-                if way != self.misbehaves:
-                    self.failures.append((way.__name__, error))
-            self.visits += 1
-
-    def asks(self, connection):
-        for _ in range(self.chance.randrange(1, 20)):
-            assert connection.user_info("alice").userInfo.uid == "alice"
-            assert connection.user_info(f"user{self.chance.randrange(2000)}").result != 0
-            assert len(connection.user_search("a").userList) > 0
-            password = self.chance.choice(["wrong", directory.PASSWORDS["alice"]])
-            assert (connection.validate("alice", password) == 0) == (password != "wrong")
-
-    def binds(self, connection):
-        ip = f"10.{self.number}.{self.chance.randrange(8)}.{self.chance.randrange(250)}"
-        assert connection.bind(ip, "CORP\\alice") == 0
-        assert connection.bound_user(ip) == "CORP\\alice"
-        assert connection.unbind(ip) == 0
-
-    def misbehaves(self, connection):
-        """Noise, an answer that nobody takes, half a question; an end in order, late or by a reset."""
-        connection.send(self.chance.choice([
-            self.chance.randbytes(self.chance.randrange(1, 20_000)), ASK_ALICE * 2, EVERYBODY,
-            ASK_ALICE[:self.chance.randrange(1, len(ASK_ALICE))]]))
-        self.chance.choice([connection.reset, connection.close, lambda: time.sleep(self.chance.random() * 0.05)])()
-
-
-def test_guests__of_all_kinds_get_their_due_and_leave_nothing_behind(served):
-    def visit():
-        guests = [Guest(number) for number in range(12)]
-        for guest in guests:
-            guest.join()
-        assert not [guest.failures for guest in guests if guest.failures], f"seed {SEED}"
-        assert all(guest.visits for guest in guests)
-        served.wait_idle()
-        return {worker: (len(served.descriptors(worker)), memory(worker, "RssAnon")) for worker in served.workers()}
-    before, after = visit(), visit()
-    print(f"\nseed {SEED}: descriptors and memory {before}, then {after}")
-    for worker, (descriptors, size) in before.items():
-        assert after[worker][0] <= descriptors + 10  # a thread that was idle before; a leak is one for each visit
-        assert sanitized("AuthDaemon") or after[worker][1] < size + (4 << 20)
