@@ -11,7 +11,6 @@ from Velder_pb2 import (AllUserQueryRequest, IPAuthRequest, IPUserBindRequest, N
 from harness import directory, wire
 from harness.daemon import memory_of, until
 
-UNKNOWN = "192.0.2.1"
 ASK_ALICE = wire.frame(wire.USER_INFO, UserInfoQueryRequest(user_ln="alice"))
 TOO_BIG = "Error: receive message is too big, discard it"
 

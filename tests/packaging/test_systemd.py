@@ -78,7 +78,7 @@ def test_a_life_as_a_service(machine, scratch):
     assert not machine.root.exists(WORK) and not machine.root.exists("/var/brel")
 
 
-def connects(machine, address):
+def connects(address):
     """Whether a connection to the daemon, from here, gets an answer."""
     try:
         with socket.create_connection((address, 1100), timeout=2) as connection:
@@ -100,14 +100,14 @@ def test_only_the_machine_itself_reaches_the_port_until_others_are_allowed(machi
     warned = machine("journalctl", "--no-pager", "--grep=BPF|firewall", check=False).stdout
     if "not supported" in warned or "firewalling is not" in warned:
         pytest.skip("this kernel cannot filter addresses for a unit")
-    assert not connects(machine, THEIRS)
+    assert not connects(THEIRS)
 
     folder = machine.path / "etc/systemd/system/quarn-authd.service.d"
     folder.mkdir(parents=True, exist_ok=True)
     (folder / "proxies.conf").write_text(f"[Service]\nIPAddressAllow={OURS}\n")
     machine("systemctl", "daemon-reload")
     machine("systemctl", "restart", "quarn-authd")
-    assert until(lambda: connects(machine, THEIRS), "an answer to the proxy")
+    assert until(lambda: connects(THEIRS), "an answer to the proxy")
 
     # The way out to directory servers is shut as well, and opened by name.
     machine("sh", "-c", f"printf '[Domain_1]\\nDnsName=corp.test\\nServers=ldap://{OURS}\\n' >/etc/quarn/LdapSetting.ini")
