@@ -26,10 +26,16 @@ struct CloseFile {
 };
 using FilePtr = std::unique_ptr<FILE, CloseFile>;
 
+// Null on failure, after which the descriptor is closed. It may be a failed open's.
+FilePtr to_stream(int descriptor, const char* mode) {
+  FilePtr file(descriptor < 0 ? nullptr : fdopen(descriptor, mode));
+  if (file == nullptr && descriptor >= 0) close(descriptor);
+  return file;
+}
+
 // For reading. A pipe under the name of a settings file is an empty file, not a wait for its writer.
-FILE* open_text(const char* path) {
-  const int descriptor = open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-  return descriptor < 0 ? nullptr : fdopen(descriptor, "r");
+FilePtr open_text(const char* path) {
+  return to_stream(open(path, O_RDONLY | O_CLOEXEC | O_NONBLOCK), "r");
 }
 
 const char* or_empty(const char* text) {
@@ -251,7 +257,7 @@ int ConfigFileImpl::read(const char* path) {
   ok_ = false;
   status_ = {};
   VRLOG(kLogDebug, "Read .ini file %s\n", path);
-  FilePtr file(open_text(path));
+  FilePtr file = open_text(path);
   if (file == nullptr) {
     VRLOG(kLogDebug, "Failed to open %s\n", path);
     return -1;
@@ -333,11 +339,9 @@ const std::string* ConfigFileImpl::find(const char* section, const char* key) co
 }
 
 int ConfigFileImpl::write(const char* path) const {
-  const int descriptor = open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kDumpedFileMode);
-  FilePtr file(descriptor < 0 ? nullptr : fdopen(descriptor, "w"));
+  const FilePtr file = to_stream(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kDumpedFileMode), "w");
   if (file == nullptr) {
     VRLOG(kLogDebug, "Failed to open %s\n", path);
-    if (descriptor >= 0) close(descriptor);
     return -1;
   }
   return write_to(file.get());
@@ -429,7 +433,7 @@ int ConfigFile::line_of(std::string_view section, std::string_view key) const {
 char* ConfigFile::ReadWarnMsg(const char* path) const {
   path = or_empty(path);
   VRLOG(kLogDebug, "ReadWarnMsg: load warning message file %s.", path);
-  const FilePtr file(open_text(path));
+  const FilePtr file = open_text(path);
   if (file == nullptr) {
     VRLOG(kLogDebug, "ReadWarnMsg: could not open file.");
     return nullptr;

@@ -55,7 +55,7 @@ class BRELSharedEvent {
  public:
   static constexpr uint32_t kNoTimeout = 4294967295U;
 
-  BRELSharedEvent();  // throws -1 when it cannot be made
+  BRELSharedEvent();  // throws the error number when it cannot be made
   BRELSharedEvent(const BRELSharedEvent&) = delete;
   BRELSharedEvent& operator=(const BRELSharedEvent&) = delete;
   ~BRELSharedEvent();
