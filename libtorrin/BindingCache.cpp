@@ -185,7 +185,8 @@ bool BindingCache::export_to(const std::string& path) {
   const ExportRules rules{settings_.export_directory, folder_, workdir_};
   const Result exported = export_bindings(store_, path, rules, surroundings_.clock());
   if (!exported) {
-    VRLOG(kLogError, "IP-user cache: no export to %s: %s", shortened(printable(path)).c_str(),
+    const auto begin = std::string_view(path).substr(0, PATH_MAX);
+    VRLOG(kLogError, "IP-user cache: no export to %s: %s", shortened(printable(begin)).c_str(),
           printable(exported.error()).c_str());
   }
   return exported.has_value();

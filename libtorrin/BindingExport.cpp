@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -39,6 +40,8 @@ struct Target {
 };
 
 tl::expected<Target, std::string> read_target(const std::string& path, const std::string& export_directory) {
+  // Nobody could open it by that name. A request of clients may be much longer: millions of names.
+  if (path.size() >= PATH_MAX) return tl::unexpected<std::string>(std::strerror(ENAMETOOLONG));
   auto names = split_absolute_path(path);
   if (!names || names->empty() || path.back() == '/') {
     return tl::unexpected<std::string>("not an absolute path of a file without \"..\"");

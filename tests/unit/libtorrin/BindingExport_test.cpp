@@ -93,6 +93,7 @@ TEST_F(BindingExportTest, PathsThatMustNotBeWrittenAreRefusedWithOneLine) {
       {out_ + "/missing\nforged <ERR>/x", "No such file"},
       {deep + "/missing/x", "No such file"},  // the reason is not cut off
       {"/" + std::string(5000, '\n'), "File name too long"},
+      {out_ + std::string(5000, '/') + "x", "File name too long"},
       {out_ + "/" + std::string(256, 'n'), "File name too long"},
       {workdir_ + "/IPUserCache.ini", "its own file"},
       {workdir_ + "/directory.ldif", "its own file"},
