@@ -36,7 +36,8 @@ int to_result(StoreResult result) {
 
 // The names in the folder stay valid when somebody changes the working directory of the process.
 tl::expected<std::string, std::string> absolute_path(const char* workdir) {
-  if (workdir == nullptr || *workdir == '\0') return tl::unexpected<std::string>("no working directory");
+  if (workdir == nullptr) return tl::unexpected<std::string>("no working directory");
+  if (*workdir == '\0') workdir = "/";
   const std::unique_ptr<char, decltype(&std::free)> resolved(realpath(workdir, nullptr), &std::free);
   if (!resolved) return tl::unexpected(std::string(workdir) + ": " + std::strerror(errno));
   return std::string(resolved.get());

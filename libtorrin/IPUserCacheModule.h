@@ -37,8 +37,9 @@ class IPUserCacheModule {
   IPUserCacheModule(const IPUserCacheModule&) = delete;
   IPUserCacheModule& operator=(const IPUserCacheModule&) = delete;
 
-  // Reads IPUserCache.ini in `workdir` and opens or recovers the store. Called once in the parent before
-  // any fork. 0, or another value after one log line that says what is wrong.
+  // Reads IPUserCache.ini in `workdir` and opens or recovers the store; an empty `workdir` means the root
+  // directory. Called once in the parent before any fork. 0, or another value after one log line that says
+  // what is wrong.
   int initialize(const char* workdir);
 
   // 0: found; `user` is the text exactly as it was bound, `expire` the time in seconds since the epoch

@@ -33,12 +33,21 @@ TEST_F(SettingsTest, AFileThatIsWrongStopsTheStartWithOneLine) {
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   expect_refused("IPUserCache.ini: it is not a regular file");
   EXPECT_FALSE(std::filesystem::exists(file(""))) << "a refused start leaves nothing";
-  for (const auto& [workdir, reason] : {std::pair(std::string(), "no working directory"),
-                                        {root_ + "/missing", "No such file or directory"},
+  for (const auto& [workdir, reason] : {std::pair(root_ + "/missing", "No such file or directory"),
                                         {root_ + "/boot_id", "Not a directory"}}) {
     workdir_ = workdir;
     expect_refused(reason);
   }
+}
+
+TEST_F(SettingsTest, TheEmptyWorkingDirectoryIsTheRoot) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root may choose a root to write into";
+  const auto in_own_root = [&] {
+    workdir_.clear();
+    return chroot(root_.c_str()) == 0 && chdir("/") == 0 && start() == 0;
+  };
+  EXPECT_EQ(in_child(in_own_root), 0);
+  EXPECT_TRUE(std::filesystem::exists(root_ + "/ip_user_cache/bindings.mdb"));
 }
 
 TEST_F(SettingsTest, AllProblemsAreFoundInOneRunWithTheirLines) {
