@@ -111,10 +111,7 @@ def test_without_a_daemon_nobody_is_told_and_nothing_recorded(folder):
 
 
 @pytest.mark.parametrize("settings, source", [
-    ("[LDAP_Setting]\nSource=ldif\n", "ldif"),
-    ("[LDAP_Setting]\r\n  Source =  LDIF  \r\n", "ldif"),
-    ("[LDAP_Setting]\nSyncInterval=5\n", "ldif"),
-    ("[Domain_1]\nDnsName=corp.example.com\n[LDAP_Setting]\nSource=ldif\n", "ldif"),
+    ("[Domain_1]\r\nDnsName=corp.example.com\r\n  [LDAP_Setting]\r\n  Source =  LDIF  \r\n", "ldif"),
     ("[Other]\nSource=ldap\n# [Domain_1]\n# Source=ldap\n", "ldif"),
     ("\ufeff[LDAP_Setting]\nSource=ldap\n", "ldap"),
     ("[Domain_1]\nDnsName=corp.example.com\n", "ldap"),
