@@ -227,11 +227,10 @@ void remove_queued() REQUIRES(event_list_mutex) {
 // What was queued since the last wait, by nobody who could have woken one.
 void prepare_wait() {
   BRELLock list_guard(event_list_mutex);
-  if (!order_shows()) {
-    handle_pending_events();
-  } else {
+  if (order_shows()) {
     remove_queued();
-    wake_waiter();  // the wait about to begin
+  } else {
+    handle_pending_events();
   }
   waiting = true;
 }
@@ -322,9 +321,9 @@ int event_add(event* ev, short persist) {
   VRLOG(kLogDebug, "event_add() wake up ...");
   BRELLock list_guard(event_list_mutex);
   push(pending_active_events, record);
-  if (!waiting) return kWakeUpBytes;  // whoever waits next looks first
-  if (order_shows()) return wake_waiter();
-  handle_pending_events();
+  // At once, also when nobody waits now: what gets ready from here on finds this registration on top.
+  if (watched_at(ev->fd) != nullptr) return wake_waiter();
+  if (waiting && !order_shows()) handle_pending_events();  // otherwise whoever waits next looks first
   return kWakeUpBytes;
 }
 
