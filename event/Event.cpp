@@ -11,7 +11,7 @@
 // what it finds without a registration is one of them, which it takes out.
 //
 // Invariant, while a thread waits in earnest: a descriptor is in the epoll set only if the table holds a
-// registration of it. Both change only under event_list_mutex. Lock order: epoll_mutex before
+// registration of it; both change together then, under event_list_mutex. Lock order: epoll_mutex before
 // event_list_mutex. event_add and event_del take only the latter.
 #include "event/Event.h"
 
@@ -159,14 +159,12 @@ void finish_left() {
   remove_left();  // of those that were neither registered nor closed
 }
 
-// Takes the registration of a ready descriptor out of the table, and out of epoll unless its callback is
-// quick.
+// Takes the registration of a ready descriptor out of the table. The descriptor leaves epoll with the lead.
 event take_ready(int fd) REQUIRES(event_list_mutex) {
   event* record = pop(watched_at(fd));
   // Operators know this failure by its place; it must not move with the lines of this file.
   if (record == nullptr) __assert_fail("c != __null", "Event.cpp", 209, "int event_dispatch()");
   t_lead.fired = {fd, record->events};
-  if (!record->quick) remove(t_lead.fired);
   event ready = *record;
   free(record);
   return ready;

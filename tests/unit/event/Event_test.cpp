@@ -67,69 +67,52 @@ std::string run(const std::function<void()>& body) {
   _exit(0);
 }
 
-// What a loop with one thread does: the words of one call after the other of the callback of pair 0. A word
-// is what to do, the pair to do it with, and the name that a call of its callback adds to the result.
-//   +1a registers (+0: for the next call), -1 removes, !1 makes ready; with a quick callback:
-//   q1a does no more   r1a gives the lead away   b1a registers itself again and again
-//   c1a closes its descriptor, whose number is at once that of another, which it registers
-//   l1a leaves its descriptor to the work   w1a to a work that gives the lead away first
-//   u1a is not ready any more, removes the registration that it has not, and leaves its descriptor
-// The work adds "|" and registers what was left to it, and pair 0. After the last words come ten empty calls.
+// What a loop with one thread does: each call of the callback of pair 0 takes a step of the script. What the
+// callbacks of the other pairs add is the result. Ten empty steps follow the last.
+using Act = std::function<void()>;
 struct Script {
   std::array<Pair, 5> pairs;  // all but the last are ready all the time
-  std::vector<std::vector<std::string>> calls;
-  size_t call = 0;
+  std::vector<std::vector<Act>> steps;
+  size_t step = 0;
   std::string served;
   std::vector<std::pair<int, void*>> left;
 };
 Script* g_script = nullptr;
 
-void serve_script(int fd, short events, void* arg);
+void take_step(int fd, short /*events*/, void* /*arg*/) {
+  Script& script = *g_script;
+  const size_t step = script.step++;
+  if (step < script.steps.size()) {
+    for (const Act& act : script.steps[step]) act();
+  } else if (step < script.steps.size() + 10) {
+    watch(fd, take_step, nullptr);
+  } else {
+    end_with(script.served);
+  }
+}
 
 void note(int /*fd*/, short /*events*/, void* name) {
   g_script->served += static_cast<const char*>(name);
 }
 
-void finish_left() {
-  g_script->served += "|";
-  for (const auto& [fd, name] : std::exchange(g_script->left, {})) {
-    for (const Pair& pair : g_script->pairs) {
-      if (pair.fd() == fd) pair.poke();
-    }
-    watch(fd, note, name);
-  }
-  watch(g_script->pairs[0].fd(), serve_script, nullptr);
-}
+// Quick callbacks.
 
-void finish_left_without_lead() {
-  event_release_lead();
-  finish_left();
-}
-
-template <event_work finish>
-void leave(int fd, short events, void* name) {
+void do_no_more(int fd, short events, void* name) {
   note(fd, events, name);
-  g_script->left.emplace_back(fd, name);
-  if (!event_finish_later(finish)) g_script->served += "!";
-}
-
-void remove(int fd) {
-  event ev;
-  event_set(&ev, fd, EVENT_READ, nullptr, nullptr);
-  event_del(&ev);
-}
-
-void leave_removed(int fd, short events, void* name) {
-  char byte = 0;
-  EXPECT_EQ(read(fd, &byte, 1), 1);
-  remove(fd);
-  leave<finish_left>(fd, events, name);
 }
 
 void release(int fd, short events, void* name) {
   note(fd, events, name);
   event_release_lead();
   g_script->served += ".";
+}
+
+void write_next(int fd, short /*events*/, void* name) {
+  char byte = 0;
+  EXPECT_EQ(read(fd, &byte, 1), 1);
+  event ev;
+  event_set(&ev, fd, EVENT_WRITE, note, name);
+  event_add(&ev, 0);
 }
 
 void come_again(int fd, short events, void* name) {
@@ -144,72 +127,98 @@ void close_and_reuse(int fd, short /*events*/, void* name) {
   watch(fd, note, name);
 }
 
-void do_word(std::string& word) {
-  const size_t pair = static_cast<size_t>(word[1] - '0');
-  const int fd = pair < g_script->pairs.size() ? g_script->pairs[pair].fd() : -1;
-  char* const name = &word[2];
-  switch (word[0]) {
-    case '+': return watch(fd, pair == 0 ? serve_script : note, name);
-    case '-': return remove(fd);
-    case '!': return g_script->pairs[pair].poke();
-    case 'q': return watch(fd, note, name, true);
-    case 'r': return watch(fd, release, name, true);
-    case 'b': return watch(fd, come_again, name, true);
-    case 'l': return watch(fd, leave<finish_left>, name, true);
-    case 'w': return watch(fd, leave<finish_left_without_lead>, name, true);
-    case 'c': return watch(fd, close_and_reuse, name, true);
-    case 'u': return watch(fd, leave_removed, name, true);
-    default: FAIL() << word;
+void finish_left() {
+  g_script->served += "|";
+  for (const auto& [fd, name] : std::exchange(g_script->left, {})) {
+    for (const Pair& pair : g_script->pairs) {
+      if (pair.fd() == fd) pair.poke();
+    }
+    watch(fd, note, name);
   }
+  watch(g_script->pairs[0].fd(), take_step, nullptr);
 }
 
-void serve_script(int fd, short /*events*/, void* /*arg*/) {
-  Script& script = *g_script;
-  const size_t call = script.call++;
-  if (call < script.calls.size()) {
-    for (std::string& word : script.calls[call]) do_word(word);
-  } else if (call < script.calls.size() + 10) {
-    watch(fd, serve_script, nullptr);
-  } else {
-    end_with(script.served);
-  }
+void finish_left_without_lead() {
+  event_release_lead();
+  finish_left();
 }
 
-std::string served(std::vector<std::vector<std::string>> calls, bool quick = false) {
+template <event_work finish>
+void leave_to(int fd, short events, void* name) {
+  note(fd, events, name);
+  g_script->left.emplace_back(fd, name);
+  if (!event_finish_later(finish)) g_script->served += "!";
+}
+constexpr event_callback leave = leave_to<finish_left>;
+constexpr event_callback leave_without_lead = leave_to<finish_left_without_lead>;
+
+void remove(int fd) {
+  event ev;
+  event_set(&ev, fd, EVENT_READ, nullptr, nullptr);
+  event_del(&ev);
+}
+
+// Not ready any more, and without the registration that it removes.
+void leave_removed(int fd, short events, void* name) {
+  char byte = 0;
+  EXPECT_EQ(read(fd, &byte, 1), 1);
+  remove(fd);
+  leave(fd, events, name);
+}
+
+// The acts of a script.
+
+Act add(size_t pair, const char* name, event_callback callback = note) {
+  return [=] {
+    const int fd = pair < g_script->pairs.size() ? g_script->pairs[pair].fd() : -1;
+    watch(fd, callback, const_cast<char*>(name), callback != note);
+  };
+}
+Act del(size_t pair) {
+  return [=] { remove(g_script->pairs[pair].fd()); };
+}
+Act poke(size_t pair) {
+  return [=] { g_script->pairs[pair].poke(); };
+}
+const Act again = [] { watch(g_script->pairs[0].fd(), take_step, nullptr); };
+
+std::string served(const std::vector<std::vector<Act>>& steps, bool quick = false) {
   return run([&] {
     static Script script;
     g_script = &script;
-    script.calls = calls;
+    script.steps = steps;
     for (size_t i = 0; i + 1 < script.pairs.size(); ++i) script.pairs[i].poke();
-    watch(script.pairs[0].fd(), serve_script, nullptr, quick);
+    watch(script.pairs[0].fd(), take_step, nullptr, quick);
   });
 }
 
 TEST(EventTest, ChangesOfOneCallbackAreMadeInTheirOrderTheLastOneFirst) {
   for (bool quick : {false, true}) {
     SCOPED_TRACE(quick);
-    EXPECT_EQ(served({{"+1a", "+2b", "+3c", "+0"}}, quick), "cba\n");
-    EXPECT_EQ(served({{"+1a", "+1b", "+0"}}, quick), "a\n");
-    EXPECT_EQ(served({{"-1", "+1a", "+2b", "+0"}}, quick), "b\n");  // removals are made after what was added
-    EXPECT_EQ(served({{"+0", "+1a", "-2"}}, quick), "a\n");
-    EXPECT_EQ(served({{"+9x", "+1a", "+0"}}, quick), "a\n");  // what is no descriptor does no harm
-    // A quick callback that leaves its descriptor alone, ready as it is, while another registration waits.
-    EXPECT_EQ(served({{"q1a", "+0"}, {"q1b", "+0"}}, quick), "ab\n");
-    EXPECT_EQ(served({{"c1a", "+0"}}, quick), "a\n");
+    EXPECT_EQ(served({{add(1, "a"), add(2, "b"), add(3, "c"), again}}, quick), "cba\n");
+    EXPECT_EQ(served({{add(1, "a"), add(1, "b"), again}}, quick), "a\n");
+    EXPECT_EQ(served({{del(1), add(1, "a"), add(2, "b"), again}}, quick), "b\n");  // removals come last
+    EXPECT_EQ(served({{again, add(1, "a"), del(2)}}, quick), "a\n");
+    EXPECT_EQ(served({{add(9, "x"), add(1, "a"), again}}, quick), "a\n");  // no descriptor, no harm
+    // Left alone, ready as it is, while another registration waits.
+    EXPECT_EQ(served({{add(1, "a", do_no_more), again}, {add(1, "b", do_no_more), again}}, quick), "ab\n");
+    EXPECT_EQ(served({{add(1, "a", close_and_reuse), again}}, quick), "a\n");
+    EXPECT_EQ(served({{add(1, "a", write_next), again}}, quick), "a\n");
     // A registration lies on top of an older one, which stays, but no longer in epoll.
-    EXPECT_EQ(served({{"+4a", "+0"}, {"+0"}, {"+4b", "+0"}, {"+0"}, {"!4", "+0"}}, quick), "b\n");
-    EXPECT_EQ(served({{"+4a", "+0"}, {"+4b", "!4", "+0"}}, quick), "b\n");  // ready after it lies there
-    EXPECT_EQ(served({{"+4a", "+0"}, {"-4", "!4", "+0"}}, quick), "\n");
+    EXPECT_EQ(served({{add(4, "a"), again}, {add(4, "b"), poke(4), again}}, quick), "b\n");
+    EXPECT_EQ(served({{add(4, "a"), again}, {del(4), poke(4), again}}, quick), "\n");
   }
 }
 
 TEST(EventTest, WorkForSeveralDescriptorsIsDoneOnceAndInTime) {
   // All are ready again at once; none is served before it was registered again.
-  EXPECT_EQ(served({{"l1a", "l2b", "l3c"}}), "cba|abc\n");
-  EXPECT_EQ(served({{"w1a", "w2b", "w3c"}}), "cba|abc\n");
-  EXPECT_THAT(served({{"r1a", "l2b", "l3c"}}), testing::AnyOf("cba|.bc\n", "cba|.cb\n"));
-  EXPECT_EQ(served({{"b1+", "l3c"}}), "c|+c\n");  // no more than 64 events of the busy one come first
-  EXPECT_EQ(served({{"u3c"}}), "c|c\n");
+  EXPECT_EQ(served({{add(1, "a", leave), add(2, "b", leave), add(3, "c", leave)}}), "cba|abc\n");
+  EXPECT_EQ(served({{add(1, "a", leave_without_lead), add(2, "b", leave_without_lead)}}), "ba|ab\n");
+  EXPECT_THAT(served({{add(1, "a", release), add(2, "b", leave), add(3, "c", leave)}}),
+              testing::AnyOf("cba|.bc\n", "cba|.cb\n"));
+  // No more than 64 events of the busy one come first.
+  EXPECT_EQ(served({{add(1, "+", come_again), add(3, "c", leave)}}), "c|+c\n");
+  EXPECT_EQ(served({{add(3, "c", leave_removed)}}), "c|c\n");
 }
 
 // Many descriptors, all threads: each callback registers its descriptor again as its last act, or leaves that
