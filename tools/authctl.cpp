@@ -1,12 +1,11 @@
 // The administrator's command line for the daemon: one command per request type, over the wire only.
 #include <CLI/CLI.hpp>
 #include <functional>
-#include <iostream>
 #include <string>
 #include <vector>
 
 #include "tools/authctl_commands.h"
-#include "tools/authctl_format.h"
+#include "tools/command_line.h"
 #include "tools/status_commands.h"
 
 namespace {
@@ -199,6 +198,7 @@ void remove_shields(Settings& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  command_line::fill_standard_descriptors();
   Program program;
   add_general_options(program);
   add_directory_commands(program);
@@ -208,17 +208,8 @@ int main(int argc, char** argv) {
   try {
     program.app.parse(shielded_arguments(argc, argv));
     remove_shields(program.settings);
-  } catch (const CLI::RequiredError& error) {
-    const std::vector<std::string> unknown = program.app.remaining();
-    if (!program.app.get_subcommands().empty() || unknown.empty()) {
-      program.app.exit(error);
-    } else {
-      std::cerr << "authctl: there is no command '" << authctl::printable(unknown.front())
-                << "'; 'authctl --help' lists them\n";
-    }
-    return authctl::kExitUsage;
   } catch (const CLI::ParseError& error) {
-    return program.app.exit(error) == 0 ? authctl::kExitSuccess : authctl::kExitUsage;
+    return command_line::finish(program.app, error, authctl::kExitNoAnswer);
   }
   program.settings.timeout = std::chrono::milliseconds(static_cast<long>(program.timeout_seconds * 1000));
   return program.run(program.settings);

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "tools/authhelper_modes.h"
+#include "tools/command_line.h"
 
 namespace {
 
@@ -24,6 +25,7 @@ using authhelper::Topic;
 using authhelper::Verdict;
 using std::chrono::milliseconds;
 
+constexpr int kExitUnwritable = 1;  // the help
 constexpr int kExitUsage = 2;
 // The daemon is on the same machine or next to it.
 constexpr milliseconds kConnectTimeout{3000};
@@ -216,6 +218,7 @@ std::string find_contradiction(const Settings& settings) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  command_line::fill_standard_descriptors();
   CLI::App app{"Answers the HTTP proxy's questions about users by asking the authentication daemon.",
                "authhelper"};
   Settings settings;
@@ -223,7 +226,7 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : kExitUsage;
+    return command_line::finish(app, error, kExitUnwritable);
   }
   settings.mode.mode = kModes.at(settings.mode_name);
   if (const std::string text = find_contradiction(settings); !text.empty()) {

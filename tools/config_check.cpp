@@ -463,7 +463,10 @@ int check_config(const CheckOptions& options) {
   } else {
     print_text(*workdir, findings, errors);
   }
-  if (!std::cout.flush()) return kExitNoAnswer;
+  if (!std::cout.flush()) {
+    std::cerr << "authctl: cannot write to standard output\n";
+    return kExitNoAnswer;
+  }
   return errors == 0 ? kExitSuccess : kExitOtherResult;
 }
 

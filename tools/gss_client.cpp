@@ -3,6 +3,7 @@
 #include <gssapi/gssapi.h>
 #include <gssapi/gssapi_ext.h>
 
+#include <cstring>
 #include <utility>
 
 namespace gss_client {
@@ -31,7 +32,9 @@ void append_status(OM_uint32 code, int kind, gss_OID mechanism, std::string& tex
     gss_buffer_desc part = GSS_C_EMPTY_BUFFER;
     if (GSS_ERROR(gss_display_status(&minor, code, kind, mechanism, &more, &part))) return;
     if (!text.empty()) text += ": ";
-    text.append(static_cast<const char*>(part.value), part.length);
+    // SPNEGO counts the NUL behind its texts.
+    text.append(static_cast<const char*>(part.value),
+                strnlen(static_cast<const char*>(part.value), part.length));
     gss_release_buffer(&minor, &part);
   } while (more != 0);
 }

@@ -18,6 +18,7 @@
 #include "libtorrin/BindingRecord.h"
 #include "libtorrin/Printable.h"
 #include "libtorrin/StoreFile.h"
+#include "tools/command_line.h"
 
 namespace {
 
@@ -91,15 +92,18 @@ int dump_file(const std::string& path, bool summary_only) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Prints the bindings in a store file of the IP-user cache");
+  command_line::fill_standard_descriptors();
+  CLI::App app("Prints the bindings in a store file of the IP-user cache", "ipcache_dump");
   std::string path;
   bool summary_only = false;
+  app.set_version_flag("--version", "ipcache_dump " AUTHCTL_VERSION);
   app.add_option("file", path, "bindings.mdb or bindings.compact.mdb")->required();
   app.add_flag("--summary", summary_only, "only check the file and count");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    return command_line::finish(app, error, 1);
   }
-  return dump_file(path, summary_only);
+  const int status = dump_file(path, summary_only);
+  return command_line::was_printed(app) ? status : 1;
 }

@@ -19,6 +19,7 @@
 #include "libvelder/LdifSource.h"
 #include "libvelder/ServerPool.h"
 #include "libvelder/Settings.h"
+#include "tools/command_line.h"
 
 namespace {
 
@@ -28,7 +29,6 @@ using velder::Source;
 
 constexpr int kDone = 0;
 constexpr int kFailed = 1;
-constexpr int kUsage = 2;
 
 struct Options {
   std::string workdir = ".";
@@ -172,7 +172,8 @@ int run(const Options& options) {
   }
   const auto settings = velder::load_settings(options.workdir);
   if (!settings) return fail(settings.error());
-  for (const std::string& warning : settings->warnings) fprintf(stderr, "ldap_sync: %s\n", warning.c_str());
+  for (const std::string& warning : settings->warnings)
+    fprintf(stderr, "ldap_sync: %s\n", velder::printable(warning, SIZE_MAX).c_str());
   const bool from_servers = settings->source == Source::kLdap;
   if (options.check) return from_servers ? try_servers(*settings) : try_ldif(*settings);
   return from_servers ? sync_servers(options, *settings) : sync_ldif(options, *settings);
@@ -181,6 +182,7 @@ int run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  command_line::fill_standard_descriptors();
   Options options;
   CLI::App app{
       "Reads the directory from its source (servers or an LDIF file) into the snapshot that the daemon "
@@ -189,20 +191,27 @@ int main(int argc, char** argv) {
       "ldap_sync"};
   app.set_version_flag("--version", "ldap_sync " AUTHCTL_VERSION);
   app.add_option("--workdir", options.workdir, "The daemon's working directory, with LdapSetting.ini")
-      ->default_val(options.workdir);
-  app.add_flag("--check", options.check, "Try the settings, say per server what works, and change nothing");
+      ->default_val(options.workdir)
+      ->type_name("DIR")
+      // A variable of a script that is not set, most likely: the file system's root is not meant.
+      ->check([](const std::string& text) { return text.empty() ? "the folder is empty" : std::string(); });
+  app.add_flag(
+      "--check", options.check,
+      "Try the settings, say per server what works or count the LDIF file's entries; change nothing");
   app.add_flag("--force", options.force, "Publish even a directory that came back empty or much smaller");
   app.add_flag("--verbose", options.verbose, "Print what the library logs");
   app.footer(
-      "Exit status: 0 done, or all servers work; 1 failed or refused, the old snapshot stays; 2 wrong "
+      "Exit status: 0 done, or everything tried works; 1 failed or refused, the old snapshot stays; 2 wrong "
       "arguments.");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kDone : kUsage;
+    return command_line::finish(app, error, kFailed);
   }
   try {
-    return run(options);
+    const int status = run(options);
+    // A synchronisation has done its work all the same, and the workers are to hear of it.
+    return command_line::was_printed(app) || !options.check ? status : kFailed;
   } catch (const std::exception& error) {
     fprintf(stderr, "ldap_sync: given up: %s\n", error.what());
     return kFailed;

@@ -222,7 +222,10 @@ int reload_workers(const ReloadOptions& options) {
   }
   const bool all = std::none_of(workers.begin(), workers.end(),
                                 [](const Told& worker) { return worker.outcome == Outcome::kFailed; });
-  if (!std::cout.flush()) return kExitNoAnswer;
+  if (!std::cout.flush()) {
+    std::cerr << "authctl: cannot write to standard output\n";
+    return kExitNoAnswer;
+  }
   return all ? kExitSuccess : kExitOtherResult;
 }
 

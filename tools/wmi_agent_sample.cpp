@@ -19,6 +19,7 @@
 #include "client/Address.h"
 #include "daemonbase/UniqueFd.h"
 #include "tools/authctl_format.h"
+#include "tools/command_line.h"
 #include "tools/wmi_agent_answer.h"
 
 namespace {
@@ -253,13 +254,14 @@ int fail_with(const std::string& text, int exit_code) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  command_line::fill_standard_descriptors();
   Settings settings;
   CLI::App app(std::string("A WMI agent that answers from a file: ") + kNotice + ".", "wmi_agent_sample");
   add_options(app, settings);
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    return command_line::finish(app, error, 1);
   }
   auto people = read_people(settings.file);
   if (!people) return fail_with(people.error(), 2);

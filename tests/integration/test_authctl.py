@@ -3,12 +3,13 @@
 import os
 import pty
 import re
+import subprocess
 
 import pytest
 
 from harness import directory
 from harness.authctl import NO_ANSWER, OK, OTHER, USAGE, authctl
-from harness.daemon import program
+from harness.daemon import LONG_WAIT, program
 
 PASSWORD = directory.PASSWORDS["alice"]
 
@@ -57,3 +58,26 @@ def test_password__from_a_terminal_is_asked_for_without_echo(served):
     assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == OK
     os.close(terminal)
     assert b"Password of alice" in seen and PASSWORD.encode() not in seen
+
+
+@pytest.mark.parametrize("command, status, expected", [
+    ("authctl --nope", USAGE, "authctl: there is no option '--nope'"),
+    ("authctl user-info --nope", USAGE, "authctl: there is no option '--nope'"),
+    ("authhelper --mdoe basic", USAGE, "authhelper: there is no option '--mdoe'"),
+    ("ldap_sync --workdir ''", USAGE, "ldap_sync: --workdir: the folder is empty"),
+    ("ipcache_dump", USAGE, "ipcache_dump: file is required"),
+    # What is printed is the purpose: it does not get lost without a word. Without descriptor 1 the connection or
+    # the database would get its number.
+    ("authctl --help >/dev/full", NO_ANSWER, "authctl: cannot write"),
+    ("authctl user-info alice >&-", NO_ANSWER, "authctl: cannot write"),
+    ("authctl check-config --workdir / >/dev/full", NO_ANSWER, "authctl: cannot write"),
+    ("ldap_sync --check >&-", 1, "ldap_sync: cannot write"),
+    ("ldap_sync >&- && ! test -s directory.db.lock", 0, "ldap_sync: cannot write"),
+    ("ipcache_dump --version >/dev/full", 1, "ipcache_dump: cannot write"),
+    ("wmi_agent_sample --version >/dev/full", 1, "wmi_agent_sample: cannot write"),
+])
+def test_tools__mistakes_and_an_output_that_takes_nothing(served, tmp_path, command, status, expected):
+    done = subprocess.run(["sh", "-c", command], env={"PATH": f"{os.path.dirname(program('authctl'))}:/usr/bin:/bin"},
+                          cwd=tmp_path, capture_output=True, text=True, timeout=LONG_WAIT, check=False)
+    assert (done.returncode, done.stdout) == (status, ""), done.stderr
+    assert done.stderr.startswith(expected) and done.stderr.count("\n") == 1
