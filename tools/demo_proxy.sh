@@ -105,7 +105,8 @@ page_through() {
   shift
   lines=$(wc -l <"$folder/access.log" 2>/dev/null || say 0)
   ask 0 "" curl -s -w '(HTTP status %{http_code})\n' -o /dev/null --noproxy none.invalid "$@" "$page"
-  tail -n +"$((lines + 1))" "$folder/access.log" | sed 's/^/  access.log: /'
+  # The look whether the port is open was a connection without a request.
+  tail -n +"$((lines + 1))" "$folder/access.log" | sed '/error:transaction-end-before-headers/d; s/^/  access.log: /'
   if ! tail -n 1 "$folder/access.log" | grep -q " $expected\$"; then
     say "demo: expected status $expected"
     surprises=$((surprises + 1))
