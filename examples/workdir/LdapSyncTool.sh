@@ -4,7 +4,7 @@
 # interval of LdapSetting.ini has passed; an administrator may run it at any time, as root or as the daemon's
 # account.
 #
-#   LdapSyncTool.sh [verbose]
+#   LdapSyncTool.sh [verbose | --help]
 #
 # ldap_sync is looked for in the folder that AUTH_PROGRAM_DIR names, beside this script, and in PATH. Without
 # it an ldif source is still served: the workers read the file themselves when they are told.
@@ -117,6 +117,10 @@ record_time() {
 
 case $verbose in
   "" | verbose) ;;
+  -h | --help)
+    echo "usage: LdapSyncTool.sh [verbose]   brings the directory in $folder up to date and tells the daemon"
+    exit
+    ;;
   *) fail "usage: LdapSyncTool.sh [verbose]" ;;
 esac
 source=$(configured_source)
@@ -146,3 +150,4 @@ done
 record_time
 tell "wrote $folder/.LastSyncTime.ini"
 say "told $told worker processes to reload"
+exit 0 # also where nobody could be told so

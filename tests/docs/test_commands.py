@@ -206,3 +206,15 @@ def test_no_command_is_overlooked(page):
     outside = FENCE.sub("", (TOP / page).read_text(encoding="utf-8"))
     indented = "\n".join(line for line in outside.splitlines() if line.startswith("    "))
     assert not command.search(indented), f"{page}: {command.search(indented).group()} in no block"
+
+
+@pytest.mark.parametrize("page", ["authctl.1", "authhelper.8", "ldap_sync.8"])
+def test_the_manual_has_every_option_and_no_other(page):
+    def help_text(*command):
+        return subprocess.run([f"{PROGRAMS}/{page.partition('.')[0]}", *command, "--help"], capture_output=True, text=True,
+                              check=True).stdout
+    text = help_text()
+    for command in re.findall(r"(?m)^  ([a-z-]+) ", text.partition("Subcommands:")[2]):
+        text += help_text(command)
+    manual = (TOP / "docs/man" / page).read_text(encoding="utf-8")
+    assert set(re.findall(r"(?:Fl|[|,]) -([a-z-]+)", manual)) == set(re.findall(r"(?m)^  (?:-\w,)?--([a-z-]+)", text))
