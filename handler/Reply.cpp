@@ -11,6 +11,7 @@
 #include <memory>
 
 #include "brellog/VrLog.h"
+#include "daemonbase/UniqueFd.h"
 #include "handler/Frame.h"
 #include "handler/HandlerInternal.h"
 
@@ -19,16 +20,26 @@ namespace {
 // Every socket takes as much from the start.
 constexpr size_t kShortReply = 16384;
 
+// Of a socket's send buffer: what the system keeps for itself is not counted.
+int room_of(int fd) {
+  int bytes = 0;
+  socklen_t length = sizeof(bytes);
+  return getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, &length) == 0 ? bytes / 2 : INT_MAX;
+}
+
 // Lets the socket take the whole reply at once where the system allows it (net.core.wmem_max): of a search
 // reply that it takes in pieces, the client may get a piece twice, and another reply fails. Over a network
-// the buffer is small until much was sent. One that has grown larger by itself stays.
+// the buffer is small until much was sent. One that has grown by itself may be larger than what is allowed to
+// be asked for, and would shrink: a socket of our own tells what that is.
 void make_room(int fd, size_t bytes) {
   if (bytes <= kShortReply) return;
-  int present = 0;
-  socklen_t length = sizeof(present);
   const int wanted = static_cast<int>(std::min<size_t>(bytes, INT_MAX / 2));
-  if (getsockopt(fd, SOL_SOCKET, SO_SNDBUF, &present, &length) != 0 || present / 2 >= wanted) return;
-  setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted));
+  const int present = room_of(fd);
+  if (present >= wanted) return;
+  const UniqueFd trial(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!trial.valid()) return;
+  setsockopt(trial.get(), SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted));
+  if (room_of(trial.get()) > present) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &wanted, sizeof(wanted));
 }
 
 enum class Progress {
