@@ -105,6 +105,12 @@ def test_what_the_administrator_changed_stays_and_a_start_that_fails_is_told(roo
     root.shell(f"rm {WORK}/LdapSetting.ini && echo '[LDAP_Setting]' > {WORK}/LdapSetting.ini")  # was a link
     install(root, package("quarn-authd"))
     assert root.read(f"{WORK}/LdapSetting.ini") == "[LDAP_Setting]\n"
+    start(root)
+    root("rm", "/etc/quarn/pids/auth_daemon.pid")
+    done = root("/etc/init.d/quarn-authd", "start", check=False)
+    assert done.returncode != 0 and "Address already in use" in done.stdout
+    for pid in daemons():
+        os.kill(pid, 9)
     root.write(f"{WORK}/LdapSetting.ini", "[LDAP_Setting]\nSource=nothing\n")
     done = root("/etc/init.d/quarn-authd", "restart", check=False)
     assert done.returncode != 0 and daemons() == []
