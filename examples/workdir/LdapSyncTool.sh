@@ -60,7 +60,9 @@ find_ldap_sync() {
 as_owner() {
   owner=$(stat -c %u "$folder")
   if [ "$(id -u)" = 0 ] && [ "$owner" != 0 ]; then
-    setpriv --reuid "$owner" --regid "$(stat -c %g "$folder")" --clear-groups -- "$@"
+    # With all groups of the account, as the daemon has them, if it is one.
+    if getent passwd "$owner" >/dev/null; then groups=--init-groups; else groups=--clear-groups; fi
+    setpriv --reuid "$owner" --regid "$(stat -c %g "$folder")" "$groups" -- "$@"
   else
     "$@"
   fi

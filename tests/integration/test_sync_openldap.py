@@ -134,6 +134,7 @@ def test_script__brings_changes_to_the_workers(daemon, slapd, as_root):
     place(slapd)
     workdir.good_sync(as_root=True)
     workdir.place_script()
+    os.chown(f"{sandbox.WORKDIR}/LdapSetting.ini", 0, sandbox.SECOND_GROUP_ID)  # by which the account may read it
     daemon.start(keep=True)
     slapd.change(people.crowd([7777]))
     try:

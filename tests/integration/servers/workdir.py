@@ -17,7 +17,7 @@ from harness.wire import pb
 SNAPSHOT = f"{sandbox.WORKDIR}/directory.db"
 EXAMPLES = Path(__file__).resolve().parents[3] / "examples"
 PASSWORD_FILE = "reader.password"
-_ACCOUNT = {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": []}
+_ACCOUNT = {"user": sandbox.ACCOUNT_ID, "group": sandbox.ACCOUNT_ID, "extra_groups": [sandbox.SECOND_GROUP_ID]}
 
 Outcome = namedtuple("Outcome", "status output errors")
 
