@@ -6,8 +6,9 @@
 #
 #   LdapSyncTool.sh [verbose | --help]
 #
-# ldap_sync is looked for in the folder that AUTH_PROGRAM_DIR names, beside this script, and in PATH. Without
-# it an ldif source is still served: the workers read the file themselves when they are told.
+# ldap_sync is looked for in the folder that AUTH_PROGRAM_DIR names, beside this script, in PATH, and beside the
+# program of the running daemon. Without it an ldif source is still served: the workers read the file themselves
+# when they are told.
 #
 # Status 0 when the workers were told, 1 when not; then the snapshot in use is as it was, or (when only the
 # telling failed) a newer one that the workers take at their next start. Messages go to standard output,
@@ -53,7 +54,11 @@ find_ldap_sync() {
       return
     fi
   done
-  command -v ldap_sync
+  command -v ldap_sync && return
+  # A daemon that was built and not installed has it in its own folder.
+  pid=$(cat "$pid_file" 2>/dev/null)
+  program=$(readlink "/proc/$pid/exe") && is_daemon "$pid" && [ -x "${program%/*}/ldap_sync" ] &&
+    printf '%s\n' "${program%/*}/ldap_sync"
 }
 
 # As the account that owns the folder: what root left there the daemon could neither read nor replace.
@@ -71,7 +76,7 @@ as_owner() {
 synchronise() {
   program=$(find_ldap_sync)
   if [ -z "$program" ]; then
-    [ "$source" = ldif ] || fail "the source \"$source\" needs ldap_sync: not in AUTH_PROGRAM_DIR, $folder or PATH"
+    [ "$source" = ldif ] || fail "the source \"$source\" needs ldap_sync: not in AUTH_PROGRAM_DIR, $folder or PATH, nor beside the daemon"
     tell "without ldap_sync: the workers read the file themselves"
     return
   fi

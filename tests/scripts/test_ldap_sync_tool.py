@@ -42,8 +42,8 @@ watch("parent")
 
 
 class Family:
-    def __init__(self, folder, name="AuthDaemon"):
-        self.process = subprocess.Popen([sys.executable, "-c", FAMILY, f"{folder}/LdapSyncTool.sh >/dev/null", name],
+    def __init__(self, folder, name="AuthDaemon", program=sys.executable):
+        self.process = subprocess.Popen([program, "-c", FAMILY, f"{folder}/LdapSyncTool.sh >/dev/null", name],
                                         stdout=subprocess.PIPE, text=True, start_new_session=True,
                                         env=environment(folder))
         assert self.line() == "ready"
@@ -122,7 +122,7 @@ def test_without_ldap_sync_only_the_ldif_source_is_served(folder, settings, sour
     assert ("needs ldap_sync" if source == "ldap" else "not running") in run(folder).stdout
 
 
-@pytest.mark.parametrize("place", ["AUTH_PROGRAM_DIR", "PATH", "beside"])
+@pytest.mark.parametrize("place", ["AUTH_PROGRAM_DIR", "PATH", "beside", "daemon"])
 def test_ldap_sync_is_found_and_runs_first(folder, place):
     """One that notes its arguments and account beside the script, and complains on standard error."""
     programs = folder / ("" if place == "beside" else "programs")
@@ -135,7 +135,7 @@ def test_ldap_sync_is_found_and_runs_first(folder, place):
     more = {"AUTH_PROGRAM_DIR": {place: str(programs)}, "PATH": {place: f"{programs}:{os.environ['PATH']}"}}.get(place, {})
     put(0)
     (folder / "LdapSetting.ini").write_text("[LDAP_Setting]\nSource=ldap\n")
-    with Family(folder) as family:
+    with Family(folder, program=shutil.copy(sys.executable, programs) if place == "daemon" else sys.executable) as family:
         if os.geteuid() == 0:  # root fills the snapshot as the account of the folder
             os.chown(folder, 65534, 65534)
             for path in folder.parents:
