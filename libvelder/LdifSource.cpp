@@ -92,15 +92,14 @@ std::string describe_settings(const Settings& settings) {
   return text;
 }
 
-// What the snapshot was made from, in a form that any change of it changes.
+// What the snapshot was made from, in a form that any change of it changes. Without the file's name: the
+// daemon and ldap_sync may spell the working directory differently, and would build in turns.
 std::string describe_origin(const Settings& settings, const std::optional<FileIdentity>& ldif) {
-  std::string text = "file=" + printable(settings.ldif_file, SIZE_MAX);
+  std::string text = "missing";
   if (ldif) {
-    text += " size=" + std::to_string(ldif->size) + " mtime=" + std::to_string(ldif->modified_ns) +
-            " ctime=" + std::to_string(ldif->changed_ns) + " inode=" + std::to_string(ldif->inode) +
-            " device=" + std::to_string(ldif->device);
-  } else {
-    text += " missing";
+    text = "size=" + std::to_string(ldif->size) + " mtime=" + std::to_string(ldif->modified_ns) +
+           " ctime=" + std::to_string(ldif->changed_ns) + " inode=" + std::to_string(ldif->inode) +
+           " device=" + std::to_string(ldif->device);
   }
   return text + " domains:" + describe_settings(settings);
 }
