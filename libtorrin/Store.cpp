@@ -12,8 +12,10 @@
 #include <lmdb.h>
 #include <pthread.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <mutex>
@@ -45,6 +47,10 @@ constexpr unsigned kMaxTables = 4;
 constexpr mode_t kFileMode = 0600;
 // Stands for "could not be opened", which has been logged.
 constexpr int kNotOpen = -1;
+// Bindings leave so many pages of the map alone, and of a small map a quarter: to remove the expired ones
+// takes pages as well, since a change never writes over what readers may still see. Without them a full store
+// would stay full for ever. Several times what one transaction of the sweep needs.
+constexpr size_t kReservedPages = 1024;
 // Several times what a writer takes whose pages lie in memory.
 constexpr std::chrono::microseconds kWriterTakes{200};
 
@@ -126,6 +132,12 @@ class Cursor {
 
 std::string_view to_text(const MDB_val& value) {
   return {static_cast<const char*>(value.mv_data), value.mv_size};
+}
+
+size_t pages_of(MDB_txn* txn, MDB_dbi dbi) {
+  MDB_stat stat{};
+  mdb_stat(txn, dbi, &stat);
+  return stat.ms_branch_pages + stat.ms_leaf_pages + stat.ms_overflow_pages;
 }
 
 // True when `txn` holds a live binding under `key`.
@@ -253,6 +265,8 @@ tl::expected<void, OpenError> Store::open_environment() {
     return tl::unexpected(OpenError{means_damage(error), mdb_strerror(error)});
   }
   mdb_txn_commit(txn);  // makes dbi known to the transactions of other threads
+  const size_t pages = options_.map_bytes / static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  most_pages_ = pages - std::min(pages / 4, kReservedPages);
   env_ = env;
   dbi_ = dbi;
   epoch_.store(g_next_epoch.fetch_add(1));
@@ -377,11 +391,13 @@ StoreResult Store::get(const AddressKey& key, RecordBuffer& out) {
 
 int Store::change_together(std::span<StoreChange> changes, int64_t now) {
   return write([&](MDB_txn* txn) {
+    const size_t before = pages_of(txn, dbi_);
     for (StoreChange& change : changes) {
       const int error = make(txn, dbi_, change, now);
       if (error != 0) return error;
     }
-    return 0;
+    const size_t after = pages_of(txn, dbi_);
+    return after > before && after > most_pages_ ? MDB_MAP_FULL : 0;
   });
 }
 
@@ -446,6 +462,12 @@ long Store::remove_expired(std::span<const AddressKey> keys, int64_t now) {
     return 0;
   });
   if (error == 0) return removed;
+  if (keys.size() > 1 && (error == MDB_MAP_FULL || error == ENOSPC)) {
+    const size_t half = keys.size() / 2;  // takes fewer pages, and gives some back
+    const long first = remove_expired(keys.first(half), now);
+    const long second = first < 0 ? -1 : remove_expired(keys.subspan(half), now);
+    return second < 0 ? -1 : first + second;
+  }
   failed(write_failures_, "remove expired bindings", error);
   return -1;
 }

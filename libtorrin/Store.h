@@ -89,8 +89,8 @@ class Store {
   tl::expected<std::optional<AddressKey>, std::string> scan(const AddressKey& from, size_t limit,
                                                             const RecordVisitor& visit);
 
-  // Removes those of `keys` that are expired at the time of the call, in one write transaction.
-  // Gives how many, or -1.
+  // Removes those of `keys` that are expired at the time of the call, in one write transaction or, where
+  // there is little room, in several. Gives how many, or -1.
   long remove_expired(std::span<const AddressKey> keys, int64_t now);
 
   // Frees the reader slots of processes that are gone.
@@ -120,6 +120,7 @@ class Store {
   bool configured_ = false;
   MDB_env* env_ = nullptr;
   unsigned dbi_ = 0;
+  size_t most_pages_ = 0;  // that bindings may take
   WriterWatch writers_;
   // The fork generation that env_ was opened in, and a number that no other opening has; the rest above is
   // written before them.
