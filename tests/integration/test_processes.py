@@ -56,19 +56,21 @@ def test_monitor__slots_past_the_fifth_are_not_refilled(daemon):
     daemon.start("--verbose", "--process-num", "8", "--thread-num", "2", files=FILES, factor=100, workers=8)
     workers = daemon.workers()
     daemon.wait_line(ROUND)
-    for dead, index in enumerate((6, 1), start=1):  # each death brings the next round
+
+    def end(index, rounds):
         os.kill(workers[index], signal.SIGKILL)
         daemon.wait_line(exit_line(workers[index]))
-        daemon.wait_line(ROUND, count=dead + 1)
-    assert set(daemon.wait_workers(7)) & set(workers) == set(workers) - {workers[6], workers[1]}
-    # Somebody else who has got the number of such a worker meanwhile is not told to end.
+        daemon.wait_line(ROUND, count=rounds)  # each death brings the next
+    end(6, rounds=2)
     with open("/proc/sys/kernel/ns_last_pid", "w", encoding="ascii") as file:
         file.write(str(workers[6] - 1))
-    with subprocess.Popen(["sleep", "60"], user=sandbox.ACCOUNT_ID) as bystander:
-        assert bystander.pid == workers[6]
+    with subprocess.Popen(["sleep", "60"], user=sandbox.ACCOUNT_ID) as stranger:  # who got the number of the dead one
+        assert stranger.pid == workers[6]
+        end(1, rounds=3)
+        assert set(daemon.wait_workers(7)) & set(workers) == set(workers) - {workers[6], workers[1]}
         assert daemon.stop() == 0
-        assert bystander.poll() is None
-        bystander.kill()
+        assert stranger.poll() is None
+        stranger.kill()
 
 
 @pytest.mark.parametrize("number", [signal.SIGUSR1, signal.SIGUSR2])
