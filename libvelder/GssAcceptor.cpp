@@ -221,11 +221,13 @@ class InUtf8 {
   InUtf8(const InUtf8&) = delete;
   InUtf8& operator=(const InUtf8&) = delete;
 
- private:
+  // Kept for good, from the first call on.
   static locale_t locale() {
-    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);  // kept for good
+    static const locale_t utf8 = newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
     return utf8;
   }
+
+ private:
   const locale_t before_;
 };
 
@@ -410,7 +412,7 @@ Result<void> check_acceptor_files(const Settings& settings) {
   return {};
 }
 
-void set_ntlm_environment(std::string_view netbios_domain) {
+void prepare_ntlm(std::string_view netbios_domain) {
   // The mechanism would read users from a file of the caller's choice.
   unsetenv("NTLM_USER_FILE");
   // Only the second version of the protocol.
@@ -424,6 +426,13 @@ void set_ntlm_environment(std::string_view netbios_domain) {
     setenv("NETBIOS_COMPUTER_NAME", netbios_form(own_host_name()).c_str(), 1);
     setenv("NETBIOS_DOMAIN_NAME", std::string(netbios_domain).c_str(), 1);
   }
+  // Both come from files that are looked for only once: a worker that had no descriptor left at its first
+  // logon would never have them.
+  InUtf8::locale();
+  OM_uint32 minor = 0;
+  gss_OID_set names = GSS_C_NO_OID_SET;
+  gss_inquire_names_for_mech(&minor, &g_ntlm, &names);
+  gss_release_oid_set(&minor, &names);
 }
 
 bool ntlm_challenge_asks_winbind() {

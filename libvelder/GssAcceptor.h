@@ -84,11 +84,11 @@ class GssAcceptor {
   const std::unique_ptr<Credentials> credentials_;
 };
 
-// The variables that the NTLM mechanism reads from the environment at each call: the names in the challenge
-// and what is refused. Changing the environment is not safe beside other threads, so this is done once,
-// before there are any. An empty `netbios_domain` leaves the names to winbind: a domain controller lets
-// nobody in whose challenge was given under another name than that of the member that asks it.
-void set_ntlm_environment(std::string_view netbios_domain);
+// To be called once, before there are threads: changing the environment is not safe beside them. Sets the
+// variables that the NTLM mechanism reads at each call: the names in the challenge and what is refused. An
+// empty `netbios_domain` leaves the names to winbind: a domain controller lets nobody in whose challenge was
+// given under another name than that of the member that asks it. Loads the mechanism, if it is installed.
+void prepare_ntlm(std::string_view netbios_domain);
 // Whether each challenge asks winbind for the names.
 bool ntlm_challenge_asks_winbind();
 

@@ -393,7 +393,7 @@ Result<void> initialize_directory(const std::string& workdir) {
     if (settings->domains.empty() && !meta.main_domain.empty()) main_domain = meta.main_domain;
     asks_winbind = asks_winbind && meta.nt_hashes == 0;
   }
-  set_ntlm_environment(asks_winbind ? "" : main_domain);
+  prepare_ntlm(asks_winbind ? "" : main_domain);
 
   State& s = state();
   std::shared_ptr<const InForce> before;

@@ -58,7 +58,7 @@ GssAnswer GssAcceptor::negotiate(std::string_view token) {
 Result<void> check_acceptor_files(const Settings& /*settings*/) {
   return {};
 }
-void set_ntlm_environment(std::string_view /*netbios_domain*/) {}
+void prepare_ntlm(std::string_view /*netbios_domain*/) {}
 bool ntlm_challenge_asks_winbind() {
   return false;
 }

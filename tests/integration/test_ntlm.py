@@ -3,9 +3,12 @@
 import base64
 import collections
 import concurrent.futures
+import contextlib
 import os
 import re
 from pathlib import Path
+
+import pytest
 
 from harness import directory, wire
 from harness.authctl import OK, OTHER, USAGE, authctl
@@ -15,7 +18,7 @@ from servers import ntlm, workdir
 from servers.ntlm import HASH, Logon, SambaClient, last_refusal
 
 
-def start(daemon):
+def start(daemon, *options, **more):
     """The usual directory, with hashes for some, and one more in the other domain."""
     text = directory.ldif()
     for uid in ("alice", "bob", "zo\u00eb"):
@@ -23,7 +26,7 @@ def start(daemon):
         text = text.replace(line, f"{line}sambaNTPassword: {HASH}\n")
     text += directory.entry("uid=alice,dc=lab,dc=test", ("objectClass", "person"), ("cn", "Other Alice"), ("uid", "alice2"),
                             ("sambaNTPassword", HASH.lower()))
-    daemon.start("--verbose", files={"directory.ldif": text})
+    daemon.start("--verbose", *options, files={"directory.ldif": text}, **more)
 
 
 def test_logons__each_refusal_with_its_reason(daemon):
@@ -93,6 +96,21 @@ def test_frames__of_an_exchange(daemon):
         # One byte more than there is room for is not looked at.
         for size, reason in ((3071, "it is no NTLM message 1"), (3072, "longer than 3071 bytes")):
             assert logon.challenge(base64.b64encode(bytes(size)).decode()) is None and reason in last_refusal()
+
+
+@pytest.mark.parametrize("free", [0, 1])
+def test_descriptors__that_are_used_up_at_the_first_logon_spoil_no_later_one(daemon, free):
+    start(daemon, "--process-num", "1", "--thread-num", "1", open_files=(60, 60), workers=1)
+    [worker] = daemon.workers()
+    with SambaClient("zo\u00cb", "password", "CORP") as client, contextlib.ExitStack() as others:
+        logon = Logon()
+        logon.connection.user_info("alice")  # accepted, and the directory is open
+        while len(daemon.descriptors(worker)) < 60 - free:
+            others.enter_context(wire.Connection()).query("192.0.2.254")
+        client.log_on(logon)
+        others.close()
+        until(lambda: len(daemon.descriptors(worker)) < 40, "free descriptors")
+        assert client.log_on(Logon()) == "CORP\\zo\u00eb", last_refusal()
 
 
 def test_authctl__logs_on_as_a_client(daemon, monkeypatch):
