@@ -64,6 +64,7 @@ void unblock_signals() {
   pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
+// The parent of the daemon is init, that of a worker the daemon, unless it was killed.
 void handle_exit(int signal_number) {
   VRLOG(kLogInfo, "Handle single %d, daemon will exit", signal_number);  // sic
   if (getppid() == kInitProcess) CacheWrapper::write_cache_file();
