@@ -346,11 +346,23 @@ std::string GssAcceptor::Credentials::make_negotiate(const Settings& settings, c
   std::array<gss_key_value_element_desc, 2> elements = {
       {{"keytab", keytab.c_str()}, {"rcache", replay.c_str()}}};
   const gss_key_value_set_desc store = {elements.size(), elements.data()};
+  Credential made;
+  gss_OID_set present = GSS_C_NO_OID_SET;
   OM_uint32 major = gss_acquire_cred_from(&minor, service.get(), GSS_C_INDEFINITE, &g_kerberos_and_spnego,
-                                          GSS_C_ACCEPT, &store, negotiate.out(), nullptr, nullptr);
+                                          GSS_C_ACCEPT, &store, made.out(), &present, nullptr);
+  const bool complete = present != GSS_C_NO_OID_SET && present->count == g_negotiate.size();
+  OM_uint32 ignored = 0;
+  gss_release_oid_set(&ignored, &present);
   // Inside SPNEGO nothing else is offered or taken, whatever mechanisms the machine has.
-  if (!GSS_ERROR(major)) major = gss_set_neg_mechs(&minor, negotiate.get(), &g_only_kerberos);
+  if (!GSS_ERROR(major)) major = gss_set_neg_mechs(&minor, made.get(), &g_only_kerberos);
   if (GSS_ERROR(major)) return reason_of(major, minor, &g_kerberos);
+  // What could not be had for want of a descriptor is left out without an error. An empty token asks for an
+  // offer, which there is only with Kerberos in it.
+  GssContext context;
+  const GssAnswer offer = accept(handle_of(context.handle_), made.get(), {}, &g_kerberos);
+  if (!complete || offer.outcome != GssOutcome::kAnotherLeg)
+    return "Kerberos is not available: " + offer.reason;
+  std::swap(*negotiate.out(), *made.out());
   have_negotiate = true;
   return {};
 }

@@ -66,6 +66,17 @@ def test_ticket__proves_its_user_once(daemon, realm):
     assert os.stat(f"{sandbox.WORKDIR}/negotiate.rcache").st_mode & 0o777 == 0o600
 
 
+def test_descriptors__that_are_used_up_at_the_first_ticket_spoil_no_later_one(daemon, realm):
+    daemon.start("--process-num", "1", "--thread-num", "1", workers=1, open_files=(60, 60),
+                 files=files(**{"http.keytab": realm.keytab(GATEWAY), "LdapSetting.ini": settings()}))
+    with wire.Connection() as connection:
+        connection.user_info("alice")  # accepted, and the directory is open
+        request = pb.NEGOAuthRequest(requestContent=realm.token())
+        with daemon.without_descriptors(60):
+            assert connection.ask(wire.NEGOTIATE, request).result == -1
+        assert connection.ask(wire.NEGOTIATE, request).clientinfo == "alice@CORP.TEST", refusals()
+
+
 def test_authctl__shows_a_ticket_to_the_daemon(daemon, realm, monkeypatch):
     start(daemon, realm.keytab(GATEWAY))
     monkeypatch.setenv("KRB5CCNAME", kdc.client_environment(realm.folder)["KRB5CCNAME"])

@@ -3,7 +3,6 @@
 import base64
 import collections
 import concurrent.futures
-import contextlib
 import os
 import re
 from pathlib import Path
@@ -101,15 +100,11 @@ def test_frames__of_an_exchange(daemon):
 @pytest.mark.parametrize("free", [0, 1])
 def test_descriptors__that_are_used_up_at_the_first_logon_spoil_no_later_one(daemon, free):
     start(daemon, "--process-num", "1", "--thread-num", "1", open_files=(60, 60), workers=1)
-    [worker] = daemon.workers()
-    with SambaClient("zo\u00cb", "password", "CORP") as client, contextlib.ExitStack() as others:
+    with SambaClient("zo\u00cb", "password", "CORP") as client:
         logon = Logon()
         logon.connection.user_info("alice")  # accepted, and the directory is open
-        while len(daemon.descriptors(worker)) < 60 - free:
-            others.enter_context(wire.Connection()).query("192.0.2.254")
-        client.log_on(logon)
-        others.close()
-        until(lambda: len(daemon.descriptors(worker)) < 40, "free descriptors")
+        with daemon.without_descriptors(60, free):
+            client.log_on(logon)
         assert client.log_on(Logon()) == "CORP\\zo\u00eb", last_refusal()
 
 

@@ -249,6 +249,16 @@ class Daemon:
         return {worker: sum(target.startswith("socket:") for target in self.descriptors(worker).values())
                 for worker in self.workers()}
 
+    @contextlib.contextmanager
+    def without_descriptors(self, limit, free=0):
+        """The only worker has no more than `free` left of so many."""
+        [worker] = self.workers()
+        with contextlib.ExitStack() as connections:
+            while len(self.descriptors(worker)) < limit - free:
+                connections.enter_context(wire.Connection()).query("192.0.2.254")
+            yield
+        until(lambda: len(self.descriptors(worker)) < limit / 2, "free descriptors")
+
     def wait_idle(self):
         """Until no worker has a connection: the listening socket and the event loop's own pair are left."""
         until(lambda: set(self.sockets().values()) == {IDLE_SOCKETS}, lambda: f"idle workers, not {self.sockets()}")
