@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -218,22 +217,6 @@ TEST_F(LdapModuleTest, LongWorkIsAnnouncedAndNothingElseIs) {
   ASSERT_EQ(LdapModule::load_db_cache(), 0);
   for (int round = 0; round < 2; ++round) EXPECT_TRUE(ask("zoe") && check("zoe")) << "the servers";
   LdapModule::call_before_long_work(nullptr);
-}
-
-TEST_F(LdapModuleTest, OneProcessBuildsAndTheOthersUseWhatItBuilt) {
-  std::vector<pid_t> children(6);
-  for (pid_t& child : children) {
-    child = fork();
-    if (child == 0) _exit(initialize() == 0 && who_is("zoe") == kZoe ? 0 : 1);
-  }
-  for (const pid_t child : children) {
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
-  }
-  const ino_t built = inode();
-  ASSERT_EQ(initialize(), 0);
-  EXPECT_EQ(inode(), built);
 }
 
 }  // namespace
