@@ -63,8 +63,7 @@ fuzz: ## Feeds hostile bytes to every parser for FUZZ_SECONDS each (12), GSS_MUT
 	@CC=clang-14 CXX=clang++-14 $(CONFIGURE) build/fuzz -DFUZZ=ON -DSANITIZE=address,undefined
 	@$(COMPILE) build/fuzz --target fuzz_targets gss_mutation
 	@/usr/bin/python3 tests/fuzz/run.py build/fuzz/bin/fuzz_targets
-	@seq "$$(nproc)" | ASAN_OPTIONS="$$ASAN_OPTIONS:quarantine_size_mb=16" \
-	xargs -P 0 -I SEED build/fuzz/bin/gss_mutation $(GSS_MUTATIONS) SEED
+	@seq "$$(nproc)" | xargs -P 0 -I SEED build/fuzz/bin/gss_mutation $(GSS_MUTATIONS) SEED
 
 # Programs of several accounts add to the same counters, so the files are there before and anybody may write them.
 coverage: ## Runs all tests and tells which lines of ours none of them reached, in build/coverage/report
