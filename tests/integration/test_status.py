@@ -107,6 +107,8 @@ def test_status__figures_of_the_reply_cache_errors_and_script_come_from_the_log(
     _, report = status()
     # The figures are those of just before the reload; the three questions were spread over both workers.
     assert sum(one["queries"] for one in report["reply_cache"]) == 3
+    for one in report["reply_cache"]:  # the first answer is kept, the others come from it
+        assert (one["hits"] + one["count"], one["size"] > 50) == (one["queries"], one["count"] == 1)
     assert {one["pid"] for one in report["reply_cache"]} == set(daemon.workers())
     assert report["log"]["errors_today"] == daemon.count_lines(re.compile(".*"), level="ERR") == 2
     assert "directory.ldif:2" in report["log"]["last_error"]

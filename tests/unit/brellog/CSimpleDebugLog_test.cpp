@@ -1,8 +1,6 @@
 #include "brellog/CSimpleDebugLog.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -106,16 +104,6 @@ TEST_F(DebugLogTest, NoLineIsLostWhenTheFileIsOpenedOrClosedMeanwhile) {
   log("closed");
   log_.OpenDevice(prefix().c_str());
   EXPECT_EQ(written(), "12:00:00.007 opened\n12:00:00.007 closed\n");
-}
-
-TEST_F(DebugLogTest, LockFileExcludesOthersUntilUnlocked) {
-  const std::string path = folder_.file("lock");
-  const int held = CSimpleDebugLog::LockAndWaitOnFile(path.c_str());
-  const int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), -1);
-  CSimpleDebugLog::UnlockFile(held);
-  EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
-  close(other);
 }
 
 }  // namespace

@@ -9,9 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "brellog/VrLog.h"
 #include "handler/Velder.pb.h"
-#include "tests/unit/Support.h"
 
 namespace {
 std::atomic<time_t> g_now{1000000};
@@ -71,25 +69,6 @@ TEST_F(CacheTest, OverlongKeyIsStoredCutAndNeverFound) {
   EXPECT_EQ(lookup(std::string(127, 'k')), 0);
   EXPECT_EQ(lookup(std::string(128, 'k')), 1);
   EXPECT_EQ(Velder::reply_cache_total_count, 3);
-}
-
-TEST_F(CacheTest, StatusLineTellsTheFourFiguresAndAResetZeroesThem) {
-  for (int type = 0; type < 28; ++type) store("alice", 10, type);
-  for (const char* key : {"alice", "bob", "alice"}) lookup(key);
-  const support::TempDir folder;
-  VrLog::setConfig("cache.log", folder.path().c_str());
-  VrLog::setLogVerbose(false);
-  Velder::report_cache_status();
-  Velder::reset_reply_cache();
-  Velder::report_cache_status();
-  VrLog::stopLog();
-  const std::string size = std::to_string(28 * answer("text").ByteSizeLong());
-  const std::string log = testing::PrintToString(support::log_lines(folder.path(), "cache.log"));
-  for (const std::string& figures : {"size(" + size + "), count(28), query(3), hit(2) @",
-                                     std::string("size(0), count(0), query(0), hit(0) @")}) {
-    EXPECT_NE(log.find("> reply cache statistic info: " + figures), std::string::npos) << log;
-  }
-  EXPECT_EQ(lookup("alice"), 1);
 }
 
 TEST_F(CacheTest, AReplyThatWasBegunBeforeAResetIsNotStored) {
