@@ -1,6 +1,7 @@
 """Start: options, account, files, port, what fails and how."""
 
 import fcntl
+import glob
 import os
 import re
 import resource
@@ -43,13 +44,14 @@ def test_process__account_files_and_descriptors(daemon):
         assert set(status["Groups"].split()) == {str(sandbox.ACCOUNT_ID), str(sandbox.SECOND_GROUP_ID)}
         assert [daemon.descriptors(pid).get(fd) for fd in range(3)] == ["/dev/null"] * 3
     assert os.getsid(daemon.pid) == daemon.pid
-    # Umask 0 and yet: nobody else writes anything, and nobody else reads the password hashes.
+    # Umask 0 and yet: nobody else writes anything, and nobody else reads the password hashes or the bindings.
     for top in ("/var/brel", "/etc/quarn"):
         for folder, folders, files in os.walk(top):
             for path in (os.path.join(folder, name) for name in folders + files):
                 mode = os.lstat(path).st_mode
                 assert not mode & stat.S_IWOTH or path == sandbox.REPORTS, f"{path} has mode {mode:o}"
-    assert os.stat(f"{sandbox.WORKDIR}/directory.db").st_mode & 0o077 == 0
+    private = [f"{sandbox.WORKDIR}/directory.db", *glob.glob(f"{sandbox.WORKDIR}/ip_user_cache/**", recursive=True)]
+    assert len(private) >= 6 and not [path for path in private if os.stat(path).st_mode & 0o077]
 
 
 def test_process__without_the_account_it_stays_root(daemon):
