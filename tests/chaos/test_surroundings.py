@@ -190,23 +190,3 @@ def test_disk__full_under_the_working_directory(daemon):
         for ip, user in promised.items():
             assert connection.bound_user(ip) == user
     assert daemon.stop() == 0
-
-
-def test_clock__set_back_and_forth(daemon):
-    sandbox.clean(True)
-    sandbox.set_clock(0)
-    daemon.start(files=directory.files(), keep=True)
-    minutes, days = 60, 86_400
-    with wire.Connection() as connection, everybody_is_served():
-        assert connection.bind("10.50.0.1", "CORP\\early") == 0
-        for seconds in (10 * minutes, -10 * minutes, -4000 * days, 4000 * days, 7 * 60 * minutes):
-            sandbox.set_clock(seconds)
-            time.sleep(0.1)  # some of the others' requests, too
-            assert connection.bind("10.50.0.2", f"CORP\\at{seconds}") == 0
-            answer = connection.query("10.50.0.2")
-            assert answer.userInfo.user_ln == f"CORP\\at{seconds}"
-            assert abs(answer.expire_at - (time.time() + seconds + 480 * minutes)) < 30
-            # Bound eight hours before the end, whatever the clock showed meanwhile.
-            assert connection.bound_user("10.50.0.1") == (None if seconds > 480 * minutes else "CORP\\early")
-            assert connection.user_info("alice").result == 0
-    assert daemon.stop() == 0

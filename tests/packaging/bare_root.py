@@ -81,7 +81,7 @@ def make_roots():
     """`plain` has no systemd but its two tools that work alone; `systemd` can be booted."""
     ours = [*dependencies("quarn-authd"), *dependencies("quarn-authhelper"), "gss-ntlmssp"]
     make_root(ROOTS / "minimal", bootstrap, [])
-    for name, more in (("plain", [*STANDALONE, "logrotate", "bash-completion"]),
+    for name, more in (("plain", [*STANDALONE, "logrotate"]),
                        ("systemd", ["systemd", "systemd-sysv", "dbus", "iproute2"])):
         make_root(ROOTS / name, lambda draft: run("cp", "--archive", str(ROOTS / "minimal"), str(draft)), {*ours, *more})
 

@@ -142,14 +142,3 @@ def test_logs_go_by_age_and_by_size(root):
     answer(root, "user-info", "nobody")
     root("/etc/init.d/quarn-authd", "stop")
     assert "Daemon exit" in root.read(f"/var/brel/log/{today}")
-
-
-def test_completion_knows_the_commands(root):
-    install(root, package("quarn-authd"))
-    for words, expected in ((["authctl", "user-"], "user-search user-groups user-info"),
-                            (["authctl", "--json", "ip-auth", "--scope", "d"], "dc")):
-        line = " ".join(words)
-        assert root("bash", "-c", f"""
-            . /usr/share/bash-completion/bash_completion; . /usr/share/bash-completion/completions/authctl
-            COMP_WORDS=({line}); COMP_CWORD={len(words) - 1}; COMP_LINE='{line}'; COMP_POINT={len(line)}
-            _authctl; echo ${{COMPREPLY[*]}}""").stdout.split() == expected.split()
