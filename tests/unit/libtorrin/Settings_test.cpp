@@ -46,7 +46,7 @@ TEST_F(SettingsTest, TheEmptyWorkingDirectoryIsTheRoot) {
     workdir_.clear();
     return chroot(root_.c_str()) == 0 && chdir("/") == 0 && start() == 0;
   };
-  EXPECT_EQ(in_child(in_own_root), 0);
+  EXPECT_EQ(in_child(in_own_root), true);
   EXPECT_TRUE(std::filesystem::exists(root_ + "/ip_user_cache/bindings.mdb"));
 }
 
