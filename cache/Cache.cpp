@@ -19,6 +19,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "brellog/VrLog.h"
 
@@ -269,20 +271,25 @@ void recycle_expired_nodes(int type, unsigned int bucket, long now) {
 
 int reset_reply_cache() {
   VRLOG(kLogDebug, "Clear Reply Cache");
-  BRELWLock guard(reply_cache_rwlock);
-  ++g_generation;
-  for (auto& row : cache_header) {
-    for (Entry*& head : row) {
-      while (head != nullptr) {
-        Entry* entry = head;
-        head = entry->next;
-        drop(entry);
+  ExpiryIndex index;
+  std::vector<Entry*> chains;
+  {
+    BRELWLock guard(reply_cache_rwlock);
+    ++g_generation;
+    index.swap(expiry_index());
+    for (auto& row : cache_header) {
+      for (Entry*& head : row) {
+        if (head != nullptr) chains.push_back(std::exchange(head, nullptr));
       }
     }
+    std::atomic_ref(reply_cache_total_size).store(0, std::memory_order_relaxed);
+    for (int32_t* counter : {&reply_cache_total_count, &reply_cache_total_query, &reply_cache_total_hit}) {
+      std::atomic_ref(*counter).store(0, std::memory_order_relaxed);
+    }
   }
-  std::atomic_ref(reply_cache_total_size).store(0, std::memory_order_relaxed);
-  for (int32_t* counter : {&reply_cache_total_count, &reply_cache_total_query, &reply_cache_total_hit}) {
-    std::atomic_ref(*counter).store(0, std::memory_order_relaxed);
+  // Without the lock: it takes a while, and every search would wait for it.
+  for (Entry* entry : chains) {
+    while (entry != nullptr) std::unique_ptr<Entry>{std::exchange(entry, entry->next)};
   }
   return 0;
 }

@@ -207,6 +207,7 @@ TEST(EventTest, ChangesOfOneCallbackAreMadeInTheirOrderTheLastOneFirst) {
     // A registration lies on top of an older one, which stays, but no longer in epoll.
     EXPECT_EQ(served({{add(4, "a"), again}, {add(4, "b"), poke(4), again}}, quick), "b\n");
     EXPECT_EQ(served({{add(4, "a"), again}, {del(4), poke(4), again}}, quick), "\n");
+    EXPECT_EQ(served({{add(4, "a"), again}, {poke(4), del(4), again}}, quick), "a\n");
   }
 }
 
