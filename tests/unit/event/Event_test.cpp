@@ -16,6 +16,7 @@
 #include <utility>
 #include <vector>
 
+#include "brellog/VrLog.h"
 #include "tests/unit/Support.h"
 
 namespace {
@@ -91,8 +92,9 @@ void take_step(int fd, short /*events*/, void* /*arg*/) {
   }
 }
 
-void note(int /*fd*/, short /*events*/, void* name) {
+void note(int /*fd*/, short events, void* name) {
   g_script->served += static_cast<const char*>(name);
+  if (events != EVENT_READ) g_script->served += std::to_string(events);
 }
 
 // Quick callbacks.
@@ -203,12 +205,24 @@ TEST(EventTest, ChangesOfOneCallbackAreMadeInTheirOrderTheLastOneFirst) {
     // Left alone, ready as it is, while another registration waits.
     EXPECT_EQ(served({{add(1, "a", do_no_more), again}, {add(1, "b", do_no_more), again}}, quick), "ab\n");
     EXPECT_EQ(served({{add(1, "a", close_and_reuse), again}}, quick), "a\n");
-    EXPECT_EQ(served({{add(1, "a", write_next), again}}, quick), "a\n");
+    EXPECT_EQ(served({{add(1, "a", write_next), again}}, quick), "a4\n");
     // A registration lies on top of an older one, which stays, but no longer in epoll.
     EXPECT_EQ(served({{add(4, "a"), again}, {add(4, "b"), poke(4), again}}, quick), "b\n");
     EXPECT_EQ(served({{add(4, "a"), again}, {del(4), poke(4), again}}, quick), "\n");
     EXPECT_EQ(served({{add(4, "a"), again}, {poke(4), del(4), again}}, quick), "a\n");
   }
+}
+
+TEST(EventTest, RefusalsAreLogged) {
+  const Act add_nothing = [] {
+    VrLog::bDupLogToConsole = true;
+    event ev;
+    event_set(&ev, g_script->pairs[1].fd(), 2, note, nullptr);
+    event_add(&ev, 0);
+  };
+  EXPECT_THAT(served({{add_nothing, del(4), again}}),
+              testing::AllOf(HasSubstr("> Fail to add invalid events into monitor @<event_add> "),
+                             HasSubstr("> fail to find register event @")));
 }
 
 TEST(EventTest, WorkForSeveralDescriptorsIsDoneOnceAndInTime) {
