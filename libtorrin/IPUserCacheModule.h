@@ -4,7 +4,7 @@
 // A binding made by one process is seen by every other at once; it survives the death of any process
 // and a restart. Addresses are compared by value (10.0.0.1 = ::ffff:10.0.0.1). All calls may be made
 // from any number of threads at once; after a fork the child opens the store anew at its first call.
-// Nothing throws. The file format is described in docs/ip-user-cache.md.
+// Nothing throws but for want of memory. The file format is described in docs/ip-user-cache.md.
 #pragma once
 
 #include <memory>
@@ -62,8 +62,8 @@ class IPUserCacheModule {
   bool change_would_wait();
 
   // Writes all live bindings as CSV (RFC 4180) to the absolute path `path`, beside the target and renamed
-  // into place. Never follows a link, never replaces a file that is not an earlier export. False after one
-  // log line with the reason.
+  // into place. Never follows a link, never replaces a file that is not an earlier export, never makes one
+  // that the daemon would take for its own. False after one log line with the reason.
   bool export_cache_item(const std::string& path);
 
   // Pushes what was bound to the disk. Async-signal-safe: one system call. 0, or -2, also before initialize.
