@@ -5,7 +5,6 @@
 #include "handler/BindingChanges.h"
 
 #include <pthread.h>
-#include <unistd.h>
 
 #include <iterator>
 #include <utility>

@@ -2,7 +2,6 @@
 // local agent who is behind an address.
 #include <google/protobuf/io/coded_stream.h>
 #include <strings.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <cstring>
