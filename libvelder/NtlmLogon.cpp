@@ -2,7 +2,9 @@
 
 #include <openssl/crypto.h>
 
+#include <cerrno>
 #include <optional>
+#include <system_error>
 #include <utility>
 
 #include "brellog/VrLog.h"
@@ -117,7 +119,8 @@ std::string refusal_of_mechanism(const GssAnswer& answer) {
   if (answer.outcome == GssOutcome::kNoAcceptor) return "NTLM cannot be accepted: " + answer.reason;
   if (answer.outcome == GssOutcome::kAnotherLeg) return "the mechanism wants another message";
   if (answer.damaged) return "message 3 is damaged or was changed on its way: " + answer.reason;
-  return "wrong password";
+  if (answer.reason == std::system_category().message(EINVAL)) return "wrong password";
+  return "whether the password is right cannot be told: " + answer.reason;
 }
 
 // The snapshot may be older than what the domain controller has just let in.

@@ -104,7 +104,9 @@ def test_descriptors__that_are_used_up_at_the_first_logon_spoil_no_later_one(dae
         logon = Logon()
         logon.connection.user_info("alice")  # accepted, and the directory is open
         with daemon.without_descriptors(60, free):
-            client.log_on(logon)
+            assert client.log_on(logon) is None
+        if free:  # for the log
+            assert "cannot be told: Too many open files" in last_refusal()
         assert client.log_on(Logon()) == "CORP\\zo\u00eb", last_refusal()
 
 
