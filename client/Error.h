@@ -17,8 +17,8 @@ enum class ErrorKind {
                          // finish_connect report it, Connection tries again until its time-out
   kNotOpen,              // call on a connection that an earlier error closed
   kClosedWithoutAnswer,  // the daemon closed before the first byte of an answer. It does so with a request
-                         // that it cannot read and when its send buffer is full
-  kClosedMidAnswer,      // the connection ended within an answer
+                         // that it cannot read
+  kClosedMidAnswer,      // the connection ended within an answer: also when its send buffer was full
   kAnswerTimeout,        // the request was not taken or not answered in time
   kMalformedAnswer,      // wrong type, impossible length, bytes beyond the frame, a body that does not parse
   kInvalidRequest,       // required fields missing, or larger than the daemon takes; nothing was sent
