@@ -85,8 +85,8 @@ void keep_from_programs(MDB_env* env) {
 }
 
 // The library leaves holes in the lock file and fills them through a mapping, which ends the process when the
-// disk is full. So all of it gets its place before the library sees it. 0, or the error number; a file that
-// cannot be opened is for the library to find.
+// disk is full. So all of it gets its place before the library sees it. 0, or the error number when there is
+// no space; whatever else is wrong the library finds as well.
 int reserve_lock_file(const std::string& path) {
   const UniqueFd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, kFileMode));
   struct stat status {};
@@ -94,7 +94,7 @@ int reserve_lock_file(const std::string& path) {
   // What is there is not asked for: some file systems refuse even that when they are full.
   if (status.st_size >= kLockFileBytes && status.st_blocks * 512 >= status.st_size) return 0;
   const int error = fallocate(fd.get(), 0, 0, kLockFileBytes) == 0 ? 0 : errno;
-  return error == EOPNOTSUPP ? 0 : error;
+  return error == ENOSPC || error == EDQUOT ? error : 0;
 }
 
 MDB_val to_val(const AddressKey& key) {
