@@ -20,6 +20,7 @@ termios g_saved_terminal;
 
 extern "C" void restore_terminal_and_die(int signal_number) {
   tcsetattr(STDIN_FILENO, TCSAFLUSH, &g_saved_terminal);
+  (void)!write(STDERR_FILENO, "\n", 1);  // the shell goes on in a line of its own
   // The handler was reset when it was entered: the signal does its usual work once it is unblocked.
   raise(signal_number);
 }

@@ -3,7 +3,9 @@
 import os
 import pty
 import re
+import signal
 import subprocess
+import termios
 
 import pytest
 
@@ -45,19 +47,25 @@ def test_command__text_and_status(served, arguments, given, status, expected):
     assert not given.strip() or given.strip() not in out + errors
 
 
-def test_password__from_a_terminal_is_asked_for_without_echo(served):
+@pytest.mark.parametrize("typed, end, expected", [
+    (PASSWORD.encode() + b"\n", OK, b"the password is right"),
+    (b"half\x03", -signal.SIGINT, b": \r\n"),
+])
+def test_password__from_a_terminal_is_asked_for_without_echo(served, typed, end, expected):
     pid, terminal = pty.fork()
     if pid == 0:
         os.execv(program("authctl"), ["authctl", "validate", "alice"])
     seen = b""
     while b":" not in seen:
         seen += os.read(terminal, 1024)
-    os.write(terminal, PASSWORD.encode() + b"\n")
-    while b"the password is right" not in seen:
+    assert not termios.tcgetattr(terminal)[3] & termios.ECHO
+    os.write(terminal, typed)
+    while expected not in seen:
         seen += os.read(terminal, 1024)
-    assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == OK
+    assert os.waitstatus_to_exitcode(os.waitpid(pid, 0)[1]) == end
+    assert termios.tcgetattr(terminal)[3] & termios.ECHO
     os.close(terminal)
-    assert b"Password of alice" in seen and PASSWORD.encode() not in seen
+    assert b"Password of alice" in seen and typed.strip() not in seen
 
 
 @pytest.mark.parametrize("command, status, expected", [
