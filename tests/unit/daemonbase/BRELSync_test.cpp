@@ -43,7 +43,7 @@ TEST(BRELMutexTest, EveryKindAnswersWithTheErrorNumber) {
       {new BRELSharedMutex(true), 0},  {new BRELSpin, kHangs},   {new BRELSharedSpin, kHangs}};
   for (const auto& [kind, second_lock] : kinds) {
     const std::unique_ptr<BRELBaseMutex> mutex(kind);
-    SCOPED_TRACE(typeid(*mutex).name());
+    SCOPED_TRACE(typeid(*kind).name());
     const auto try_elsewhere = [&] { return in_thread([&] { return BRELTryLock(*mutex).result(); }); };
     EXPECT_EQ(mutex->status(), 0);
     EXPECT_EQ(mutex->Lock(), 0);
@@ -107,7 +107,8 @@ TEST(BRELSyncSharedTest, OtherProcessesAreExcludedUntilTheLockIsGivenBack) {
   };
   for (const auto& make : kinds) {
     const std::unique_ptr<BRELBaseMutex> mutex(make());
-    SCOPED_TRACE(typeid(*mutex).name());
+    const BRELBaseMutex& kind = *mutex;
+    SCOPED_TRACE(typeid(kind).name());
     const auto others_try = [&] {
       return support::in_child([&] { return std::unique_ptr<BRELBaseMutex>(make())->TryLock(); });
     };
