@@ -5,23 +5,35 @@ import glob
 import os
 import re
 import resource
+import signal
 import socket
 import stat
 import time
+from pathlib import Path
 
 import pytest
 
 from harness import directory, sandbox, wire
 from harness.authctl import authctl
 from harness.daemon import log_lines, until, write_file
+from servers.workdir import sanitized
+
+
+HANDLED = (signal.SIGHUP, signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGUSR2, signal.SIGCHLD)
 
 
 def test_options__workers_and_threads(daemon):
     for workers, threads in ((10, 1), (1, 30)):
         daemon.start("--process-num", str(workers), "--thread-num", str(threads), workers=workers)
-        for worker in daemon.workers():
-            # The event loop's threads; the main one; one that looks after the bindings; perhaps two of a sanitizer.
-            until(lambda pid=worker: threads < len(os.listdir(f"/proc/{pid}/task")) <= threads + 4, "the threads")
+        of_sanitizers = 2 * sanitized("AuthDaemon")
+        with daemon.connections_by_worker() as workers_asked:  # with the question comes what looks after the bindings
+            for worker in workers_asked:
+                tasks, count = f"/proc/{worker}/task", threads + 2
+                until(lambda path=tasks: count <= len(os.listdir(path)) <= count + of_sanitizers, "the threads")  # pylint: disable=cell-var-from-loop
+                for task in set(os.listdir(tasks)) - {str(worker)}:  # signals are the main thread's
+                    blocked = re.search(r"SigBlk:\s(\w+)", Path(f"{tasks}/{task}/status").read_text("ascii"))[1]
+                    assert all(int(blocked, 16) >> (number - 1) & 1 for number in HANDLED)
+        assert len(os.listdir(f"/proc/{daemon.pid}/task")) <= 1 + of_sanitizers  # or the forks would not be safe
         assert daemon.stop() == 0
 
 

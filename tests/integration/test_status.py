@@ -238,7 +238,7 @@ def test_check_config__all_problems_in_one_run():
     assert check(user=NOBODY)[0][3].startswith("checked with the rights of nobody")
     write_file("LdapSetting.ini", "[LDAP_Setting]\nSyncIntervall=5\nSearchLimit=many\nno syntax\nShrinkGuard=101\n"
                                   "[NTLM]\nUserFile=users\n[Negotiate]\nKeytab=http.keytab\n")
-    write_file("IPUserCache.ini", "[IPUserCache]\nLifetime=-1\nExportDirectory=/nowhere\n")
+    write_file("IPUserCache.ini", "[IPUserCache]\nLifetime=-1\nExportDirectory=/nowhere\nDurabel=yes\nDurable=no\nDurable=no\n")
     write_file(".LastSyncTime.ini", f"[LdapSync]\nLastSyncTime={int(time.time()) + 9999}\n")
     write_file("directory.ldif", "version: 1\n\ndn: cn=x\nno colon\n")
     os.rmdir(f"{sandbox.WORKDIR}/log")
@@ -258,6 +258,8 @@ def test_check_config__all_problems_in_one_run():
         ("error", "directory.db.lock", 0): "Permission denied for quarn",
         ("error", "IPUserCache.ini", 2): "key Lifetime",
         ("warning", "IPUserCache.ini", 3): "/nowhere: No such file",
+        ("warning", "IPUserCache.ini", 4): "did you mean Durable?",
+        ("warning", "IPUserCache.ini", 6): "is given again, line 5",
         ("warning", ".LastSyncTime.ini", 2): "future",
         ("warning", "LdapSyncTool.sh", 0): "Permission denied",
     }
@@ -266,7 +268,7 @@ def test_check_config__all_problems_in_one_run():
     assert all(text in found[where] for where, text in expected.items()), found
     code, out, _ = authctl("check-config", "--workdir", sandbox.WORKDIR)
     assert code == WRONG and f"{sandbox.WORKDIR}/LdapSetting.ini:4: error: '=' missing" in out
-    assert out.splitlines()[-1].endswith("9 errors, 5 warnings")
+    assert out.splitlines()[-1].endswith("9 errors, 7 warnings")
     code, out, _ = authctl("check-config", "--workdir", "/nowhere/at/all")
     assert code == WRONG and "/nowhere/at/all: error: No such file" in out
     assert authctl("check-config")[0] == authctl("status", "--watch", "never")[0] == USAGE

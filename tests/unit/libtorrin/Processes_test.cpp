@@ -1,56 +1,10 @@
 // Several processes on one store, some of them killed.
 #include <csignal>
-#include <set>
 #include <thread>
 
 #include "tests/unit/libtorrin/CacheTest.h"
 
-class ProcessesTest : public CacheTest {
- protected:
-  // The sanitizers have threads of their own, so only differences count.
-  static std::set<std::string> threads() {
-    std::set<std::string> names;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task"))
-      names.insert(task.path().filename());
-    return names;
-  }
-  // The one thread that is there now and was not before; one that was joined may still be seen for a moment.
-  static std::string only_new_thread(const std::set<std::string>& before) {
-    for (int attempt = 0; attempt < 100; ++attempt) {
-      std::set<std::string> added = threads();
-      for (const std::string& old : before) added.erase(old);
-      if (added.size() == 1) return *added.begin();
-      usleep(10 * 1000);
-    }
-    return "";
-  }
-};
-
-TEST_F(ProcessesTest, TheParentStaysSingleThreadedAndAChildStartsMaintenanceOnceWithoutSignals) {
-  const auto before = threads();
-  ASSERT_EQ(start(), 0);
-  bind("::1", "parent");
-  EXPECT_EQ(threads(), before) << "a fork after initialize must find one thread";
-  const auto maintains = [&] {
-    std::thread([] {}).join();  // the thread sanitizer starts its own with the first thread of a child
-    const auto at_first = threads();
-    std::atomic<int> good{0};
-    std::vector<std::thread> callers;
-    for (const std::string& ip : addresses(30)) {
-      callers.emplace_back(
-          [&, ip] { good += lookup("::1") == "parent" && bind(ip, ip) == 0 && lookup(ip) == ip; });
-    }
-    for (std::thread& caller : callers) caller.join();
-    const std::string maintenance = only_new_thread(at_first);
-    if (good != 30 || maintenance.empty()) return false;
-    const std::string text = read_file("/proc/self/task/" + maintenance + "/status");
-    // Everything but SIGKILL, SIGSTOP and the two that the C library keeps.
-    constexpr unsigned long long kAll = 0xfffffffe7ffbfeff;
-    return (std::stoull(text.substr(text.find("SigBlk:") + 7), nullptr, 16) & kAll) == kAll;
-  };
-  EXPECT_EQ(in_child(maintains), true);
-  EXPECT_EQ(lookup("10.0.0.29"), "10.0.0.29");
-}
+class ProcessesTest : public CacheTest {};
 
 TEST_F(ProcessesTest, ANewLeaderReplacesAnOldOrMissingCompactCopyAtOnce) {
   ASSERT_EQ(start(), 0);

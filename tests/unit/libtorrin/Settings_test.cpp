@@ -49,21 +49,3 @@ TEST_F(SettingsTest, TheEmptyWorkingDirectoryIsTheRoot) {
   EXPECT_EQ(in_child(in_own_root), true);
   EXPECT_TRUE(std::filesystem::exists(root_ + "/ip_user_cache/bindings.mdb"));
 }
-
-TEST_F(SettingsTest, AllProblemsAreFoundInOneRunWithTheirLines) {
-  settings("Lifetime=x\nDurabel=yes\nDirectory=/a\nDirectory=/b\nnothing\nServer=db\n");  // from line 2 on
-  std::vector<std::string> found;
-  for (const SettingsProblem& problem : torrin::examine_settings(workdir_).problems) {
-    found.push_back((problem.fatal ? "!" : "?") + std::to_string(problem.line) + " " + problem.text);
-  }
-  using testing::StartsWith;
-  EXPECT_THAT(found, testing::UnorderedElementsAre(
-                         StartsWith("!2 section IPUserCache, key Lifetime: \"x\""),
-                         "?3 the key Durabel is unknown and ignored; did you mean Durable?",
-                         StartsWith("!5 section IPUserCache, key Directory: \"/b\""),
-                         StartsWith("?5 [IPUserCache] Directory is given again, line 4"),
-                         StartsWith("!6 '=' missing"), "?7 Server is not used with Backend=local"));
-  settings("lifetime=5\n[Other]\nx=1\n");
-  ASSERT_EQ(start(), 0);
-  EXPECT_EQ(log_lines("INF", "lifetime") + log_lines("INF", "Other"), 2) << "told, but nothing to stop for";
-}
