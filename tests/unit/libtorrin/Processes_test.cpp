@@ -45,36 +45,6 @@ TEST_F(ProcessesTest, ANewLeaderReplacesAnOldOrMissingCompactCopyAtOnce) {
   EXPECT_TRUE(replaced(500)) << "the leader's file could not be opened at first";
 }
 
-TEST_F(ProcessesTest, AForkWhileThreadsAreInsideCallsIsSafe) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-  GTEST_SKIP() << "the sanitizer's own allocator stays locked in a child when another thread was inside it";
-#endif
-  ASSERT_EQ(start(), 0);
-  std::atomic<bool> stop{false};
-  std::vector<std::thread> callers;
-  for (const std::string& ip : addresses(3)) {
-    callers.emplace_back([&, ip] {
-      while (!stop) {
-        EXPECT_EQ(bind(ip, ip), 0);
-        EXPECT_EQ(lookup(ip), ip);
-        std::thread([&] { EXPECT_EQ(lookup(ip), ip); }).join();  // threads come and go with their slots
-      }
-    });
-  }
-  for (int i = 0; i < 40; ++i) {
-    const std::string ip = "10.0.1." + std::to_string(i);
-    const auto child = [&] {
-      alarm(20);
-      return bind(ip, "c") == 0 && lookup(ip) == "c";
-    };
-    EXPECT_EQ(in_child(child), true) << i;
-    EXPECT_EQ(lookup(ip), "c");
-  }
-  stop = true;
-  for (std::thread& caller : callers) caller.join();
-  EXPECT_EQ(log_lines("ERR"), 0);
-}
-
 // More threads than there are reader slots, one after the other and in several processes.
 TEST_F(ProcessesTest, SlotsOfEndedThreadsAndProcessesAreUsedAgain) {
   ASSERT_EQ(start(), 0);

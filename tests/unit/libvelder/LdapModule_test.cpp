@@ -138,7 +138,7 @@ TEST_F(LdapModuleTest, SettingsThatWereCutShortKeepTheServersSnapshot) {
   }
 }
 
-TEST_F(LdapModuleTest, LookUpsUnderReloadsAndForksSeeOneOfTheTwoStates) {
+TEST_F(LdapModuleTest, LookUpsUnderReloadsSeeOneOfTheTwoStates) {
   const auto descriptors = [] {
     const std::filesystem::directory_iterator all("/proc/self/fd");
     return std::distance(begin(all), end(all));
@@ -166,10 +166,6 @@ TEST_F(LdapModuleTest, LookUpsUnderReloadsAndForksSeeOneOfTheTwoStates) {
   }
   other_reloads.request_stop();
   other_reloads.join();
-#if !defined(__SANITIZE_ADDRESS__) && \
-    !defined(__SANITIZE_THREAD__)  // their allocators may be locked in the child
-  for (int round = 0; round < 20; ++round) EXPECT_EQ(in_child([] { return who_is("zoe") == kZoe; }), true);
-#endif
   stop = true;
   threads.clear();
   ASSERT_EQ(initialize(), 0);
