@@ -71,6 +71,17 @@ TEST_F(CacheTest, OverlongKeyIsStoredCutAndNeverFound) {
   EXPECT_EQ(Velder::reply_cache_total_count, 3);
 }
 
+TEST_F(CacheTest, ABucketIsSweptOfWhatHasExpired) {
+  EXPECT_EQ(Velder::bm_sbox_hash("\x01\xff", 2, 0), ((0x5F14C86BU * 3) ^ 0x45EF170AU) * 3);
+  const unsigned bucket = Velder::bm_sbox_hash("key", 3, 0) % 5000;
+  store("key", 10);
+  Velder::recycle_expired_nodes(kUserInfo, bucket, g_now + 10);
+  Velder::recycle_expired_nodes(kUserInfo, bucket + 1, g_now + 11);
+  EXPECT_EQ(Velder::reply_cache_total_count, 1);
+  Velder::recycle_expired_nodes(kUserInfo, bucket, g_now + 11);
+  EXPECT_EQ(Velder::reply_cache_total_count, 0);
+}
+
 TEST_F(CacheTest, AReplyThatWasBegunBeforeAResetIsNotStored) {
   const auto store_begun_at = [](uint32_t generation) {
     return Velder::update_reply_cache(kUserInfo, "key", "reply", 10, generation);
@@ -132,7 +143,7 @@ TEST_F(CacheTest, AnswersAndCountersAreThoseOfAFullSweepAtEveryUpdate) {
     const std::string encoded = response.SerializePartialAsString();
     const int result =
         random() % 2 == 0
-            ? Velder::update_reply_cache(type, key.c_str(), ttl < 1 ? nullptr : &response, ttl)
+            ? Velder::update_reply_cache(type, key.c_str(), ttl < -2 ? nullptr : &response, ttl)
             : Velder::update_reply_cache(type, key.c_str(), encoded, ttl, Velder::reply_cache_generation());
     ASSERT_EQ(result, model.update(type, key, encoded, ttl)) << "step " << step;
     ASSERT_EQ(static_cast<size_t>(Velder::reply_cache_total_count), model.items.size()) << "step " << step;
