@@ -22,6 +22,7 @@
 #include <thread>
 
 #include "brellog/VrLog.h"
+#include "daemonbase/Immortal.h"
 #include "daemonbase/UniqueFd.h"
 
 namespace torrin {
@@ -63,6 +64,13 @@ constinit std::atomic<uint64_t> g_next_epoch{1};
 constinit Store* g_stores = nullptr;  // guarded by the opening lock
 
 thread_local ThreadReader t_reader;
+
+// Transactions whose slots are others' by now: to end one would give its slot back, so they stay for ever.
+// Guarded by the opening lock.
+std::vector<MDB_txn*>& lost_transactions() {
+  static const Immortal<std::vector<MDB_txn*>> lost;
+  return lost.get();
+}
 
 void watch_forks() {
   static const int result = pthread_atfork([] { g_opening_lock.lock(); }, [] { g_opening_lock.unlock(); },
@@ -185,6 +193,7 @@ void ThreadReader::release() {
 void ThreadReader::forget(Store& store) {
   const std::lock_guard lock(g_opening_lock);
   std::erase(store.readers_, this);
+  lost_transactions().push_back(txn);
   txn = nullptr;
   epoch = 0;
 }
