@@ -214,7 +214,7 @@ inline Server::Serve answering(std::function<void(Peer&, const Request&)> search
 }
 
 // The same for searches that bring one entry, unless it has no attributes, and end with `code`.
-inline Server::Serve bringing(std::string dn, std::vector<Attribute> attributes, int code = 0) {
+inline Server::Serve bringing(const std::string& dn, const std::vector<Attribute>& attributes, int code = 0) {
   return answering([=](Peer& peer, const Request& request) {
     if (!attributes.empty()) peer.send(entry(request.id, dn, attributes));
     peer.send(result(request.id, kSearchDone, code));
