@@ -55,10 +55,13 @@ find_ldap_sync() {
     fi
   done
   command -v ldap_sync && return
-  # A daemon that was built and not installed has it in its own folder.
+  # A daemon that was built and not installed has it in its own folder. Not anybody's process that has the name: only
+  # root and the owner of this folder may say what is run here.
   pid=$(cat "$pid_file" 2>/dev/null)
-  program=$(readlink "/proc/$pid/exe") && is_daemon "$pid" && [ -x "${program%/*}/ldap_sync" ] &&
-    printf '%s\n' "${program%/*}/ldap_sync"
+  program=$(readlink "/proc/$pid/exe") && is_daemon "$pid" || return
+  case $(sed -n 's/^Uid:[^0-9]*\([0-9]*\).*/\1/p' "/proc/$pid/status") in
+    0 | "$(stat -c %u "$folder")") [ -x "${program%/*}/ldap_sync" ] && printf '%s\n' "${program%/*}/ldap_sync" ;;
+  esac
 }
 
 # As the account that owns the folder: what root left there the daemon could neither read nor replace.

@@ -42,10 +42,10 @@ watch("parent")
 
 
 class Family:
-    def __init__(self, folder, name="AuthDaemon", program=sys.executable):
+    def __init__(self, folder, name="AuthDaemon", program=sys.executable, user=None):
         self.process = subprocess.Popen([program, "-c", FAMILY, f"{folder}/LdapSyncTool.sh >/dev/null", name],
                                         stdout=subprocess.PIPE, text=True, start_new_session=True,
-                                        env=environment(folder))
+                                        user=user, env=environment(folder))
         assert self.line() == "ready"
         (folder / "pid").write_text(str(self.process.pid))
 
@@ -122,6 +122,24 @@ def test_without_ldap_sync_only_the_ldif_source_is_served(folder, settings, sour
     assert ("needs ldap_sync" if source == "ldap" else "not running") in run(folder).stdout
 
 
+def let_others_in(folder):
+    for path in folder.parents:
+        if path.stat().st_uid == 0 and path.stat().st_mode & 0o001 == 0:
+            path.chmod(path.stat().st_mode | 0o011)  # the temporary folder of the tests is root's alone
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="takes two accounts")
+def test_ldap_sync_beside_somebody_elses_process_is_not_run(folder):
+    """The pid of a daemon that was killed may be anybody's by now, and so may its name."""
+    (folder / "LdapSetting.ini").write_text("[LDAP_Setting]\nSource=ldap\n")
+    (folder / "programs").mkdir()
+    let_others_in(folder / "programs")
+    with Family(folder, program=shutil.copy(sys.executable, folder / "programs"), user=65534):
+        shutil.copy(shutil.which("true"), folder / "programs/ldap_sync")
+        done = run(folder)
+        assert done.returncode == 1 and "needs ldap_sync" in done.stdout, done
+
+
 @pytest.mark.parametrize("place", ["AUTH_PROGRAM_DIR", "PATH", "beside", "daemon"])
 def test_ldap_sync_is_found_and_runs_first(folder, place):
     """One that notes its arguments and account beside the script, and complains on standard error."""
@@ -138,9 +156,7 @@ def test_ldap_sync_is_found_and_runs_first(folder, place):
     with Family(folder, program=shutil.copy(sys.executable, programs) if place == "daemon" else sys.executable) as family:
         if os.geteuid() == 0:  # root fills the snapshot as the account of the folder
             os.chown(folder, 65534, 65534)
-            for path in folder.parents:
-                if path.stat().st_uid == 0 and path.stat().st_mode & 0o001 == 0:
-                    path.chmod(path.stat().st_mode | 0o011)  # the temporary folder of the tests is root's alone
+            let_others_in(folder)
         done = run(folder, "verbose", **more)
         assert done.returncode == 0 and "ldap_sync: a remark" in done.stdout, done
         assert (folder / "ran").read_text() == (
