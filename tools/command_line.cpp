@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <iostream>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace command_line {
@@ -20,9 +21,18 @@ std::string first_unknown(const CLI::App& app) {
 }
 
 // The arguments come back in the messages; what would drive the terminal does not.
-std::string without_controls(std::string text) {
-  std::erase_if(text, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
-  return text;
+std::string without_controls(std::string_view text) {
+  std::string kept;
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    const bool second_half = kept.ends_with('\xc2') && byte >= 0x80 && byte < 0xa0;  // in UTF-8 they have two
+    if (second_half) {
+      kept.pop_back();
+    } else if (byte >= ' ' && byte != 0x7f) {
+      kept += c;
+    }
+  }
+  return kept;
 }
 
 std::string words_of(const CLI::App& app, const CLI::ParseError& error) {

@@ -71,6 +71,8 @@ def test_password__from_a_terminal_is_asked_for_without_echo(served, typed, end,
 @pytest.mark.parametrize("command, status, expected", [
     ("authctl --nope", USAGE, "authctl: there is no option '--nope'"),
     ("authctl user-info --nope", USAGE, "authctl: there is no option '--nope'"),
+    # Nothing that drives the terminal comes back, in neither form.
+    (r"""authctl "$(printf 'no\033[2J\302\23331mpe')" """, USAGE, "authctl: there is no command 'no[2J31mpe'"),
     ("authhelper --mdoe basic", USAGE, "authhelper: there is no option '--mdoe'"),
     ("ldap_sync --workdir ''", USAGE, "ldap_sync: --workdir: the folder is empty"),
     ("ipcache_dump", USAGE, "ipcache_dump: file is required"),
