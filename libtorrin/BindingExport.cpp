@@ -84,8 +84,6 @@ bool is_earlier_export(int fd) {
   return pread(fd, line.data(), line.size(), 0) == static_cast<ssize_t>(line.size()) && line == kExportHeader;
 }
 
-// The cache's own files decide about all bindings, so nobody exports among them. Even to look at its lock
-// file would be too much: closing it drops the locks of this process.
 bool is_same_folder(int folder, const std::string& other) {
   struct stat one {};
   struct stat two {};
@@ -101,7 +99,8 @@ bool is_name_of_settings(std::string_view name) {
 }
 
 Result check_place(int folder, const std::string& name, const ExportRules& rules) {
-  // Even to look at the store's lock file would be too much: closing it drops the locks of this process.
+  // The store's files decide about all bindings. Even to look at its lock file would be too much: closing it
+  // drops the locks of this process.
   if (is_same_folder(folder, rules.own_folder)) return tl::unexpected<std::string>("the cache's own folder");
   if (is_name_of_settings(name) && is_same_folder(folder, rules.workdir)) {
     return tl::unexpected<std::string>("the daemon would take it for its own file");
