@@ -6,6 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "brellog/VrLog.h"
 #include "daemon/AuthDaemon.h"
@@ -28,9 +30,17 @@ void take_recorded_time(uint32_t now) {
   if (recorded != 0 && now > recorded && last_sync_time < recorded) last_sync_time = recorded;
 }
 
+// The account may not look at a process that was root before, so the script could not find out.
+void tell_program_folder() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (!error) setenv("AUTH_DAEMON_DIR", program.parent_path().c_str(), 1);
+}
+
 [[noreturn]] void run_script(time_t now) {
   close(g_listen_socket);  // a script that outlives the daemon must not keep the port
   umask(kScriptUmask);
+  tell_program_folder();
   restore_default_signals();
   for (unsigned int left = kDelaySeconds; left > 0;) left = sleep(left);
   const std::string command = sync_command(g_workdir, g_verbose_log, sync_log_date(now));

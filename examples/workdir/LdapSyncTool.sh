@@ -47,6 +47,16 @@ configured_source() {
   ' "$folder/LdapSetting.ini"
 }
 
+# The folder of the running daemon's program. Not that of anybody's process that has the name: only root and the owner
+# of this folder may say what is run here.
+daemon_folder() {
+  pid=$(cat "$pid_file" 2>/dev/null)
+  program=$(readlink "/proc/$pid/exe") && is_daemon "$pid" || return
+  case $(sed -n 's/^Uid:[^0-9]*\([0-9]*\).*/\1/p' "/proc/$pid/status") in
+    0 | "$(stat -c %u "$folder")") printf '%s\n' "${program%/*}" ;;
+  esac
+}
+
 find_ldap_sync() {
   for place in "${AUTH_PROGRAM_DIR:-$folder}" "$folder"; do
     if [ -f "$place/ldap_sync" ] && [ -x "$place/ldap_sync" ]; then
@@ -55,13 +65,9 @@ find_ldap_sync() {
     fi
   done
   command -v ldap_sync && return
-  # A daemon that was built and not installed has it in its own folder. Not anybody's process that has the name: only
-  # root and the owner of this folder may say what is run here.
-  pid=$(cat "$pid_file" 2>/dev/null)
-  program=$(readlink "/proc/$pid/exe") && is_daemon "$pid" || return
-  case $(sed -n 's/^Uid:[^0-9]*\([0-9]*\).*/\1/p' "/proc/$pid/status") in
-    0 | "$(stat -c %u "$folder")") [ -x "${program%/*}/ldap_sync" ] && printf '%s\n' "${program%/*}/ldap_sync" ;;
-  esac
+  # A daemon that was built and not installed has it in its own folder, which it tells the script that it runs.
+  place=${AUTH_DAEMON_DIR:-$(daemon_folder)}
+  if [ -n "$place" ] && [ -x "$place/ldap_sync" ]; then printf '%s\n' "$place/ldap_sync"; fi
 }
 
 # As the account that owns the folder: what root left there the daemon could neither read nor replace.

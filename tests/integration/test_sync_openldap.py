@@ -108,9 +108,9 @@ def expect_everybody(ask):
     assert ask.users("crowd c0000") == [people.crowd_uid(number) for number in range(10)]
 
 
-def test_schedule__from_an_empty_folder_to_a_snapshot(daemon, slapd, monkeypatch):
-    """Without anybody's help. Before the first snapshot the answers are the server's, then nothing needs it."""
-    monkeypatch.setenv("AUTH_PROGRAM_DIR", os.environ["AUTHD_PROGRAMS"])
+def test_schedule__from_an_empty_folder_to_a_snapshot(daemon, slapd):
+    """Without anybody's help or an installation. Before the first snapshot the answers are the server's, then nothing
+    needs it."""
     place(slapd)
     workdir.place_script()
     before = int(time.time())
