@@ -19,6 +19,8 @@ namespace {
 // Receives that nearly every frame is complete after, or that find nothing more.
 constexpr int kQuickRounds = 2;
 
+constexpr size_t kSmallBuffer = 4096;  // a page
+
 enum class FrameState { kHeaderMissing, kIncomplete, kComplete };
 
 // The comparison is signed: a negative length makes any frame complete.
@@ -97,7 +99,8 @@ int message_integrity_check(const char* buffer, int received) {
 }
 
 void wipe(std::string& text) {
-  text.resize(text.capacity());
+  // A longer text may have stood there before. What was never used of a large buffer has no memory yet.
+  if (text.capacity() <= kSmallBuffer) text.resize(text.capacity());
   explicit_bzero(text.data(), text.size());
   text.clear();
 }

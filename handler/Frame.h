@@ -34,7 +34,8 @@ int message2buffer(int type, const google::protobuf::Message* msg, std::string& 
 // result of the last receive call. 1 when the frame may be processed, 0 after a log line otherwise.
 int message_integrity_check(const char* buffer, int received);
 
-// Overwrites all of the text's buffer, which may have held a password, and empties it.
+// Overwrites the text, which may have held a password, and what stood in a small buffer before it; empties
+// it.
 void wipe(std::string& text);
 
 enum class GatherResult {

@@ -13,6 +13,7 @@ import time
 from collections import namedtuple
 from pathlib import Path
 
+import pytest
 from harness import sandbox, wire
 
 PROGRAMS = os.environ["AUTHD_PROGRAMS"]
@@ -253,6 +254,8 @@ class Daemon:
     def without_descriptors(self, limit, free=0):
         """The only worker has no more than `free` left of so many."""
         [worker] = self.workers()
+        if "libubsan" in Path(f"/proc/{worker}/maps").read_text("ascii"):
+            pytest.skip("the sanitizer looks at a new object's type by way of a pipe and ends a program that can have none")
         with contextlib.ExitStack() as connections:
             while len(self.descriptors(worker)) < limit - free:
                 connections.enter_context(wire.Connection()).query("192.0.2.254")
