@@ -5,6 +5,7 @@ import shutil
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 
 import pytest
@@ -65,9 +66,12 @@ def environment(folder):
 
 
 @pytest.fixture
-def folder(tmp_path):
-    shutil.copy(SCRIPT, tmp_path)
-    return tmp_path
+def folder():
+    """Not one of pytest's own, which other accounts may not enter."""
+    with tempfile.TemporaryDirectory() as name:
+        os.chmod(name, 0o755)
+        shutil.copy(SCRIPT, name)
+        yield pathlib.Path(name)
 
 
 def run(folder, *arguments, **more):
@@ -122,18 +126,11 @@ def test_without_ldap_sync_only_the_ldif_source_is_served(folder, settings, sour
     assert ("needs ldap_sync" if source == "ldap" else "not running") in run(folder).stdout
 
 
-def let_others_in(folder):
-    for path in folder.parents:
-        if path.stat().st_uid == 0 and path.stat().st_mode & 0o001 == 0:
-            path.chmod(path.stat().st_mode | 0o011)  # the temporary folder of the tests is root's alone
-
-
 @pytest.mark.skipif(os.geteuid() != 0, reason="takes two accounts")
 def test_ldap_sync_beside_somebody_elses_process_is_not_run(folder):
     """The pid of a daemon that was killed may be anybody's by now, and so may its name."""
     (folder / "LdapSetting.ini").write_text("[LDAP_Setting]\nSource=ldap\n")
     (folder / "programs").mkdir()
-    let_others_in(folder / "programs")
     with Family(folder, program=shutil.copy(sys.executable, folder / "programs"), user=65534):
         shutil.copy(shutil.which("true"), folder / "programs/ldap_sync")
         done = run(folder)
@@ -156,7 +153,6 @@ def test_ldap_sync_is_found_and_runs_first(folder, place):
     with Family(folder, program=shutil.copy(sys.executable, programs) if place == "daemon" else sys.executable) as family:
         if os.geteuid() == 0:  # root fills the snapshot as the account of the folder
             os.chown(folder, 65534, 65534)
-            let_others_in(folder)
         done = run(folder, "verbose", **more)
         assert done.returncode == 0 and "ldap_sync: a remark" in done.stdout, done
         assert (folder / "ran").read_text() == (
