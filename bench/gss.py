@@ -9,16 +9,13 @@ import os
 import pathlib
 import shutil
 import subprocess
-import sys
 import tempfile
 from collections import namedtuple
 
 import machine
+import realm
 import servers
 from machine import WORKDIR, Broken
-
-sys.path.append(str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "fuzz"))
-import gss_mutation  # noqa: E402  pylint: disable=wrong-import-position
 
 NTLM_TITLE, NEGOTIATE_TITLE = "NTLM exchanges", "Negotiate exchanges"
 TITLES = (NTLM_TITLE, NEGOTIATE_TITLE)
@@ -45,7 +42,7 @@ def cases(folder):
     return (Case(NTLM_TITLE, "ntlm", f"{folder}/users", "ntlm_auth",
                  ["ntlm_auth", "--helper-protocol=squid-2.5-ntlmssp", "--username=alice", "--domain=CORP",
                   "--password=password", "--configfile=/dev/null"], ("ntlm_auth",)),
-            Case(NEGOTIATE_TITLE, "negotiate", f"HTTP@{gss_mutation.HOST}", "negotiate_kerberos_auth",
+            Case(NEGOTIATE_TITLE, "negotiate", f"HTTP@{realm.HOST}", "negotiate_kerberos_auth",
                  [KERBEROS_HELPER, "-k", f"{folder}/keytab", "-s", "GSS_C_NO_NAME"], (KERBEROS_HELPER, *KDC)))
 
 
@@ -99,7 +96,7 @@ def measure(bench, only, progress):
             if tool := missing(case):
                 found.append(Exchanges(case.title, "", case.name, missing=tool))
         wanted = [case for case in wanted if not missing(case)]
-        kdc = gss_mutation.start_realm(folder) if any("krb5kdc" in case.tools for case in wanted) else None
+        kdc = realm.start(folder) if any("krb5kdc" in case.tools for case in wanted) else None
         if wanted:
             place(folder)
             daemon = servers.Daemon(bench.program("AuthDaemon"))

@@ -1,5 +1,9 @@
 """What the table says of a goal is what the table's reader decides by."""
 
+import subprocess
+import sys
+from pathlib import Path
+
 import pytest
 
 import report
@@ -47,3 +51,10 @@ def test_every_goal_stands_beside_a_server_of_its_row():
     for row in rows.ROWS:
         names = {contestant.name for contestant in row.contestants()}
         assert len(names) == 1 + len(row.others) and {goal.against for goal in row.goals} <= names, row.title
+
+
+def test_titles_are_listed():
+    """Which takes every file of a run, also those whose rows are measured seldom."""
+    done = subprocess.run([sys.executable, Path(__file__).with_name("run.py"), "build", "--list"], capture_output=True,
+                          text=True, check=False)
+    assert done.returncode == 0 and "NTLM exchanges" in done.stdout.splitlines(), done
